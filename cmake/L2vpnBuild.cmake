@@ -1,0 +1,76 @@
+# How everything here is compiled, and the two helpers that the directories use.
+
+option(L2VPN_WERROR "Treat warnings as errors" OFF)
+set(L2VPN_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
+option(L2VPN_COVERAGE "Instrument for coverage" OFF)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
+endif()
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+find_package(Threads REQUIRED)
+
+add_library(l2vpn_build INTERFACE)
+target_compile_options(l2vpn_build INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+target_compile_definitions(l2vpn_build INTERFACE _GNU_SOURCE)
+if(L2VPN_WERROR)
+    target_compile_options(l2vpn_build INTERFACE -Werror)
+endif()
+if(L2VPN_SANITIZE)
+    # Recovery is off: the first report ends the program, so that no test passes over one.
+    target_compile_options(l2vpn_build INTERFACE
+        -fsanitize=${L2VPN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(l2vpn_build INTERFACE -fsanitize=${L2VPN_SANITIZE})
+endif()
+if(L2VPN_COVERAGE)
+    target_compile_options(l2vpn_build INTERFACE --coverage -O0)
+    target_link_options(l2vpn_build INTERFACE --coverage)
+endif()
+
+# l2vpn_version_script(TARGET FILE): exports what FILE lists and nothing else.
+function(l2vpn_version_script target file)
+    target_link_options(${target} PRIVATE LINKER:--version-script=${file} LINKER:--no-undefined-version)
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${file})
+endfunction()
+
+# l2vpn_gtest(NAME SOURCES... [LIBS...] [TIMEOUT SECONDS] [LABELS...] [SERIAL]): a GoogleTest program, each
+# of its tests a test of CTest's.
+function(l2vpn_gtest name)
+    cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 60)
+    endif()
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE l2vpn_build ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
+    # Tests are compiled more often than they are run: no optimisation, and the large headers once.
+    target_compile_options(${name} PRIVATE -O0)
+    list(LENGTH ARG_SOURCES sources)
+    if(sources GREATER 2)
+        target_precompile_headers(${name} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+    endif()
+    set(properties TIMEOUT ${ARG_TIMEOUT})
+    if(ARG_LABELS)
+        list(APPEND properties LABELS "${ARG_LABELS}")
+    endif()
+    if(ARG_SERIAL)
+        list(APPEND properties RUN_SERIAL ON)
+    endif()
+    gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
+                         PROPERTIES ${properties})
+endfunction()
