@@ -1,0 +1,161 @@
+#include "trace/file.h"
+#include "trace/format.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+namespace l2vpn::trace {
+namespace {
+
+using platform_posix::unique_fd;
+
+qerrno refuse(std::string &problem, const std::string &path, int cause, const std::string &why)
+{
+    problem = path + ": " + why;
+    return static_cast<qerrno>(cause);
+}
+
+qerrno refuse(std::string &problem, const std::string &path, int cause)
+{
+    return refuse(problem, path, cause, ::strerrordesc_np(cause));
+}
+
+/* Beyond the limit of the process's files the kernel would send SIGXFSZ. */
+bool beyond_limit(std::uint64_t size)
+{
+    rlimit limit{};
+    return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY && size > limit.rlim_cur;
+}
+
+int allocate(int fd, std::uint64_t size)
+{
+    int cause = beyond_limit(size) ? EFBIG : EINTR;
+    while (cause == EINTR) {
+        cause = ::posix_fallocate(fd, 0, static_cast<off_t>(size));
+    }
+    return cause;
+}
+
+/* Whether what is at `path` now may be replaced. */
+qerrno may_replace(const std::string &path, std::string &problem)
+{
+    const unique_fd old(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!old) {
+        return errno == ENOENT ? EOK : refuse(problem, path, errno);
+    }
+    struct stat found {};
+    if (::fstat(old.get(), &found) < 0) {
+        return refuse(problem, path, errno);
+    }
+    if (!S_ISREG(found.st_mode)) {
+        return refuse(problem, path, EEXIST, "there already and not a file");
+    }
+    if (found.st_size == 0) {
+        return EOK;
+    }
+    header head{};
+    const ssize_t length = ::read(old.get(), &head, sizeof head);
+    if (length < static_cast<ssize_t>(sizeof head) || head.magic != magic) {
+        return refuse(problem, path, EEXIST, "there already and not a trace file");
+    }
+    if (::flock(old.get(), LOCK_SH | LOCK_NB) < 0) {
+        return refuse(problem, path, EBUSY, "in use by process " + std::to_string(head.pid));
+    }
+    return EOK;
+}
+
+constexpr std::string_view name_end = ".trace";
+
+/* True for NAME-PID.trace of a process that has ended. */
+bool is_of_dead_process(std::string_view name, std::string_view program)
+{
+    const std::string start = std::string(program) + "-";
+    if (!name.starts_with(start) || !name.ends_with(name_end) ||
+        name.size() <= start.size() + name_end.size()) {
+        return false;
+    }
+    pid_t pid = 0;
+    const char *end = name.data() + name.size() - name_end.size();
+    const auto [stop, error] = std::from_chars(name.data() + start.size(), end, pid);
+    return error == std::errc() && stop == end && pid > 0 && ::kill(pid, 0) < 0 && errno == ESRCH;
+}
+
+} // namespace
+
+std::string path_of_process(const std::string &directory, std::string_view program)
+{
+    return directory + "/" + std::string(program) + "-" + std::to_string(::getpid()) + std::string(name_end);
+}
+
+void remove_dead(const std::string &directory, std::string_view program, std::size_t keep)
+{
+    namespace fs = std::filesystem;
+    std::error_code failed;
+    std::vector<std::pair<fs::file_time_type, std::string>> dead;
+    for (fs::directory_iterator at(directory, failed); !failed && at != fs::directory_iterator();
+         at.increment(failed)) {
+        const std::string path = at->path().string();
+        std::string ignored;
+        std::error_code gone;
+        /* A process of another container may have a pid that is nobody's here: its lock tells. */
+        if (is_of_dead_process(at->path().filename().string(), program) &&
+            may_replace(path, ignored) == EOK) {
+            dead.emplace_back(at->last_write_time(gone), path);
+        }
+    }
+    std::ranges::sort(dead, std::greater<>());
+    for (std::size_t index = keep; index < dead.size(); ++index) {
+        ::unlink(dead[index].second.c_str());
+    }
+}
+
+new_file::~new_file()
+{
+    if (!temporary_.empty()) {
+        ::unlink(temporary_.c_str());
+    }
+}
+
+qerrno new_file::make(const std::string &path, std::uint64_t size, std::string &problem)
+{
+    path_ = path;
+    std::string name = path + ".XXXXXX";
+    fd_.reset(::mkostemp(name.data(), O_CLOEXEC));
+    if (!fd_) {
+        return refuse(problem, path, errno);
+    }
+    temporary_ = name;
+    if (const int cause = allocate(fd_.get(), size); cause != 0) {
+        return refuse(problem, path, cause);
+    }
+    if (::flock(fd_.get(), LOCK_EX | LOCK_NB) < 0) {
+        return refuse(problem, path, errno);
+    }
+    return EOK;
+}
+
+qerrno new_file::move_in_place(std::string &problem)
+{
+    if (const qerrno status = may_replace(path_, problem); status != EOK) {
+        return status;
+    }
+    if (::rename(temporary_.c_str(), path_.c_str()) < 0) {
+        return refuse(problem, path_, errno);
+    }
+    temporary_.clear();
+    return EOK;
+}
+
+} // namespace l2vpn::trace
