@@ -1,0 +1,128 @@
+/*
+ * Byte order. A conversion is a program: a list of steps over one record, each the width and the offset of a
+ * field, known at compile time. A step reverses the bytes of its field, so the same program converts to the
+ * wire and back; what no step names travels as it lies. Records may be unaligned. On a big-endian host a
+ * program does nothing.
+ */
+#ifndef L2VPN_AC_WIRE_H
+#define L2VPN_AC_WIRE_H
+
+#include <l2vpn/l2vpn_ac_msg.h>
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+inline constexpr bool l2vpn_ac_host_is_wire = std::endian::native == std::endian::big;
+
+static_assert(std::endian::native == std::endian::big || std::endian::native == std::endian::little);
+
+inline uint16_t l2vpn_ac_reverse(uint16_t value)
+{
+    return __builtin_bswap16(value);
+}
+inline uint32_t l2vpn_ac_reverse(uint32_t value)
+{
+    return __builtin_bswap32(value);
+}
+inline uint64_t l2vpn_ac_reverse(uint64_t value)
+{
+    return __builtin_bswap64(value);
+}
+
+/* Host order to wire order and back. */
+template <typename T>
+inline T l2vpn_ac_convert(T value)
+{
+    return l2vpn_ac_host_is_wire ? value : l2vpn_ac_reverse(value);
+}
+
+/* The field type of a width in bytes. There is no other width. */
+template <size_t width>
+struct l2vpn_ac_field;
+template <>
+struct l2vpn_ac_field<2> {
+    using type = uint16_t;
+};
+template <>
+struct l2vpn_ac_field<4> {
+    using type = uint32_t;
+};
+template <>
+struct l2vpn_ac_field<8> {
+    using type = uint64_t;
+};
+
+struct l2vpn_ac_step {
+    size_t offset;
+    size_t width;
+};
+
+/* The steps by their field types, at an offset in bytes. */
+constexpr l2vpn_ac_step u16(size_t offset)
+{
+    return {offset, 2};
+}
+constexpr l2vpn_ac_step u32(size_t offset)
+{
+    return {offset, 4};
+}
+constexpr l2vpn_ac_step u64(size_t offset)
+{
+    return {offset, 8};
+}
+
+template <l2vpn_ac_step step>
+inline void l2vpn_ac_convert_field(std::byte *record)
+{
+    typename l2vpn_ac_field<step.width>::type value;
+    std::memcpy(&value, record + step.offset, sizeof value);
+    value = l2vpn_ac_convert(value);
+    std::memcpy(record + step.offset, &value, sizeof value);
+}
+
+template <l2vpn_ac_step... steps>
+struct l2vpn_ac_program {
+    /* Where the last step ends, 0 if there is none; beyond every record if steps overlap or go back. */
+    static constexpr size_t end()
+    {
+        size_t reached = 0;
+        bool ordered = true;
+        ((ordered = ordered && steps.offset >= reached, reached = steps.offset + steps.width), ...);
+        return ordered ? reached : SIZE_MAX;
+    }
+
+    static inline constexpr size_t reach = end();
+
+    static void convert(std::byte *record) { (l2vpn_ac_convert_field<steps>(record), ...); }
+
+    /* This program followed by more steps. */
+    template <l2vpn_ac_step... more>
+    using then = l2vpn_ac_program<steps..., more...>;
+};
+
+/* The header, in either direction, and arrays of interface handles. */
+inline void l2vpn_ac_convert_hdr(l2vpn_ac_msg_hdr_t *hdr)
+{
+    using program = l2vpn_ac_program<u32(0), u32(4), u32(8), u32(12)>;
+    static_assert(program::reach == L2VPN_AC_HDR_LEN);
+    program::convert(reinterpret_cast<std::byte *>(hdr));
+}
+
+inline void l2vpn_ac_convert_words(uint32_t *words, size_t count)
+{
+    for (size_t i = 0; i < count; ++i)
+        words[i] = l2vpn_ac_convert(words[i]);
+}
+
+/* An array of records that lie back to back, `stride` bytes each. */
+template <typename program, size_t stride>
+inline void l2vpn_ac_convert_records(std::byte *record, size_t count)
+{
+    static_assert(program::reach <= stride);
+    for (; count > 0; --count, record += stride)
+        program::convert(record);
+}
+
+#endif
