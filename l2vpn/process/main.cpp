@@ -1,0 +1,190 @@
+/*
+ * l2vpnd: the L2VPN process of one node.
+ *
+ * From the outside in: main makes the event manager, the service (links of the owners) and the control server
+ * (requests of operators), all of which work on the one l2vpn_process (process.h). It is one thread: every
+ * handler runs from the loop below, nothing locks, nothing blocks.
+ *
+ * Signals are read from a descriptor like everything else, so that a clean end is an ordinary event: the links
+ * close, the sockets' files go, the exit status is 0.
+ */
+#include "control_server.h"
+#include "options.h"
+#include "service.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <new>
+#include <platform/config.h>
+#include <platform/debug.h>
+#include <platform/event_loop.h>
+#include <platform/node.h>
+#include <sys/signalfd.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace l2vpnd;
+
+namespace {
+
+constexpr uint32_t greeting_peers = 64; /* links that are opening, beside the owners */
+constexpr int short_wait_ms = 5;
+constexpr int long_wait_ms = 1000;
+
+struct free_event_mgr {
+    void operator()(event_mgr_p evm) const { event_mgr_free(evm); }
+};
+
+exit_status fail(const std::string &what, exit_status status = exit_failed)
+{
+    fprintf(stderr, "l2vpnd: %s\n", what.c_str());
+    return status;
+}
+
+std::string text_of(int cause)
+{
+    return qerr_strerror(static_cast<qerrno>(cause));
+}
+
+/* SIGTERM and SIGINT end the program, SIGHUP is left for later, SIGPIPE is never wanted. */
+int make_signal_fd()
+{
+    signal(SIGHUP, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+void on_signal(event_fd_watch_t * /*watch*/, int fd, uint32_t /*events*/, void *arg)
+{
+    signalfd_siginfo info{};
+    if (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        *static_cast<bool *>(arg) = true;
+    }
+}
+
+/* As it was given, for people. */
+std::string runtime_dir_of(const program_options &options)
+{
+    const char *configured = getenv("L2VPN_RUNTIME_DIR");
+    return !options.runtime_dir.empty() ? options.runtime_dir
+           : configured != nullptr      ? configured
+                                        : "the default folder";
+}
+
+std::string control_path(const std::string &service_path)
+{
+    return service_path.substr(0, service_path.rfind('/') + 1) + "L2VPN.ctl";
+}
+
+/* Runs until told to stop. What waits for owners is tried again every few milliseconds while there is any. */
+exit_status serve(event_mgr_p evm, l2vpn_process &process, control_server &control, const bool &stopping)
+{
+    using clock = control_server::clock;
+    clock::time_point ticked = clock::now();
+    clock::time_point swept = ticked;
+    int wait = long_wait_ms;
+    while (!stopping) {
+        if (event_mgr_dispatch(evm, wait) < 0 && errno != EINTR) {
+            return fail("the event manager failed: " + text_of(errno));
+        }
+        const clock::time_point now = clock::now();
+        wait = short_wait_ms;
+        if (now - ticked >= std::chrono::milliseconds(short_wait_ms)) {
+            ticked = now;
+            process.send_all_waiting();
+            wait = process.anything_waits() ? short_wait_ms : long_wait_ms;
+        }
+        if (now - swept >= std::chrono::seconds(1)) {
+            swept = now;
+            control.tick(now);
+        }
+    }
+    return exit_ok;
+}
+
+exit_status run(program_options &options)
+{
+    if (!options.runtime_dir.empty()) {
+        std::error_code error;
+        options.runtime_dir = std::filesystem::absolute(options.runtime_dir, error);
+        if (error) {
+            return fail("cannot tell the current directory: " + text_of(error.value()));
+        }
+        setenv("L2VPN_RUNTIME_DIR", options.runtime_dir.c_str(), 1);
+    }
+    char service_path[sizeof(sockaddr_un::sun_path)];
+    if (const qerrno status = platform_service_path("L2VPN", service_path, sizeof service_path);
+        status != EOK) {
+        return fail("no socket can be made in " + runtime_dir_of(options) + ": " + qerr_strerror(status));
+    }
+    if (options.nodeid) {
+        options.process.nodeid = *options.nodeid;
+    } else if (const qerrno status = platform_get_my_nodeid(&options.process.nodeid); status != EOK) {
+        return fail(std::string("cannot tell this node's id (give --nodeid): ") + qerr_strerror(status));
+    }
+
+    event_log log(options.to_syslog ? event_log::to_syslog("l2vpnd") : event_log::to_stderr("l2vpnd"),
+                  options.verbose ? LOG_DEBUG : LOG_NOTICE);
+
+    bool stopping = false;
+    const int signals = make_signal_fd();
+    const std::unique_ptr<event_mgr, free_event_mgr> evm(event_mgr_new());
+    if (signals < 0 || evm == nullptr ||
+        event_fd_watch(evm.get(), signals, EVENT_FD_READ, on_signal, &stopping) == nullptr) {
+        return fail("cannot start: " + text_of(errno));
+    }
+    l2vpn_debug_init(evm.get()); /* a trace that cannot be written has its line, and nothing ends for it */
+
+    service owners(log);
+    l2vpn_process process(options.process, owners, log);
+    l2vpn_ipc_server_options_t server{};
+    server.nodeid = options.process.nodeid;
+    server.mtu = options.mtu;
+    server.max_peers = options.process.max_owners + greeting_peers;
+    server.listen_fd = -1;
+    server.group = options.group.empty() ? nullptr : options.group.c_str();
+    std::string error;
+    if (const qerrno status = owners.open(evm.get(), server, process, &error); status != EOK) {
+        return fail(error, status == EADDRINUSE ? exit_in_use : exit_failed);
+    }
+
+    control_options control{};
+    control.path = control_path(owners.path());
+    control.group = server.group;
+    control_server operators(evm.get(), {process, owners.path(), control.path}, log);
+    if (operators.open(control, &error) != EOK) {
+        return fail(error);
+    }
+    if (printf("l2vpnd: ready on %s\n", owners.path().c_str()) < 0 || fflush(stdout) != 0) {
+        return fail("cannot write to standard output: " + text_of(errno));
+    }
+    const exit_status status = serve(evm.get(), process, operators, stopping);
+    owners.close();
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        program_options options;
+        if (const auto status = read_command_line(argc, argv, options)) {
+            return *status;
+        }
+        return run(options);
+    } catch (const std::bad_alloc &) {
+        return fail("out of memory");
+    } catch (const std::exception &error) {
+        return fail(error.what());
+    }
+}

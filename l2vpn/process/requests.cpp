@@ -1,0 +1,165 @@
+/*
+ * What the process does with each message of an owner: one row a type.
+ */
+#include "process.h"
+
+#include <cinttypes>
+#include <l2vpn/l2vpn_ac_msg.h>
+
+namespace l2vpnd {
+
+/* Only what the decoder lets through comes here: types from owner to process, whole and of the right length. */
+const std::array<l2vpn_process::handler_row, message_types> l2vpn_process::s_handlers = {{
+    {L2VPN_AC_MSG_JOIN, &l2vpn_process::on_join},
+    {1, nullptr},
+    {L2VPN_AC_MSG_CREATE, &l2vpn_process::on_create},
+    {L2VPN_AC_MSG_UPDATE, &l2vpn_process::on_update},
+    {4, nullptr},
+    {5, nullptr},
+    {L2VPN_AC_MSG_DELETE, &l2vpn_process::on_delete},
+    {L2VPN_AC_MSG_PROV, nullptr},
+    {L2VPN_AC_MSG_UNPROV, nullptr},
+    {L2VPN_MSTP_MSG_VID_MAP, &l2vpn_process::on_vid_map},
+    {10, nullptr},
+    {L2VPN_MSTP_MSG_STATE, &l2vpn_process::on_state},
+    {L2VPN_MSTP_MSG_PROTECTED, &l2vpn_process::on_protected},
+    {L2VPN_AC_MSG_BULK_NOTIFY, nullptr},
+    {L2VPN_MSTP_MSG_IS_ROOT, &l2vpn_process::on_is_root},
+    {L2VPN_AC_MSG_HDR_NOTIFY, nullptr},
+    {16, nullptr},
+}};
+
+drop l2vpn_process::on_join(owner & /*from*/, const message & /*msg*/, const batch_step & /*step*/)
+{
+    return drop::none; /* counted, like every message */
+}
+
+bool l2vpn_process::fits(const owner &from, const message &msg) const
+{
+    const uint64_t room = m_acs.max_acs() - m_acs.size();
+    if (msg.count <= room) {
+        return true;
+    }
+    /* Only near the limit is it worth telling new ACs from known ones. */
+    const ac_store &store = m_acs.store(from.info.class_id);
+    uint64_t fresh = 0;
+    for (uint32_t i = 0; i < msg.count; i++) {
+        fresh += store.find(from.info.nodeid, msg.handle(i)) == no_slot ? 1 : 0;
+    }
+    return fresh <= room;
+}
+
+/* The slot of an AC that is to be `from`'s from now on, as good as new and on no list. */
+uint32_t l2vpn_process::claim(owner &from, uint32_t handle)
+{
+    ac_store &store = m_acs.store(from.info.class_id);
+    const uint32_t slot = store.find(from.info.nodeid, handle);
+    if (slot == no_slot) {
+        from.count.acs_created++;
+        return store.insert(from.info.nodeid, handle, from.slot);
+    }
+    ac_head &ac = store.head(slot);
+    store.remove(m_owners.at(ac.owner).list(ac.stage), slot);
+    (ac.owner == from.slot ? from.count.acs_replaced : from.count.acs_taken_over)++;
+    ac.owner = from.slot;
+    ac.provisioned = false;
+    ac.wanted = false;
+    return slot;
+}
+
+drop l2vpn_process::on_create(owner &from, const message &msg, const batch_step &step)
+{
+    if (!fits(from, msg)) {
+        return drop::limit;
+    }
+    ac_store &store = m_acs.store(from.info.class_id);
+    store.reserve(msg.count);
+    for (uint32_t i = 0; i < msg.count; i++) {
+        const uint32_t slot = claim(from, msg.handle(i));
+        store.set_definition(slot, msg.definition(i));
+        store.set_info(slot, msg.info(i));
+        store.head(slot).stage = ac_stage::batched;
+        store.append(from.list(ac_stage::batched), slot);
+    }
+    if (!step.inside) {
+        settle(from);
+    }
+    return drop::none;
+}
+
+/* What there is to do when a batch is complete, also if its last message was dropped. */
+void l2vpn_process::end_batch(owner &of, uint32_t type)
+{
+    if (type == L2VPN_AC_MSG_CREATE) {
+        settle(of);
+    } else if (type == L2VPN_MSTP_MSG_VID_MAP) {
+        of.mstp.end_vlans();
+    }
+}
+
+uint32_t l2vpn_process::find_own(const owner &from, uint32_t handle) const
+{
+    const ac_store &store = m_acs.store(from.info.class_id);
+    const uint32_t slot = store.find(from.info.nodeid, handle);
+    return slot != no_slot && store.head(slot).owner == from.slot ? slot : no_slot;
+}
+
+drop l2vpn_process::on_update(owner &from, const message &msg, const batch_step & /*step*/)
+{
+    ac_store &store = m_acs.store(from.info.class_id);
+    for (uint32_t i = 0; i < msg.count; i++) {
+        const uint32_t slot = find_own(from, msg.handle(i));
+        if (slot != no_slot) {
+            store.set_info(slot, msg.info(i));
+            from.count.acs_updated++;
+        } else {
+            from.count.unknown_updates++;
+            m_log.write(topic::unknown, LOG_WARNING,
+                        "owner %" PRIu64 " (class %u, node %u): update of AC 0x%08x, which it does not have",
+                        from.info.peer_id, from.info.class_id, from.info.nodeid, msg.handle(i));
+        }
+    }
+    return drop::none;
+}
+
+drop l2vpn_process::on_delete(owner &from, const message &msg, const batch_step & /*step*/)
+{
+    ac_store &store = m_acs.store(from.info.class_id);
+    for (uint32_t i = 0; i < msg.count; i++) {
+        const uint32_t slot = find_own(from, msg.handle(i));
+        if (slot != no_slot) {
+            store.remove(from.list(store.head(slot).stage), slot);
+            store.erase(slot);
+            from.count.acs_deleted++;
+        } else {
+            from.count.unknown_deletes++;
+            m_log.write(topic::unknown, LOG_WARNING,
+                        "owner %" PRIu64 " (class %u, node %u): delete of AC 0x%08x, which it does not have",
+                        from.info.peer_id, from.info.class_id, from.info.nodeid, msg.handle(i));
+        }
+    }
+    return drop::none;
+}
+
+drop l2vpn_process::on_vid_map(owner &from, const message &msg, const batch_step &step)
+{
+    from.mstp.take_vlans(msg, step);
+    return drop::none;
+}
+
+drop l2vpn_process::on_state(owner &from, const message &msg, const batch_step & /*step*/)
+{
+    return from.mstp.take_states(msg);
+}
+
+drop l2vpn_process::on_protected(owner &from, const message &msg, const batch_step & /*step*/)
+{
+    return from.mstp.take_protection(msg);
+}
+
+drop l2vpn_process::on_is_root(owner &from, const message &msg, const batch_step & /*step*/)
+{
+    return from.mstp.take_roots(msg);
+}
+
+} // namespace l2vpnd
