@@ -1,0 +1,54 @@
+/*
+ * The client's end of the control socket: one request, the rows of its answer, its result.
+ */
+#ifndef L2VPNCTL_CONTROL_LINK_H
+#define L2VPNCTL_CONTROL_LINK_H
+
+#include <chrono>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace l2vpnctl {
+
+using json = nlohmann::ordered_json;
+
+enum exit_status { exit_ok = 0, exit_failed = 1, exit_usage = 2, exit_unreachable = 3, exit_broken = 4 };
+
+/* Thrown with one line for people. */
+struct failure {
+    exit_status status;
+    std::string text;
+};
+
+/* The control socket under a runtime directory; an empty one is the platform's default. */
+std::string control_path(const std::string &runtime_dir);
+
+class control_link {
+public:
+    /* Throws failure. `patience` bounds every wait for the process. */
+    control_link(std::string path, std::chrono::milliseconds patience);
+    ~control_link();
+    control_link(const control_link &) = delete;
+    control_link &operator=(const control_link &) = delete;
+
+    /* Calls `row` for each row of the answer and returns its result. Throws failure, also when the process
+     * refuses the request. */
+    json ask(const std::string &verb, const json &args, const std::function<void(const json &row)> &row);
+
+private:
+    void wait_for(short events);
+    void send(const std::string &line);
+    std::string read_line();
+    [[noreturn]] void broken(const std::string &why) const;
+
+    std::string m_path;
+    std::chrono::milliseconds m_patience;
+    int m_fd = -1;
+    std::string m_in;
+    size_t m_begin = 0; /* of what is not yet taken in m_in */
+};
+
+} // namespace l2vpnctl
+
+#endif

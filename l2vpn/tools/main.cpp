@@ -1,0 +1,88 @@
+/*
+ * l2vpnctl: what an operator talks to l2vpnd with. One command line is one request; the answer is printed as a
+ * table or, with --json, as one JSON document, whose rows are printed as they come: it can be far larger
+ * than what anybody wants in memory.
+ */
+#include "command_line.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+using namespace l2vpnctl;
+
+namespace {
+
+void write_out(const std::string &text)
+{
+    if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+        throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
+    }
+}
+
+style style_of(const command_line &line)
+{
+    style how;
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const char *no_colour = getenv("NO_COLOR");
+    how.colour = line.colour == "always" ||
+                 (line.colour == "auto" && terminal && (no_colour == nullptr || *no_colour == '\0'));
+    winsize size{};
+    if (terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
+        how.width = size.ws_col;
+    }
+    return how;
+}
+
+void ask_for_people(control_link &link, const command_line &line)
+{
+    const view_ptr view = line.what.view();
+    const json result =
+        link.ask(line.what.verb, line.what.args, [&view](const json &row) { view->take(row); });
+    write_out(view->print(result, style_of(line)));
+}
+
+void ask_for_programs(control_link &link, const command_line &line)
+{
+    const command &what = line.what;
+    if (what.rows == nullptr) {
+        write_out(link.ask(what.verb, what.args, [](const json &) {}).dump(2) + "\n");
+        return;
+    }
+    /* Nothing is printed before the first sign of a good answer. */
+    const std::string head = std::string("{\"") + what.rows + "\":[";
+    bool first = true;
+    const json result = link.ask(what.verb, what.args, [&](const json &row) {
+        write_out((first ? head : ",") + "\n" + row.dump());
+        first = false;
+    });
+    write_out((first ? head : "\n") + "],\"" + what.summary + "\":" + result.dump() + "}\n");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        command_line line;
+        if (const auto status = read_command_line(argc, argv, line)) {
+            return *status;
+        }
+        control_link link(control_path(line.runtime_dir), line.patience);
+        (line.as_json ? ask_for_programs : ask_for_people)(link, line);
+        if (fflush(stdout) != 0) {
+            throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
+        }
+        return exit_ok;
+    } catch (const failure &why) {
+        fprintf(stderr, "l2vpnctl: %s\n", why.text.c_str());
+        return why.status;
+    } catch (const std::exception &error) {
+        fprintf(stderr, "l2vpnctl: %s\n", error.what());
+        return exit_failed;
+    }
+}
