@@ -1,0 +1,91 @@
+#include "compare.h"
+#include "console.h"
+#include "inventory.h"
+#include "mstp.h"
+#include "options.h"
+#include "owner.h"
+#include "wire.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+namespace {
+
+// What the process holds, from a file or ('-') from standard input.
+template <typename Intended>
+int compare_with(const std::string &path, const Intended &intended)
+{
+    if (path == "-")
+        return owner::compare(intended, std::cin, std::cout) ? 0 : owner::exit_failed;
+    std::ifstream file(path);
+    if (!file) {
+        std::cerr << "l2vpn-owner: " << path << ": " << std::strerror(errno) << '\n';
+        return owner::exit_bad_input;
+    }
+    return owner::compare(intended, file, std::cout) ? 0 : owner::exit_failed;
+}
+
+int run(int argc, char **argv)
+{
+    owner::options chosen;
+    int status = 0;
+    if (!owner::parse_options(argc, argv, chosen, status))
+        return status;
+    owner::interface_list interfaces;
+    owner::fault_list faults(chosen.inventory);
+    if (!owner::read_inventory(chosen.inventory, interfaces, faults)) {
+        faults.print(std::cerr);
+        return owner::exit_bad_input;
+    }
+    owner::mstp_scenario scenario;
+    owner::fault_list scenario_faults(chosen.mstp);
+    if (!chosen.mstp.empty() && !owner::read_mstp(chosen.mstp, scenario, scenario_faults)) {
+        scenario_faults.print(std::cerr);
+        return owner::exit_bad_input;
+    }
+    if (!chosen.mstp.empty() && std::ranges::none_of(interfaces, [&](const owner::interface_ptr &entry) {
+            return entry->class_id == scenario.class_id;
+        })) {
+        std::cerr << "l2vpn-owner: " << chosen.mstp << ": the inventory has no interface of class "
+                  << scenario.class_id << '\n';
+        return owner::exit_bad_input;
+    }
+    if (chosen.print_expected) {
+        owner::print_expected(interfaces, std::cout);
+        return std::cout.flush() ? 0 : owner::exit_failed;
+    }
+    if (!chosen.compare.empty())
+        status = compare_with(chosen.compare, interfaces);
+    if (!chosen.compare_mstp.empty() && status == 0)
+        status = compare_with(chosen.compare_mstp, scenario);
+    if (!chosen.compare.empty() || !chosen.compare_mstp.empty())
+        return status;
+
+    // The platform reads its configuration when it is first used, which is not yet.
+    // It takes an absolute directory only.
+    if (!chosen.runtime_dir.empty())
+        (void)setenv("L2VPN_RUNTIME_DIR", std::filesystem::absolute(chosen.runtime_dir).c_str(), 1);
+    // Why a class is not connected is said where a person sees it, unless told otherwise.
+    (void)setenv("L2VPN_LOG", "stderr", 0);
+    (void)setenv("L2VPN_MTU", std::to_string(chosen.mtu).c_str(), 1);
+    owner::console out;
+    return owner::interface_owner(chosen, out, chosen.mstp.empty() ? nullptr : &scenario).run(interfaces);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        std::cerr << "l2vpn-owner: " << error.what() << '\n';
+        return owner::exit_failed;
+    }
+}
