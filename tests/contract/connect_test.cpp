@@ -1,0 +1,585 @@
+/*
+ * Connect and disconnect.
+ */
+#include "contract_test.h"
+
+namespace {
+
+using connecting = contract;
+
+/* --- arguments --- */
+
+struct argument {
+    const char *name;
+    bool evm, callbacks, status_cb, handle;
+    std::uint32_t class_id;
+};
+
+class bad_argument : public contract, public testing::WithParamInterface<argument> {};
+
+TEST_P(bad_argument, is_refused_before_anything_is_called)
+{
+    const argument &a = GetParam();
+    if (!a.status_cb)
+        callbacks.status_cb = nullptr;
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(a.evm ? world.evm() : nullptr, 0, a.class_id, a.callbacks ? &callbacks : nullptr,
+                          a.handle ? &hd : nullptr),
+              22u);
+    EXPECT_EQ(lib.connect_nodeid(a.evm ? world.evm() : nullptr, 0, a.class_id,
+                                 a.callbacks ? &callbacks : nullptr, 7, a.handle ? &hd : nullptr),
+              22u);
+    EXPECT_EQ(hd, nullptr);
+    for (const auto &call : world.calls())
+        EXPECT_THAT(call.function, testing::AnyOf(fn::gen_dbg_ltrace_ctx, fn::gen_ltrace));
+    EXPECT_EQ(called(fn::gen_dbg_ltrace_ctx), 2u) << "an exit trace each";
+}
+
+INSTANTIATE_TEST_SUITE_P(arguments, bad_argument,
+                         testing::Values(argument{"callbacks", true, false, true, true, 4},
+                                         argument{"evm", false, true, true, true, 4},
+                                         argument{"class_18", true, true, true, true, 18},
+                                         argument{"class_max", true, true, true, true, 0xffffffff},
+                                         argument{"handle", true, true, true, false, 4},
+                                         argument{"status_cb", true, true, false, true, 4}),
+                         [](const auto &param) { return std::string(param.param.name); });
+
+TEST_F(connecting, ignores_the_spare_argument)
+{
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0xdeadbeef, 4, &callbacks, &hd), 0u);
+}
+
+TEST_F(connecting, needs_no_optional_callback)
+{
+    callbacks = {callbacks.status_cb, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+    connect_up(4);
+}
+
+TEST_F(connecting, copies_the_vector)
+{
+    connect(4);
+    callbacks = {};
+    world.link_of(4).up();
+    world.run();
+    EXPECT_THAT(statuses(), ElementsAre(L2VPN_AC_STATUS_UP));
+}
+
+/* --- the steps --- */
+
+const std::initializer_list<fn> steps = {
+    fn::calloc_named,    fn::mgd_timer_leaf_new,   fn::mgd_timer_leaf_set_addl_context,
+    fn::wavl_insert,     fn::l2vpn_ipc_class_init, fn::l2vpn_ipc_transport_mtu_get,
+    fn::l2vpn_ipc_ucast, fn::mgd_timer_leaf_start, fn::l2vpn_ipc_class_deinit,
+    fn::wavl_delete,     fn::mgd_timer_leaf_free};
+
+TEST_F(connecting, takes_its_steps_in_order)
+{
+    connect(4);
+    EXPECT_THAT(order_of(steps),
+                ElementsAre("calloc_named", "mgd_timer_leaf_new", "mgd_timer_leaf_set_addl_context",
+                            "wavl_insert", "l2vpn_ipc_class_init", "l2vpn_ipc_transport_mtu_get",
+                            "l2vpn_ipc_ucast", "mgd_timer_leaf_start"));
+}
+
+TEST_F(connecting, gives_each_step_its_arguments)
+{
+    const auto hd = connect(4);
+    const auto handle = reinterpret_cast<std::uint64_t>(hd);
+
+    const auto memory = world.calls(fn::calloc_named)[0];
+    EXPECT_EQ(memory.args[0], 1u);
+    EXPECT_EQ(memory.text, "L2VPN AC Client ctx");
+    EXPECT_EQ(static_cast<std::uint64_t>(memory.result), handle);
+
+    const auto leaf = world.calls(fn::mgd_timer_leaf_new)[0];
+    EXPECT_EQ(leaf.args[0], static_cast<std::uint64_t>(world.calls(fn::mgd_timer_tree_new)[0].result));
+    EXPECT_EQ(leaf.args[1], static_cast<std::uint64_t>(world.calls(fn::mgd_timer_parent_new)[0].result));
+    EXPECT_EQ(leaf.args[2], 0u);
+    EXPECT_NE(leaf.args[3], 0u);
+
+    const auto addl = world.calls(fn::mgd_timer_leaf_set_addl_context)[0];
+    EXPECT_EQ(addl.args[0], static_cast<std::uint64_t>(leaf.result));
+    EXPECT_EQ(addl.args[1], 0u);
+    EXPECT_EQ(addl.args[2], handle);
+
+    const auto registration = world.calls(fn::l2vpn_ipc_class_init)[0];
+    EXPECT_EQ(registration.args[1], 4u);
+    EXPECT_EQ(registration.args[2], world.set.nodeid);
+    EXPECT_EQ(registration.args[5], 0u);
+    EXPECT_EQ(registration.args[6], handle);
+
+    const auto join = world.calls(fn::l2vpn_ipc_ucast)[0];
+    EXPECT_EQ(join.args[1], 4u);
+    EXPECT_EQ(join.args[2], 0xffffffffu);
+    EXPECT_EQ(join.args[4], 16u);
+    EXPECT_EQ(join.args[5], 0u);
+}
+
+TEST_F(connecting, sends_a_join_of_sixteen_bytes)
+{
+    connect(4);
+    EXPECT_THAT(sent(4), ElementsAre(bytes{0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(connecting, starts_the_timer_for_four_seconds)
+{
+    connect(4);
+    const auto start = world.calls(fn::mgd_timer_leaf_start);
+    ASSERT_EQ(start.size(), 1u);
+    EXPECT_EQ(start[0].args[1], 4'000'000'000u);
+}
+
+TEST_F(connecting, logs_the_limits)
+{
+    world.set.mtu = 1516;
+    connect(4);
+    EXPECT_EQ(logged("lib AC connect INIT: MTU=1516, max_create=2, max_updt=75, max_del=375"), 1);
+}
+
+TEST_F(connecting, fetches_the_mtu_into_library_storage)
+{
+    connect(4);
+    connect(5);
+    const auto fetches = world.calls(fn::l2vpn_ipc_transport_mtu_get);
+    ASSERT_EQ(fetches.size(), 2u);
+    EXPECT_EQ(fetches[0].args[2], fetches[1].args[2]) << "one field for the whole library";
+}
+
+/* --- a step that fails --- */
+
+struct failure {
+    const char *name;
+    fn function;
+    std::uint64_t occurrence;
+    qerrno cause;
+    qerrno result;
+    std::string log;
+    std::vector<std::string> undone;
+};
+
+void PrintTo(const failure &f, std::ostream *os)
+{
+    *os << f.name;
+}
+
+class failing_connect : public contract, public testing::WithParamInterface<failure> {};
+
+TEST_P(failing_connect, returns_its_status_and_undoes_what_was_done_in_reverse)
+{
+    const failure &f = GetParam();
+    connect(3); /* the library is initialised, and another client must not suffer */
+    world.clear_calls();
+    world.fail(f.function, f.occurrence, f.cause);
+
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), f.result);
+    EXPECT_EQ(hd, nullptr) << "the handle is written on success only";
+    if (!f.log.empty()) {
+        EXPECT_EQ(logged(f.log), 1);
+    } else {
+        EXPECT_THAT(world.calls(fn::gen_format_debug_fmt), IsEmpty());
+    }
+    EXPECT_EQ(order_of({fn::l2vpn_ipc_class_deinit, fn::wavl_delete, fn::mgd_timer_leaf_free}), f.undone);
+    EXPECT_EQ(world.live_leaves(), 1u);
+    EXPECT_EQ(world.clients(), 1u);
+    EXPECT_FALSE(world.link_of(4).registered());
+    EXPECT_TRUE(world.link_of(3).registered());
+    EXPECT_THAT(sent(4), IsEmpty());
+}
+
+TEST_P(failing_connect, can_be_tried_again)
+{
+    connect(3);
+    world.fail(GetParam().function, GetParam().occurrence, GetParam().cause);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    ASSERT_NE(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 0u);
+    hd = connect_up(4);
+    acs a(1);
+    EXPECT_EQ(create(hd, 0, a), 0u);
+    EXPECT_EQ(sent(4).size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    steps, failing_connect,
+    testing::Values(failure{"context", fn::calloc_named, 1, 12, 12, "", {}},
+                    failure{
+                        "leaf", fn::mgd_timer_leaf_new, 1, 12, 12, "Failed to alloc AC/MA client timer", {}},
+                    failure{"leaf_context",
+                            fn::mgd_timer_leaf_set_addl_context,
+                            1,
+                            34,
+                            2,
+                            "Failed to store context for leaf timer: Numerical result out of range",
+                            {"mgd_timer_leaf_free"}},
+                    failure{"tree",
+                            fn::wavl_insert,
+                            1,
+                            5,
+                            17,
+                            "Failed to insert AC/MA client in wavl",
+                            {"mgd_timer_leaf_free"}},
+                    failure{"registration",
+                            fn::l2vpn_ipc_class_init,
+                            1,
+                            17,
+                            17,
+                            "Failed to init AC/MA class",
+                            {"wavl_delete", "mgd_timer_leaf_free"}},
+                    failure{"mtu",
+                            fn::l2vpn_ipc_transport_mtu_get,
+                            1,
+                            107,
+                            107,
+                            "Failed to get transport MTU: Transport endpoint is not connected",
+                            {"l2vpn_ipc_class_deinit", "wavl_delete", "mgd_timer_leaf_free"}},
+                    failure{"join",
+                            fn::l2vpn_ipc_ucast,
+                            1,
+                            105,
+                            105,
+                            "Failed to unicast a JOIN MSG to L2VPN: No buffer space available",
+                            {"l2vpn_ipc_class_deinit", "wavl_delete", "mgd_timer_leaf_free"}}),
+    [](const auto &param) { return std::string(param.param.name); });
+
+TEST_F(connecting, of_a_context_that_cannot_be_allocated_is_traced)
+{
+    connect(3);
+    world.clear_calls();
+    world.fail(fn::calloc_named, 1, 12);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 12u);
+    EXPECT_EQ(called(fn::gen_dbg_ltrace_ctx), 1u);
+}
+
+TEST_F(connecting, ignores_a_failed_deregistration_while_cleaning_up)
+{
+    world.fail(fn::l2vpn_ipc_ucast, 1, 105);
+    world.fail(fn::l2vpn_ipc_class_deinit, 1, 5);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 105u);
+    EXPECT_EQ(world.clients(), 0u);
+    EXPECT_EQ(world.live_leaves(), 0u);
+}
+
+TEST_F(connecting, of_class_15_registers_and_is_undone)
+{
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 15, &callbacks, &hd), 22u);
+    EXPECT_EQ(hd, nullptr);
+    EXPECT_EQ(logged("Unable to get info message size for class id 15"), 1);
+    EXPECT_THAT(order_of(steps),
+                ElementsAre("calloc_named", "mgd_timer_leaf_new", "mgd_timer_leaf_set_addl_context",
+                            "wavl_insert", "l2vpn_ipc_class_init", "l2vpn_ipc_transport_mtu_get",
+                            "l2vpn_ipc_class_deinit", "wavl_delete", "mgd_timer_leaf_free"));
+    EXPECT_FALSE(world.link_of(15).registered());
+    EXPECT_EQ(world.clients(), 0u);
+}
+
+class valid_class : public contract, public testing::WithParamInterface<std::uint32_t> {};
+
+TEST_P(valid_class, connects)
+{
+    connect_up(GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(classes, valid_class,
+                         testing::Values(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 16, 17));
+
+TEST_F(connecting, of_a_class_twice_is_for_the_ipc_to_decide)
+{
+    connect(4);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 17u);
+    EXPECT_EQ(hd, nullptr);
+    EXPECT_EQ(world.clients(), 1u);
+}
+
+/* --- the limits: of the latest connect, for every client --- */
+
+/* A request of `count` ACs is cut as the limits say: how many ACs the messages carry. */
+std::vector<std::uint32_t> cut(const std::vector<header> &headers)
+{
+    std::vector<std::uint32_t> result;
+    for (const header &h : headers)
+        result.push_back(h.bulk);
+    return result;
+}
+
+struct limits {
+    std::uint32_t class_id, mtu, max_create, max_updt, max_del, max_root, max_req, max_map;
+};
+
+class limit : public contract, public testing::WithParamInterface<limits> {};
+
+TEST_P(limit, follows_from_mtu_and_class)
+{
+    const limits &l = GetParam();
+    world.set.mtu = l.mtu;
+    const auto hd = connect_up(l.class_id);
+    auto &link = world.link_of(l.class_id);
+
+    const auto first_cut = [&] {
+        EXPECT_EQ(link.sent().size(), 2u);
+        const auto bulks = cut(headers_of(link.sent()));
+        link.clear_sent();
+        return bulks;
+    };
+    acs a(l.max_create + 1);
+    EXPECT_EQ(create(hd, 0, a), 0u);
+    EXPECT_THAT(first_cut(), ElementsAre(l.max_create, 1));
+    acs u(l.max_updt + 1);
+    EXPECT_EQ(update(hd, 0, u), 0u);
+    EXPECT_THAT(first_cut(), ElementsAre(l.max_updt, 1));
+    std::vector<ifhtype> ifh(l.max_del + 1, 7);
+    EXPECT_EQ(lib.remove(hd, 0, l.max_del + 1, ifh.data()), 0u);
+    EXPECT_THAT(first_cut(), ElementsAre(l.max_del, 1));
+    std::vector<l2vpn_msti_root_t> roots(l.max_root + 1);
+    EXPECT_EQ(lib.mstp_root(hd, 0, roots.data(), l.max_root + 1), 0u);
+    EXPECT_THAT(first_cut(), ElementsAre(l.max_root, 1));
+    std::vector<l2vpn_mstp_req_t> reqs(l.max_req + 1);
+    EXPECT_EQ(lib.mstp_port_request(hd, 0, reqs.data(), l.max_req + 1), 0u);
+    EXPECT_THAT(first_cut(), ElementsAre(l.max_req, 1));
+    std::vector<l2vpn_msti_vid_map_t> map(l.max_map + 1);
+    EXPECT_EQ(lib.msti_vid_map(hd, 0, map.data(), l.max_map + 1), 0u);
+    EXPECT_THAT(first_cut(), ElementsAre(l.max_map, 1));
+}
+
+/* (mtu - 16) over the info size + 620, + 4; over 4, 12, 96 and 4; worked out by hand. */
+INSTANTIATE_TEST_SUITE_P(
+    classes, limit,
+    testing::Values(limits{0, 1516, 2, 62, 375, 125, 15, 375}, limits{1, 2016, 3, 83, 500, 166, 20, 500},
+                    limits{2, 2576, 4, 106, 640, 213, 26, 640}, limits{3, 9000, 14, 449, 2246, 748, 93, 2246},
+                    limits{4, 652, 1, 31, 159, 53, 6, 159}, limits{5, 1288, 2, 63, 318, 106, 13, 318},
+                    limits{6, 4116, 5, 20, 1025, 341, 42, 1025}, limits{7, 1368, 2, 22, 338, 112, 14, 338},
+                    limits{8, 65536, 22, 27, 16380, 5460, 682, 16380},
+                    limits{10, 65536, 103, 3276, 16380, 5460, 682, 16380},
+                    limits{11, 65536, 101, 2340, 16380, 5460, 682, 16380},
+                    limits{12, 1516, 2, 75, 375, 125, 15, 375}, limits{13, 1516, 2, 75, 375, 125, 15, 375},
+                    limits{14, 1516, 2, 75, 375, 125, 15, 375}, limits{16, 1516, 2, 62, 375, 125, 15, 375},
+                    limits{17, 9016, 10, 44, 2250, 750, 93, 2250}),
+    [](const auto &param) {
+        return "class_" + std::to_string(param.param.class_id) + "_mtu_" + std::to_string(param.param.mtu);
+    });
+
+/* Class 9 cannot send ACs: its limits are read off the line that connect logs. */
+TEST_F(connecting, of_class_9_computes_its_limits)
+{
+    world.set.mtu = 1516;
+    connect(9);
+    EXPECT_EQ(logged("lib AC connect INIT: MTU=1516, max_create=2, max_updt=15, max_del=375"), 1);
+}
+
+TEST_F(connecting, sets_the_limits_for_every_client)
+{
+    world.set.mtu = 1516;
+    const auto first = connect_up(4);
+    connect_up(8); /* 2,976 bytes an AC: none fits 1,500 bytes, but 375 handles do */
+    world.set_mtu(0, 700);
+    connect_up(0);
+    std::vector<ifhtype> ifh(172, 7);
+    EXPECT_EQ(lib.remove(first, 0, 172, ifh.data()), 0u);
+    EXPECT_THAT(cut(sent_headers(4)), ElementsAre(171, 1)) << "the third client's limits";
+}
+
+TEST_F(connecting, that_fails_keeps_the_limits_it_has_overwritten)
+{
+    world.set.mtu = 1516;
+    const auto hd = connect_up(4);
+    world.set_mtu(5, 116);
+    world.fail(fn::l2vpn_ipc_ucast, 1, 105);
+    l2vpn_ac_client_hd_t other = nullptr;
+    ASSERT_EQ(lib.connect(world.evm(), 0, 5, &callbacks, &other), 105u);
+    std::vector<ifhtype> ifh(26, 7);
+    EXPECT_EQ(lib.remove(hd, 0, 26, ifh.data()), 0u);
+    EXPECT_THAT(cut(sent_headers(4)), ElementsAre(25, 1));
+}
+
+TEST_F(connecting, with_an_mtu_below_the_header_wraps_the_limits)
+{
+    world.set.mtu = 15;
+    connect(4);
+    /* 2^64 - 1 divided by 636, by 20 and by 4, low 32 bits, printed as signed numbers */
+    const auto low = [](std::uint64_t divisor) {
+        return std::to_string(static_cast<std::int32_t>(0xffffffffffffffffu / divisor));
+    };
+    EXPECT_EQ(logged("lib AC connect INIT: MTU=15, max_create=" + low(636) + ", max_updt=" + low(20) +
+                     ", max_del=" + low(4)),
+              1);
+    EXPECT_EQ(low(4), "-1");
+}
+
+TEST_F(connecting, with_an_mtu_of_zero_wraps_the_limits)
+{
+    world.set.mtu = 0;
+    const auto hd = connect_up(4);
+    std::vector<ifhtype> ifh(100000, 7);
+    EXPECT_EQ(lib.remove(hd, 0, 100000, ifh.data()), 0u);
+    EXPECT_THAT(sent_headers(4), ElementsAre(header{3, 6, 100000, 0x30}))
+        << "(2^64 - 16) / 4 has the low word 0xfffffffc";
+}
+
+/* --- disconnect --- */
+
+using disconnecting = contract;
+
+TEST_F(disconnecting, undoes_the_connect)
+{
+    const auto hd = connect_up(4);
+    world.clear_calls();
+    EXPECT_EQ(lib.disconnect(hd), 0u);
+    EXPECT_THAT(order_of({fn::mgd_timer_leaf_free, fn::l2vpn_ipc_class_deinit, fn::wavl_delete}),
+                ElementsAre("mgd_timer_leaf_free", "l2vpn_ipc_class_deinit", "wavl_delete"));
+    const auto deinit = world.calls(fn::l2vpn_ipc_class_deinit)[0];
+    EXPECT_EQ(deinit.args[1], 4u);
+    EXPECT_EQ(deinit.args[2], 0u);
+    EXPECT_FALSE(world.link_of(4).registered());
+    EXPECT_EQ(world.live_leaves(), 0u);
+    EXPECT_EQ(world.clients(), 0u);
+}
+
+TEST_F(disconnecting, before_any_connect_is_refused)
+{
+    EXPECT_EQ(lib.disconnect(nullptr), 22u);
+    EXPECT_EQ(lib.disconnect(reinterpret_cast<l2vpn_ac_client_hd_t>(this)), 22u);
+    EXPECT_THAT(world.calls(), IsEmpty());
+}
+
+TEST_F(disconnecting, an_unknown_handle_is_refused)
+{
+    connect(4);
+    world.clear_calls();
+    EXPECT_EQ(lib.disconnect(nullptr), 22u);
+    EXPECT_EQ(lib.disconnect(reinterpret_cast<l2vpn_ac_client_hd_t>(this)), 22u);
+    EXPECT_EQ(lib.disconnect(reinterpret_cast<l2vpn_ac_client_hd_t>(~std::uintptr_t{0})), 22u);
+    EXPECT_EQ(called(fn::mgd_timer_leaf_free), 0u);
+}
+
+TEST_F(disconnecting, twice_is_refused)
+{
+    const auto hd = connect(4);
+    EXPECT_EQ(lib.disconnect(hd), 0u);
+    EXPECT_EQ(lib.disconnect(hd), 22u);
+}
+
+TEST_F(disconnecting, stops_the_joins)
+{
+    const auto hd = connect(4);
+    ASSERT_EQ(lib.disconnect(hd), 0u);
+    world.link_of(4).clear_sent();
+    world.advance(seconds(100));
+    EXPECT_THAT(sent(4), IsEmpty());
+}
+
+TEST_F(disconnecting, lets_the_class_be_connected_again)
+{
+    ASSERT_EQ(lib.disconnect(connect_up(4)), 0u);
+    const auto hd = connect_up(4);
+    acs a(1);
+    EXPECT_EQ(create(hd, 0, a), 0u);
+}
+
+TEST_F(disconnecting, leaves_other_clients_alone)
+{
+    const auto first = connect_up(4);
+    const auto second = connect_up(5);
+    ASSERT_EQ(lib.disconnect(first), 0u);
+    acs a(1);
+    EXPECT_EQ(create(first, 0, a), 2u);
+    EXPECT_EQ(create(second, 0, a), 0u);
+}
+
+TEST_F(disconnecting, from_inside_a_callback_is_refused_and_the_timer_is_gone)
+{
+    const auto hd = connect(4);
+    qerrno rc = 0;
+    during = [&](const notice &) { rc = lib.disconnect(hd); };
+    world.link_of(4).up();
+    world.run();
+    during = nullptr;
+
+    EXPECT_EQ(rc, 35u);
+    EXPECT_TRUE(world.link_of(4).registered());
+    EXPECT_EQ(world.clients(), 1u);
+    EXPECT_EQ(world.live_leaves(), 0u);
+    EXPECT_EQ(called(fn::l2vpn_ipc_class_deinit), 0u);
+}
+
+/* The client goes on without its timer. The stale leaf is handed to the platform as before. */
+TEST_F(disconnecting, that_was_refused_leaves_a_client_that_works_without_its_timer)
+{
+    const auto hd = connect(4);
+    during = [&](const notice &) { EXPECT_EQ(lib.disconnect(hd), 35u); };
+    world.link_of(4).up();
+    world.run();
+    during = nullptr;
+    world.link_of(4).clear_sent();
+    notices.clear();
+
+    acs a(1);
+    EXPECT_EQ(create(hd, 0, a), 0u);
+    EXPECT_EQ(sent(4).size(), 1u);
+
+    world.fail(fn::l2vpn_ipc_ucastv, 1, 105);
+    EXPECT_EQ(create(hd, 0, a), 0u) << "the stale leaf is there: the failure is taken over";
+    EXPECT_THAT(statuses(), ElementsAre(L2VPN_AC_STATUS_DOWN));
+    world.advance(seconds(100));
+    EXPECT_THAT(statuses(), ElementsAre(L2VPN_AC_STATUS_DOWN)) << "no timer, no JOIN, no UP";
+
+    EXPECT_EQ(lib.disconnect(hd), 0u) << "from outside it succeeds, freeing the leaf a second time";
+    EXPECT_EQ(world.clients(), 0u);
+}
+
+TEST_F(disconnecting, whose_deregistration_fails_keeps_the_client_without_its_timer)
+{
+    const auto hd = connect_up(4);
+    world.fail(fn::l2vpn_ipc_class_deinit, 1, 5);
+    EXPECT_EQ(lib.disconnect(hd), 5u);
+    EXPECT_EQ(world.live_leaves(), 0u);
+    EXPECT_EQ(world.clients(), 1u);
+    acs a(1);
+    EXPECT_EQ(create(hd, 0, a), 0u);
+    EXPECT_EQ(lib.disconnect(hd), 0u);
+}
+
+TEST_F(disconnecting, logs_nothing)
+{
+    const auto hd = connect_up(4);
+    world.clear_calls();
+    const auto before = world.log();
+    world.fail(fn::l2vpn_ipc_class_deinit, 1, 5);
+    lib.disconnect(hd);
+    lib.disconnect(nullptr);
+    lib.disconnect(hd);
+    EXPECT_EQ(world.log(), before);
+}
+
+/* Notices that a failed send or the timer gives come without the mark that refuses a disconnect. */
+TEST_F(disconnecting, from_inside_the_down_of_a_failed_send_succeeds)
+{
+    const auto hd = connect_up(4);
+    during = [&](const notice &) { EXPECT_EQ(lib.disconnect(hd), 0u); };
+    world.fail(fn::l2vpn_ipc_ucastv, 1, 105);
+    acs a(1);
+    EXPECT_EQ(create(hd, 0, a), 0u);
+    EXPECT_THAT(statuses(), ElementsAre(L2VPN_AC_STATUS_DOWN));
+    EXPECT_EQ(a, acs(1));
+    EXPECT_EQ(world.clients(), 0u);
+    EXPECT_EQ(world.live_leaves(), 0u);
+}
+
+TEST_F(disconnecting, from_inside_the_up_of_the_timer_succeeds)
+{
+    const auto hd = connect_up(4);
+    world.fail(fn::l2vpn_ipc_ucastv, 1, 105);
+    acs a(1);
+    EXPECT_EQ(create(hd, 0, a), 0u);
+    notices.clear();
+    during = [&](const notice &) { EXPECT_EQ(lib.disconnect(hd), 0u); };
+    world.advance(seconds(1));
+    EXPECT_THAT(statuses(), ElementsAre(L2VPN_AC_STATUS_UP));
+    EXPECT_EQ(world.clients(), 0u);
+    EXPECT_EQ(world.live_leaves(), 0u);
+}
+
+} // namespace

@@ -1,0 +1,278 @@
+/*
+ * l2vpnctl: what it prints, and how it fails.
+ */
+#include "daemon.h"
+#include "table.h"
+
+#include <fcntl.h>
+#include <regex>
+#include <set>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace process_test;
+
+namespace {
+
+system_test::result run_ctl(const std::vector<std::string> &arguments)
+{
+    return system_test::run(system_test::binary("l2vpnctl"), arguments);
+}
+
+void expect_failure(const system_test::result &got, int status, const std::string &text)
+{
+    EXPECT_EQ(got.status, status) << got.err;
+    EXPECT_EQ(got.out, "");
+    EXPECT_TRUE(is_one_line(got.err));
+    EXPECT_EQ(got.err.rfind("l2vpnctl: ", 0), 0U) << got.err;
+    EXPECT_NE(got.err.find(text), std::string::npos) << got.err;
+}
+
+/* Something at the control socket that is no l2vpnd: takes one connection, says `text`, and closes or waits. */
+class impostor {
+public:
+    impostor(const std::string &dir, const std::string &text, bool closes)
+        : m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        (dir + "/L2VPN.ctl").copy(address.sun_path, sizeof address.sun_path - 1);
+        if (bind(m_listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+            listen(m_listener, 1) != 0) {
+            throw std::runtime_error("cannot listen");
+        }
+        m_thread = std::thread([this, text, closes] {
+            const int fd = accept(m_listener, nullptr, nullptr);
+            char request[4096];
+            if (recv(fd, request, sizeof request, 0) > 0) {
+                (void)send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+            }
+            while (!closes && recv(fd, request, sizeof request, 0) > 0) {
+            }
+            ::close(fd);
+        });
+    }
+    ~impostor()
+    {
+        shutdown(m_listener, SHUT_RDWR);
+        m_thread.join();
+        ::close(m_listener);
+    }
+    impostor(const impostor &) = delete;
+    impostor &operator=(const impostor &) = delete;
+
+private:
+    int m_listener;
+    std::thread m_thread;
+};
+
+} // namespace
+
+TEST(ctl, says_when_there_is_no_process)
+{
+    const system_test::temp_dir dir;
+    expect_failure(run_ctl({"--runtime-dir", dir.path(), "status"}), 3, dir.file("L2VPN.ctl"));
+    dir.write("L2VPN.ctl", "");
+    expect_failure(run_ctl({"--runtime-dir", dir.path(), "status"}), 3, "Connection refused");
+    expect_failure(run_ctl({"--runtime-dir", dir.path() + "/" + std::string(120, 'x'), "status"}), 1, "xxx");
+}
+
+TEST(ctl, says_what_is_wrong_with_the_command_line)
+{
+    const std::pair<std::vector<std::string>, const char *> rows[] = {
+        {{}, "subcommand"},
+        {{"frobnicate"}, "frobnicate"},
+        {{"show"}, "subcommand"},
+        {{"show", "everything"}, "everything"},
+        {{"show", "acs", "--class", "18"}, "--class"},
+        {{"show", "acs", "--class", "x"}, "--class"},
+        {{"show", "acs", "--node", "-1"}, "--node"},
+        {{"show", "acs", "--handle", "4294967296"}, "--handle"},
+        {{"show", "acs", "--state", "asleep"}, "--state"},
+        {{"show", "acs", "--unknown"}, "--unknown"},
+        {{"show", "acs", "--name"}, "--name"},
+        {{"status", "--timeout", "0"}, "--timeout"},
+        {{"status", "--color", "pink"}, "--color"},
+        {{"notify"}, "subcommand"},
+        {{"notify", "bulk"}, "--record"},
+        {{"notify", "bulk", "--all", "--record", "word"}, "word"},
+        {{"notify", "bulk", "--all", "--record", "word=x"}, "word=x"},
+        {{"notify", "bulk", "--all", "--record", "what=1"}, "what"},
+        {{"notify", "bulk", "--all", "--record", "word=1,word=2"}, "twice"},
+        {{"notify", "header", "--word2", "x"}, "--word2"},
+    };
+    for (const auto &[arguments, text] : rows) {
+        expect_failure(run_ctl(arguments), 2, text);
+    }
+}
+
+namespace {
+
+const std::vector<std::vector<std::string>> every_verb = {
+    {},
+    {"status"},
+    {"show"},
+    {"show", "clients"},
+    {"show", "acs"},
+    {"show", "mstp"},
+    {"show", "batches"},
+    {"show", "counters"},
+    {"counters"},
+    {"provision"},
+    {"unprovision"},
+    {"notify"},
+    {"notify", "bulk"},
+    {"notify", "header"},
+    {"notify", "flags"},
+};
+
+/* The long options in a text, each once. */
+std::set<std::string> options_in(const std::string &text)
+{
+    static const std::regex option("(^|[ ,\n])(--[a-z0-9-]+)");
+    std::set<std::string> found;
+    for (std::sregex_iterator at(text.begin(), text.end(), option), end; at != end; ++at) {
+        found.insert((*at)[2]);
+    }
+    return found;
+}
+
+} // namespace
+
+TEST(ctl, explains_every_verb)
+{
+    for (std::vector<std::string> arguments : every_verb) {
+        std::string name = "l2vpnctl";
+        for (const std::string &word : arguments) {
+            name += " " + word;
+        }
+        arguments.emplace_back("--help");
+        const system_test::result help = run_ctl(arguments);
+        EXPECT_EQ(help.status, 0);
+        EXPECT_EQ(help.err, "");
+        EXPECT_NE(help.out.find("Usage: " + name + " ["), std::string::npos) << help.out;
+    }
+}
+
+TEST(ctl, completion_offers_what_help_lists)
+{
+    const std::set<std::string> everywhere = options_in("--runtime-dir --json --color --timeout --help");
+    for (std::vector<std::string> arguments : every_verb) {
+        std::string words = "l2vpnctl";
+        for (const std::string &word : arguments) {
+            words += " " + word;
+        }
+        arguments.emplace_back("--help");
+        std::set<std::string> expected = options_in(run_ctl(arguments).out);
+        expected.insert(everywhere.begin(), everywhere.end());
+        const system_test::result offered = system_test::run(
+            "/bin/bash",
+            {"-c",
+             "source \"$0\"; COMP_WORDS=($1 \"\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _l2vpnctl; "
+             "echo \"${COMPREPLY[@]}\"",
+             L2VPN_COMPLETION, words});
+        EXPECT_EQ(options_in(offered.out), expected) << words << offered.err;
+    }
+}
+
+TEST(ctl, does_not_wait_for_ever)
+{
+    const system_test::temp_dir dir;
+    const impostor mute(dir.path(), "", false);
+    expect_failure(run_ctl({"--runtime-dir", dir.path(), "--timeout", "200", "status"}), 4,
+                   "no answer within 200 ms");
+}
+
+TEST(ctl, says_when_an_answer_breaks_off_or_is_none)
+{
+    for (const auto &[said, text] : {std::pair{"", "closed the connection"},
+                                     {"{\"ok\":tr", "closed the connection"},
+                                     {"hello\n", "no JSON object"},
+                                     {"[1]\n", "no JSON object"}}) {
+        const system_test::temp_dir dir;
+        const impostor other(dir.path(), said, true);
+        expect_failure(run_ctl({"--runtime-dir", dir.path(), "status"}), 4, text);
+    }
+}
+
+TEST_F(daemon_test, ctl_prints_one_json_document_for_every_verb)
+{
+    start();
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(owner.send(create(3, {1}, 0x1)));
+    ASSERT_TRUE(holds(1));
+    for (const auto &[verb, rows, summary] : {std::tuple{"clients", "clients", "summary"},
+                                              {"acs", "acs", "summary"},
+                                              {"batches", "batches", "summary"},
+                                              {"mstp", "mstp", "summary"},
+                                              {"counters", "owners", "totals"}}) {
+        const json document = ask({"show", verb});
+        EXPECT_EQ(document.size(), 2U);
+        EXPECT_TRUE(document[rows].is_array()) << verb;
+        EXPECT_TRUE(document[summary].is_object()) << verb;
+    }
+    EXPECT_EQ(ask({"counters", "--owners"})["owners"].size(), 1U);
+    const json status = ask({"status"});
+    EXPECT_EQ(status["socket"], socket_path());
+    EXPECT_EQ(status["control"], control_path());
+    EXPECT_EQ(status["acs_by_class"], json({{"3", 1}}));
+}
+
+TEST_F(daemon_test, ctl_prints_tables_for_people)
+{
+    start();
+    raw_peer owner = peer(3, 0x21);
+    ASSERT_TRUE(owner.send(create(3, {1, 0xabcdef01}, 3, "eth")));
+    ASSERT_TRUE(holds(2));
+    const std::string table = ctl({"show", "acs"}).out;
+    EXPECT_EQ(table.rfind("NODE        CLASS  HANDLE      NAME", 0), 0U) << table;
+    EXPECT_NE(table.find("\n0x00000021      3  0xabcdef01  eth2882400001"), std::string::npos) << table;
+    EXPECT_NE(table.find("\n2 ACs\n"), std::string::npos);
+    EXPECT_EQ(table.find('\033'), std::string::npos) << "no colours where there is no terminal";
+    EXPECT_NE(ctl({"show", "acs", "--color", "always"}).out.find("\033["), std::string::npos);
+    EXPECT_NE(ctl({"show", "acs", "--raw"}).out.find("    info       0000  0102030405060708"),
+              std::string::npos);
+    EXPECT_EQ(ctl({"show", "clients"}).out.rfind("OWNER  NODE", 0), 0U);
+    EXPECT_NE(ctl({"status"}).out.find("nodeid          0x0a0b0c0d\n"), std::string::npos);
+    EXPECT_EQ(ctl({"show", "batches"}).out, "0 open batches\n");
+    EXPECT_EQ(ctl({"provision", "--all"}).out, "2 ACs match: 2 accepted\n");
+    EXPECT_EQ(ctl({"notify", "flags", "--all"}).out, "sent to 1 client\n");
+    EXPECT_NE(ctl({"counters"}).out.find("created"), std::string::npos);
+}
+
+TEST_F(daemon_test, ctl_says_when_its_output_cannot_be_written)
+{
+    start();
+    for (const char *format : {"--json", "--color=never"}) {
+        const system_test::result got =
+            system_test::run("/bin/sh", {"-c", "\"$0\" --runtime-dir \"$1\" \"$2\" status >/dev/full",
+                                         system_test::binary("l2vpnctl"), m_dir.path(), format});
+        EXPECT_EQ(got.status, 1);
+        EXPECT_TRUE(is_one_line(got.err));
+        EXPECT_NE(got.err.find("No space left"), std::string::npos) << got.err;
+    }
+}
+
+TEST(table, keeps_within_the_width_where_it_can)
+{
+    l2vpnctl::table rows({{"A", true}, {"NAME", false, true}, {"B"}});
+    rows.add({{"1"}, {std::string(40, 'n')}, {"end"}});
+    rows.add({{"22"}, {"short"}, {"end"}});
+    EXPECT_EQ(rows.print({false, 20}), " A  NAME         B\n"
+                                       " 1  nnnnnnnnnn~  end\n"
+                                       "22  short        end\n");
+    EXPECT_EQ(rows.print({false, 5}), " A  NAME      B\n"
+                                      " 1  nnnnnnn~  end\n"
+                                      "22  short     end\n");
+    EXPECT_NE(rows.print({false, 0}).find(std::string(40, 'n')), std::string::npos);
+}
+
+TEST_F(daemon_test, ctl_refuses_arguments_that_are_no_utf8)
+{
+    start();
+    expect_failure(ctl({"show", "acs", "--name", "caf\xe9"}), 2, "\"name\" is not UTF-8");
+    expect_failure(ctl({"notify", "bulk", "--all", "--record", "octets=\xff"}), 2, "not UTF-8");
+    EXPECT_EQ(ctl({"show", "acs", "--name", "caf\xc3\xa9"}).status, 0);
+}

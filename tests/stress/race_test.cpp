@@ -1,0 +1,231 @@
+/*
+ * The library's functions, events, messages and timers, overlapping on several threads. The test's own thread
+ * is the event manager's: it delivers, and moves the clock. Nothing here depends on who wins; a loser's data
+ * race or use after free is the sanitizers' to find, a lost or doubled client the assertions'.
+ */
+#include "contract_test.h"
+
+#include <atomic>
+#include <barrier>
+#include <thread>
+
+namespace {
+
+class race : public contract {
+protected:
+    race()
+    {
+        world.set.record = false;
+        callbacks.status_cb = [](l2vpn_ac_client_hd_t, std::uint32_t, std::uint32_t) -> qerrno { return 0; };
+        callbacks.unprov_cb = nullptr;
+    }
+
+    static constexpr int rounds = 300;
+
+    /* What a request on a client that may be gone is allowed to return. */
+    static bool plausible(qerrno rc, qerrno gone) { return rc == 0 || rc == gone; }
+};
+
+TEST_F(race, disconnect_against_requests_on_the_same_handle)
+{
+    for (int round = 0; round < rounds; ++round) {
+        const auto hd = connect(4);
+        std::barrier start(3);
+        std::atomic<int> wrong = 0;
+        std::thread creating([&] {
+            acs a(3);
+            start.arrive_and_wait();
+            for (int i = 0; i < 20; ++i)
+                wrong += !plausible(create(hd, 0, a), 2) || !(a == acs(3));
+        });
+        std::thread mapping([&] {
+            l2vpn_msti_vid_map_t map[5] = {{1, 2}, {3, 4}, {5, 6}, {7, 8}, {9, 10}};
+            start.arrive_and_wait();
+            for (int i = 0; i < 20; ++i)
+                wrong += !plausible(lib.msti_vid_map(hd, 0, map, 5), 22) || map[4].half2 != 10;
+        });
+        start.arrive_and_wait();
+        EXPECT_EQ(lib.disconnect(hd), 0u);
+        creating.join();
+        mapping.join();
+        EXPECT_EQ(wrong, 0);
+        ASSERT_EQ(world.clients(), 0u);
+        ASSERT_EQ(world.live_leaves(), 0u);
+    }
+}
+
+TEST_F(race, disconnect_against_failing_requests)
+{
+    world.fail_randomly(fn::l2vpn_ipc_ucastv, 0.5, 105);
+    for (int round = 0; round < rounds; ++round) {
+        const auto hd = connect(4);
+        world.link_of(4).up();
+        world.run();
+        std::barrier start(2);
+        std::thread creating([&] {
+            acs a(3);
+            start.arrive_and_wait();
+            for (int i = 0; i < 20; ++i)
+                create(hd, 0, a);
+        });
+        start.arrive_and_wait();
+        EXPECT_EQ(lib.disconnect(hd), 0u);
+        creating.join();
+        ASSERT_EQ(world.clients(), 0u);
+    }
+}
+
+TEST_F(race, disconnect_of_one_handle_by_many_succeeds_once)
+{
+    for (int round = 0; round < rounds; ++round) {
+        const auto hd = connect(4);
+        std::barrier start(4);
+        std::atomic<int> succeeded = 0, refused = 0;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                start.arrive_and_wait();
+                const qerrno rc = lib.disconnect(hd);
+                succeeded += rc == 0;
+                refused += rc == 22;
+            });
+        }
+        for (auto &thread : threads)
+            thread.join();
+        EXPECT_EQ(succeeded, 1);
+        EXPECT_EQ(refused, 3);
+    }
+}
+
+/* The timer's function looks its client up while a disconnect takes it away. */
+TEST_F(race, disconnect_against_expiring_timers)
+{
+    for (int round = 0; round < rounds; ++round) {
+        const l2vpn_ac_client_hd_t hds[] = {connect(4), connect(5), connect(6)};
+        std::barrier start(2);
+        std::thread disconnecting([&] {
+            start.arrive_and_wait();
+            for (const auto hd : hds)
+                EXPECT_EQ(lib.disconnect(hd), 0u);
+        });
+        start.arrive_and_wait();
+        for (int i = 0; i < 5; ++i)
+            world.advance(seconds(4));
+        disconnecting.join();
+        ASSERT_EQ(world.clients(), 0u);
+        ASSERT_EQ(world.live_leaves(), 0u);
+    }
+}
+
+/* Events and messages are delivered while another thread disconnects: the disconnect is refused while a
+ * callback runs, and may be repeated. */
+TEST_F(race, disconnect_against_events_and_messages)
+{
+    callbacks.unprov_cb = [](l2vpn_ac_client_hd_t, std::uint32_t, ifhtype *, std::uint32_t) -> qerrno {
+        std::this_thread::yield();
+        return 0;
+    };
+    for (int round = 0; round < rounds; ++round) {
+        const auto hd = connect(4);
+        std::barrier start(2);
+        std::thread disconnecting([&] {
+            start.arrive_and_wait();
+            qerrno rc = 35;
+            while (rc == 35)
+                rc = lib.disconnect(hd);
+            EXPECT_EQ(rc, 0u);
+        });
+        start.arrive_and_wait();
+        for (int i = 0; i < 5; ++i) {
+            world.link_of(4).up();
+            world.link_of(4).inject(message_of(8, 2, 0x2, 8));
+            world.link_of(4).event(L2VPN_IPC_EVT_DISCONNECTED);
+            world.run();
+        }
+        disconnecting.join();
+        ASSERT_EQ(world.clients(), 0u);
+    }
+}
+
+/* A connect that fails at its JOIN takes its registered client back while events for it are delivered. */
+TEST_F(race, failing_connects_against_events)
+{
+    connect(5); /* the library is initialised */
+    std::atomic<bool> done = false;
+    std::thread connecting([&] {
+        for (int round = 0; round < rounds; ++round) {
+            l2vpn_ac_client_hd_t hd = nullptr;
+            const qerrno rc = lib.connect(world.evm(), 0, 4, &callbacks, &hd);
+            if (rc == 0) {
+                qerrno gone = 35;
+                while (gone == 35)
+                    gone = lib.disconnect(hd);
+                EXPECT_EQ(gone, 0u);
+            }
+        }
+        done = true;
+    });
+    world.fail_randomly(fn::l2vpn_ipc_ucast, 0.5, 105);
+    while (!done) {
+        world.link_of(4).event(L2VPN_IPC_EVT_CONNECTED);
+        world.link_of(4).event(L2VPN_IPC_EVT_DISCONNECTED);
+        world.run();
+    }
+    connecting.join();
+    EXPECT_EQ(world.clients(), 1u);
+    EXPECT_EQ(world.live_leaves(), 1u);
+}
+
+/* Everything at once, for a bounded number of rounds. */
+TEST_F(race, all_functions_on_many_threads)
+{
+    constexpr std::uint32_t classes[] = {0, 4, 6, 11};
+    connect(3);
+    world.fail_randomly(fn::l2vpn_ipc_ucastv, 0.1, 105);
+    world.fail_randomly(fn::l2vpn_ipc_ucast, 0.1, 105);
+    world.fail_randomly(fn::calloc_named, 0.05, 12);
+
+    std::atomic<int> running = static_cast<int>(std::size(classes));
+    std::vector<std::thread> threads;
+    for (const std::uint32_t class_id : classes) {
+        threads.emplace_back([&, class_id] {
+            acs a(4, static_cast<std::uint8_t>(class_id));
+            const acs before = a;
+            l2vpn_msti_root_t roots[3] = {};
+            l2vpn_mstp_req_t reqs[2] = {};
+            l2vpn_mstp_prot_t prot = {};
+            for (int round = 0; round < rounds / 3; ++round) {
+                l2vpn_ac_client_hd_t hd = nullptr;
+                if (lib.connect(world.evm(), 0, class_id, &callbacks, &hd) != 0)
+                    continue;
+                create(hd, static_cast<std::uint32_t>(round & 3), a);
+                update(hd, 0, a);
+                lib.mstp_root(hd, static_cast<std::uint32_t>(round & 3), roots, 3);
+                lib.mstp_port_request(hd, 0, reqs, 2);
+                lib.mstp_protect(hd, 0, &prot);
+                remove(hd, 0, a);
+                EXPECT_EQ(a, before);
+                while (lib.disconnect(hd) == 35)
+                    std::this_thread::yield();
+            }
+            --running;
+        });
+    }
+    while (running > 0) {
+        for (const std::uint32_t class_id : classes) {
+            world.link_of(class_id).up();
+            world.link_of(class_id).inject(message_of(7, 1, 0, class_id == 0 ? 36 : 32));
+            world.link_of(class_id).inject(message_of(8, 1, 0x2, 4));
+        }
+        world.advance(seconds(1));
+        for (const std::uint32_t class_id : classes)
+            world.link_of(class_id).event(L2VPN_IPC_EVT_DISCONNECTED);
+        world.run();
+    }
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(world.clients(), 1u);
+    EXPECT_EQ(world.live_leaves(), 1u);
+}
+
+} // namespace

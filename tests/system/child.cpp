@@ -1,0 +1,167 @@
+#include "child.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <spawn.h>
+#include <sstream>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace system_test {
+
+namespace {
+
+constexpr std::chrono::milliseconds poll_interval{10};
+
+std::vector<char *> pointers(std::vector<std::string> &texts)
+{
+    std::vector<char *> list;
+    list.reserve(texts.size() + 1);
+    for (std::string &text : texts)
+        list.push_back(text.data());
+    list.push_back(nullptr);
+    return list;
+}
+
+} // namespace
+
+temp_dir::temp_dir()
+{
+    std::string name = std::filesystem::temp_directory_path() / "l2vpn-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::system_error(errno, std::generic_category(), name);
+    path_ = name;
+}
+
+temp_dir::~temp_dir()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string temp_dir::write(const std::string &name, const std::string &content) const
+{
+    const std::string path = file(name);
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+bool eventually(const std::function<bool()> &condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(poll_interval);
+    }
+    return true;
+}
+
+child::child(const std::string &program, const std::vector<std::string> &arguments,
+             const std::vector<std::string> &environment)
+{
+    std::vector<std::string> words{program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> variables = environment;
+    for (char **entry = environ; *entry != nullptr; ++entry)
+        if (!std::string(*entry).starts_with("L2VPN_"))
+            variables.emplace_back(*entry);
+
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    const std::string out = files_.file("out");
+    const std::string err = files_.file("err");
+    posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_addopen(&files, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    const int error = posix_spawn(&pid_, program.c_str(), &files, nullptr, pointers(words).data(),
+                                  pointers(variables).data());
+    posix_spawn_file_actions_destroy(&files);
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), program);
+}
+
+child::~child()
+{
+    if (running()) {
+        (void)kill(pid_, SIGKILL);
+        (void)reap(true);
+    }
+}
+
+std::string child::out() const
+{
+    return read_file(files_.file("out"));
+}
+
+std::string child::err() const
+{
+    return read_file(files_.file("err"));
+}
+
+bool child::says(const std::string &text) const
+{
+    return eventually([&] { return out().find(text) != std::string::npos; });
+}
+
+bool child::reap(bool block)
+{
+    int status = 0;
+    if (!ended_ && waitpid(pid_, &status, block ? 0 : WNOHANG) == pid_) {
+        ended_ = true;
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    return ended_;
+}
+
+bool child::running()
+{
+    return !reap(false);
+}
+
+void child::send_signal(int signal)
+{
+    if (running())
+        (void)kill(pid_, signal);
+}
+
+int child::wait()
+{
+    if (!eventually([this] { return !running(); })) {
+        (void)kill(pid_, SIGKILL);
+        (void)reap(true);
+        return -1000;
+    }
+    return status_;
+}
+
+result run(const std::string &program, const std::vector<std::string> &arguments,
+           const std::vector<std::string> &environment)
+{
+    child one(program, arguments, environment);
+    const int status = one.wait();
+    return {status, one.out(), one.err()};
+}
+
+std::string binary(const std::string &name)
+{
+    return std::string(L2VPN_BINARY_DIR) + "/" + name;
+}
+
+} // namespace system_test
