@@ -175,12 +175,13 @@ entry entry_of(const record &found, const std::vector<text> &texts)
 
 void read_records(const input &file, const header &head, contents &into)
 {
-    const auto texts = file.elements<text>(head.texts.offset, head.texts.count);
     for (std::uint64_t first = 0; first < head.records.count; first += records_at_once) {
         const std::uint64_t count = std::min(records_at_once, head.records.count - first);
         const std::uint64_t offset = head.records.offset + first * sizeof(record);
         const auto once = file.elements<record>(offset, count);
         const auto twice = file.elements<record>(offset, count);
+        // After the records: what they name may be new.
+        const auto texts = file.elements<text>(head.texts.offset, head.texts.count);
         for (std::size_t index = 0; index < count; ++index) {
             if (once[index].sequence == 0) {
                 continue;

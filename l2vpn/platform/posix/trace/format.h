@@ -11,7 +11,8 @@
  * Everything after the header's constant part is written word by word with atomic stores. A record's first
  * word tells what it holds: 0 nothing yet, 2n + 1 record n is being written, 2n + 2 it is there. Record n is
  * in slot n % record_count. A record whose slot was still being written a whole lap later was lost, and
- * counted.
+ * counted. A text is complete before a record names it and stays: readers take the records first, then the
+ * texts.
  */
 #ifndef PLATFORM_POSIX_TRACE_FORMAT_H
 #define PLATFORM_POSIX_TRACE_FORMAT_H

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <sys/mman.h>
@@ -123,6 +124,20 @@ std::span<lock_site, lock_count> ring::locks() noexcept
     return std::span<lock_site, lock_count>(elements<lock_site>(map_, header_->locks));
 }
 
+/* Writes down the text of an entry that holds its hash. Threads that meet at a new text write the same words,
+ * so none has to wait for another: whoever names the entry in a record has seen it complete. */
+void ring::complete(text &entry, const char *what) noexcept
+{
+    text made{};
+    copy_text(made.bytes, what);
+    const auto words = std::bit_cast<std::array<std::uint64_t, sizeof(text) / 8>>(made);
+    auto *target = reinterpret_cast<std::uint64_t *>(&entry);
+    for (std::size_t word = offsetof(text, bytes) / 8; word < words.size(); ++word) {
+        store_word(target[word], words[word]);
+    }
+    store_word(entry.ready, 1);
+}
+
 /* The number of a text, which is written down when it is new. Texts are told apart by their hashes alone:
  * an address may come to hold another text. */
 std::uint16_t ring::number_of(const char *what) noexcept
@@ -135,17 +150,11 @@ std::uint16_t ring::number_of(const char *what) noexcept
         const std::size_t index = probe % texts_.size();
         text &entry = texts_[index];
         std::uint64_t holds = 0;
-        if (std::atomic_ref(entry.hash).compare_exchange_strong(holds, hash)) {
-            text made{};
-            copy_text(made.bytes, what);
-            const auto words = std::bit_cast<std::array<std::uint64_t, sizeof(text) / 8>>(made);
-            auto *target = reinterpret_cast<std::uint64_t *>(&entry);
-            for (std::size_t word = 2; word < words.size(); ++word) {
-                store_word(target[word], words[word]);
-            }
-            store_word(entry.ready, 1);
-        } else if (holds != hash) {
+        if (!std::atomic_ref(entry.hash).compare_exchange_strong(holds, hash) && holds != hash) {
             continue;
+        }
+        if (std::atomic_ref(entry.ready).load(std::memory_order_acquire) == 0) {
+            complete(entry, what);
         }
         return static_cast<std::uint16_t>(index + 1);
     }

@@ -61,7 +61,8 @@ public:
 private:
     ring(std::string path, platform_posix::unique_fd file, std::span<std::byte> map);
 
-    [[nodiscard]] std::uint16_t number_of(const char *text) noexcept;
+    [[nodiscard]] std::uint16_t number_of(const char *what) noexcept;
+    static void complete(text &entry, const char *what) noexcept;
 
     std::string path_;
     std::string farewell_;
