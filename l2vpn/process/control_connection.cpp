@@ -3,6 +3,7 @@
  */
 #include "control_server.h"
 
+#include <array>
 #include <cerrno>
 #include <sys/socket.h>
 
@@ -12,11 +13,17 @@ namespace {
 
 constexpr size_t read_size = size_t{64} * 1024;
 
-/* True: `line` opens more arrays and objects inside each other than any request needs. It is looked at before
- * it is parsed, so that nothing is ever made of such a line. */
-bool nests_too_deep(const std::string &line)
+/* Refuses a line that nests deeper, or has an object with more members, than any request needs. It is looked at
+ * before it is parsed, so that nothing is ever made of such a line: adding a member to an object costs as many
+ * comparisons as it has members. */
+void check_shape(const std::string &line)
 {
-    int depth = 0;
+    struct level {
+        bool is_object;
+        int commas;
+    };
+    std::array<level, control_server::max_depth + 1> levels{}; /* the first is outside of everything */
+    size_t depth = 0;
     bool in_text = false;
     for (size_t i = 0; i < line.size(); i++) {
         const char c = line[i];
@@ -26,14 +33,19 @@ bool nests_too_deep(const std::string &line)
         } else if (c == '"') {
             in_text = true;
         } else if (c == '[' || c == '{') {
-            if (++depth > control_server::max_depth) {
-                return true;
+            if (++depth == levels.size()) {
+                throw refusal{"bad_request", "a request nests at most " +
+                                                 std::to_string(control_server::max_depth) + " deep"};
             }
+            levels[depth] = {c == '{', 0};
         } else if (c == ']' || c == '}') {
-            depth--;
+            depth -= depth > 0 ? 1 : 0;
+        } else if (c == ',' && levels[depth].is_object &&
+                   ++levels[depth].commas == control_server::max_members) {
+            throw refusal{"bad_request", "an object has at most " +
+                                             std::to_string(control_server::max_members) + " members"};
         }
     }
-    return false;
 }
 
 } // namespace
@@ -114,9 +126,7 @@ void control_server::start(connection &c, const std::string &line)
 {
     c.id = nullptr;
     try {
-        if (nests_too_deep(line)) {
-            throw refusal{"bad_request", "a request nests at most " + std::to_string(max_depth) + " deep"};
-        }
+        check_shape(line);
         const json request = json::parse(line, nullptr, false);
         if (request.is_discarded()) {
             throw refusal{"bad_json", "the line is not JSON"};

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 namespace l2vpnd {
 
@@ -128,10 +129,8 @@ void control_server::accept_one()
         }
         return;
     }
-    if (m_connections.size() >= max_clients) {
-        const std::string line =
-            to_line(error_fields({"too_many_clients", "too many control connections are open"})) + "\n";
-        (void)::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (m_connections.size() >= max_clients && !make_room()) {
+        refuse(fd, "too many control connections are being answered");
         ::close(fd);
         return;
     }
@@ -148,6 +147,27 @@ void control_server::accept_one()
     if (c.watch == nullptr) {
         close(c);
     }
+}
+
+/* Ends the connection that has been idle for longest. False: none is idle. */
+bool control_server::make_room()
+{
+    const auto longest = std::ranges::min_element(
+        m_connections, {}, [](const connection &c) { return std::pair(!c.idle(), c.progress); });
+    if (!longest->idle()) {
+        return false;
+    }
+    m_log.write(topic::control, LOG_NOTICE, "an idle control connection makes room for another");
+    refuse(longest->fd, "too many control connections are open, and this one was idle for longest");
+    close(*longest);
+    return true;
+}
+
+/* Tells a client why its connection ends, if it can be told without waiting. */
+void control_server::refuse(int fd, const char *why)
+{
+    const std::string line = to_line(error_fields({"too_many_clients", why})) + "\n";
+    (void)::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 void control_server::close(connection &c)
@@ -171,8 +191,7 @@ void control_server::on_ready(event_fd_watch_t * /*watch*/, int /*fd*/, uint32_t
         server.close(c);
         return;
     }
-    const bool busy = c.current != nullptr || !c.out.empty() || c.in.find('\n') != std::string::npos;
-    event_fd_modify(c.watch, busy ? EVENT_FD_WRITE : EVENT_FD_READ);
+    event_fd_modify(c.watch, c.idle() ? EVENT_FD_READ : EVENT_FD_WRITE);
 }
 
 /* What there is to do for a connection that is ready. False: it is to be closed. */
@@ -202,7 +221,7 @@ void control_server::tick(clock::time_point now)
     }
     for (auto at = m_connections.begin(); at != m_connections.end();) {
         connection &c = *at++;
-        if (now - c.progress > idle_limit) {
+        if (now - c.progress > (c.idle() ? idle_limit : unread_limit)) {
             close(c);
         }
     }

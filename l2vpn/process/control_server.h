@@ -6,8 +6,9 @@
  *
  * Threads and waiting: everything runs on the event manager's thread, so nothing here may take long. Sockets
  * do not block. A connection holds at most one unfinished request line and one step of an answer: while it does
- * not read, its answer stands still and costs nothing. A connection that makes no progress for ten minutes is
- * closed; so is one whose handling throws, and nothing else notices.
+ * not read, its answer stands still and costs nothing. A connection that asks nothing for ten minutes is closed,
+ * and one that does not read its answer for one; so is one whose handling throws, and nothing else notices. When
+ * all places are taken the connection that has been idle for longest makes room for a new one.
  */
 #ifndef L2VPND_CONTROL_SERVER_H
 #define L2VPND_CONTROL_SERVER_H
@@ -32,8 +33,10 @@ public:
 
     static constexpr size_t max_clients = 32;
     static constexpr size_t max_line = size_t{1} << 20;
-    static constexpr int max_depth = 16; /* of arrays and objects in a request */
+    static constexpr int max_depth = 16;   /* of arrays and objects in a request */
+    static constexpr int max_members = 32; /* of an object in a request */
     static constexpr std::chrono::minutes idle_limit{10};
+    static constexpr std::chrono::minutes unread_limit{1};
 
     control_server(event_mgr_p evm, const verb_context &context, event_log &log);
     ~control_server();
@@ -58,6 +61,9 @@ private:
         bool ended = false;   /* the client sends nothing more */
         bool closing = false; /* to be closed when the output is out */
         clock::time_point progress = clock::now();
+
+        /* Nothing is to be answered. */
+        bool idle() const { return current == nullptr && out.empty() && in.find('\n') == std::string::npos; }
     };
     using connections = std::list<connection>;
 
@@ -65,6 +71,8 @@ private:
     static void on_ready(event_fd_watch_t *watch, int fd, uint32_t events, void *arg);
 
     void accept_one();
+    bool make_room();
+    void refuse(int fd, const char *why);
     bool serve(connection &c, uint32_t events);
     void close(connection &c);
     bool read_some(connection &c);

@@ -236,7 +236,7 @@ std::optional<exit_status> read_command_line(int argc, char **argv, command_line
     app.add_option("--color", line.colour, "Colours: auto, always or never")
         ->type_name("WHEN")
         ->check(CLI::IsMember({"auto", "always", "never"}));
-    app.add_option("--timeout", patience, "Milliseconds to wait for the process at most")
+    app.add_option("--timeout", patience, "Milliseconds that all of it may take (60000)")
         ->type_name("MS")
         ->check(CLI::Range(1, 3'600'000).description(""));
     app.require_subcommand(1);

@@ -23,7 +23,7 @@ struct command {
 
 struct command_line {
     std::string runtime_dir;
-    std::chrono::milliseconds patience{10'000};
+    std::chrono::milliseconds patience{60'000};
     bool as_json = false;
     std::string colour = "auto";
     command what;

@@ -59,16 +59,15 @@ std::string control_path(const std::string &runtime_dir)
 }
 
 control_link::control_link(std::string path, std::chrono::milliseconds patience)
-    : m_path(std::move(path)), m_patience(patience)
+    : m_path(std::move(path)), m_patience(patience), m_deadline(clock::now() + patience)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     m_path.copy(address.sun_path, sizeof address.sun_path - 1);
     m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const auto until = std::chrono::steady_clock::now() + m_patience;
     while (m_fd < 0 || connect(m_fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         const int cause = errno;
-        if (m_fd >= 0 && cause == EAGAIN && std::chrono::steady_clock::now() < until) {
+        if (m_fd >= 0 && cause == EAGAIN && clock::now() < m_deadline) {
             poll(nullptr, 0, connect_pause_ms); /* a full backlog gives no sign of room */
             continue;
         }
@@ -91,14 +90,19 @@ void control_link::broken(const std::string &why) const
     throw failure{exit_broken, "l2vpnd at " + m_path + ": " + why};
 }
 
+std::chrono::milliseconds control_link::time_left() const
+{
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_deadline - clock::now());
+    if (left.count() <= 0) {
+        broken("no complete answer within " + std::to_string(m_patience.count()) + " ms");
+    }
+    return left;
+}
+
 void control_link::wait_for(short events)
 {
     pollfd ready{m_fd, events, 0};
-    const int got = poll(&ready, 1, static_cast<int>(m_patience.count()));
-    if (got == 0) {
-        broken("no answer within " + std::to_string(m_patience.count()) + " ms");
-    }
-    if (got < 0 && errno != EINTR) {
+    if (poll(&ready, 1, static_cast<int>(time_left().count())) < 0 && errno != EINTR) {
         broken("cannot wait for it: " + text_of(errno));
     }
 }
@@ -129,6 +133,7 @@ std::string control_link::read_line()
             m_begin = end + 1;
             return line;
         }
+        static_cast<void>(time_left()); /* also of one that never stops sending */
         m_in.erase(0, m_begin);
         m_begin = 0;
         looked = m_in.size();

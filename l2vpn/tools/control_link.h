@@ -26,7 +26,9 @@ std::string control_path(const std::string &runtime_dir);
 
 class control_link {
 public:
-    /* Throws failure. `patience` bounds every wait for the process. */
+    using clock = std::chrono::steady_clock;
+
+    /* Throws failure. From now on everything together takes `patience` at most. */
     control_link(std::string path, std::chrono::milliseconds patience);
     ~control_link();
     control_link(const control_link &) = delete;
@@ -37,6 +39,7 @@ public:
     json ask(const std::string &verb, const json &args, const std::function<void(const json &row)> &row);
 
 private:
+    [[nodiscard]] std::chrono::milliseconds time_left() const;
     void wait_for(short events);
     void send(const std::string &line);
     std::string read_line();
@@ -44,6 +47,7 @@ private:
 
     std::string m_path;
     std::chrono::milliseconds m_patience;
+    clock::time_point m_deadline;
     int m_fd = -1;
     std::string m_in;
     size_t m_begin = 0; /* of what is not yet taken in m_in */

@@ -188,7 +188,38 @@ TEST_F(daemon_test, control_takes_a_long_line_that_ends)
     EXPECT_EQ(code_of(control.answer()), "not_sent") << "longer than the link takes";
 }
 
-TEST_F(daemon_test, control_limits_its_connections)
+TEST_F(daemon_test, control_refuses_objects_with_more_members_than_any_request_has)
+{
+    start();
+    raw_control control(control_path());
+    const auto object = [](int members) {
+        std::string text = "{\"0\":0";
+        for (int i = 1; i < members; i++) {
+            text += ",\"" + std::to_string(i) + "\":0";
+        }
+        return text + "}";
+    };
+    const std::string too_large[] = {
+        object(33),
+        object(80000),
+        R"({"verb":"status","args":)" + object(80000) + "}",
+        R"({"verb":"notify","args":{"kind":"bulk","all":true,"records":[[1,2],)" + object(33) + "]}}",
+    };
+    for (const std::string &line : too_large) {
+        control.send(line + "\n");
+        const json answer = control.answer();
+        EXPECT_EQ(code_of(answer), "bad_request") << line.substr(0, 80);
+        EXPECT_EQ(answer["error"]["text"], "an object has at most 32 members");
+    }
+    control.send(R"({"verb":"status","args":)" + object(32) + "}\n");
+    EXPECT_EQ(code_of(control.answer()), "bad_argument") << "32 are looked at one by one";
+    control.send("]]]}}}{,,,\n");
+    EXPECT_EQ(code_of(control.answer()), "bad_json");
+    control.send("{\"verb\":\"status\"}\n");
+    EXPECT_EQ(control.answer()["ok"], true);
+}
+
+TEST_F(daemon_test, control_connections_that_are_idle_lock_nobody_out)
 {
     start();
     std::vector<std::unique_ptr<raw_control>> connections;
@@ -197,12 +228,41 @@ TEST_F(daemon_test, control_limits_its_connections)
         connections.back()->send("{\"verb\":\"status\"}\n");
         ASSERT_EQ(connections.back()->answer()["ok"], true);
     }
+    connections.front()->send("{\"verb\":\"status\"}\n");
+    ASSERT_EQ(connections.front()->answer()["ok"], true);
+    EXPECT_EQ(ctl({"status"}).status, 0);
+    const json last = connections[1]->line();
+    EXPECT_EQ(code_of(last), "too_many_clients");
+    EXPECT_NE(last["error"]["text"].get<std::string>().find("idle for longest"), std::string::npos);
+    EXPECT_TRUE(connections[1]->ended());
+    for (const size_t other : {0, 2, 31}) {
+        connections[other]->send("{\"verb\":\"status\"}\n");
+        EXPECT_EQ(connections[other]->answer()["ok"], true) << other;
+    }
+}
+
+TEST_F(daemon_test, control_limits_the_connections_that_it_answers)
+{
+    start();
+    raw_peer owner = peer(0);
+    for (uint32_t part = 0; part < 20; part++) {
+        ASSERT_TRUE(owner.send(create(0, handles_from(1 + part * 100, 100))));
+    }
+    ASSERT_TRUE(holds(2000));
+    std::vector<std::unique_ptr<raw_control>> connections;
+    for (int i = 0; i < 32; i++) { /* each reads the first of its rows, and no more */
+        connections.push_back(std::make_unique<raw_control>(control_path()));
+        connections.back()->send("{\"verb\":\"show acs\",\"args\":{\"raw\":true}}\n");
+        ASSERT_TRUE(connections.back()->line().contains("rows"));
+    }
     raw_control one_more(control_path());
     EXPECT_EQ(code_of(one_more.line()), "too_many_clients");
     EXPECT_TRUE(one_more.ended());
     const system_test::result refused = ctl({"status"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_NE(refused.err.find("too many"), std::string::npos) << refused.err;
+    json rows = json::array();
+    EXPECT_EQ(connections.back()->answer(&rows)["ok"], true) << "they lose nothing by it";
     connections.pop_back();
     EXPECT_TRUE(eventually([this] { return ctl({"status"}).status == 0; }));
 }

@@ -33,7 +33,9 @@ void expect_failure(const system_test::result &got, int status, const std::strin
 /* Something at the control socket that is no l2vpnd: takes one connection, says `text`, and closes or waits. */
 class impostor {
 public:
-    impostor(const std::string &dir, const std::string &text, bool closes)
+    enum class then { close, wait, repeat };
+
+    impostor(const std::string &dir, const std::string &text, then what)
         : m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         sockaddr_un address{};
@@ -43,13 +45,14 @@ public:
             listen(m_listener, 1) != 0) {
             throw std::runtime_error("cannot listen");
         }
-        m_thread = std::thread([this, text, closes] {
+        m_thread = std::thread([this, text, what] {
             const int fd = accept(m_listener, nullptr, nullptr);
             char request[4096];
             if (recv(fd, request, sizeof request, 0) > 0) {
-                (void)send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+                while (send(fd, text.data(), text.size(), MSG_NOSIGNAL) >= 0 && what == then::repeat) {
+                }
             }
-            while (!closes && recv(fd, request, sizeof request, 0) > 0) {
+            while (what == then::wait && recv(fd, request, sizeof request, 0) > 0) {
             }
             ::close(fd);
         });
@@ -180,9 +183,19 @@ TEST(ctl, completion_offers_what_help_lists)
 TEST(ctl, does_not_wait_for_ever)
 {
     const system_test::temp_dir dir;
-    const impostor mute(dir.path(), "", false);
+    const impostor mute(dir.path(), "", impostor::then::wait);
     expect_failure(run_ctl({"--runtime-dir", dir.path(), "--timeout", "200", "status"}), 4,
-                   "no answer within 200 ms");
+                   "no complete answer within 200 ms");
+}
+
+TEST(ctl, does_not_listen_for_ever)
+{
+    for (const char *said : {"{\"rows\":[]}\n", "{\"rows\":["}) {
+        const system_test::temp_dir dir;
+        const impostor talker(dir.path(), said, impostor::then::repeat);
+        expect_failure(run_ctl({"--runtime-dir", dir.path(), "--timeout", "200", "status"}), 4,
+                       "no complete answer within 200 ms");
+    }
 }
 
 TEST(ctl, says_when_an_answer_breaks_off_or_is_none)
@@ -192,7 +205,7 @@ TEST(ctl, says_when_an_answer_breaks_off_or_is_none)
                                      {"hello\n", "no JSON object"},
                                      {"[1]\n", "no JSON object"}}) {
         const system_test::temp_dir dir;
-        const impostor other(dir.path(), said, true);
+        const impostor other(dir.path(), said, impostor::then::close);
         expect_failure(run_ctl({"--runtime-dir", dir.path(), "status"}), 4, text);
     }
 }
