@@ -9,7 +9,7 @@ namespace owner {
 
 namespace {
 
-constexpr std::size_t max_name_bytes = L2VPN_AC_DEFN_NAME_LEN - 1;
+constexpr std::size_t max_name_bytes = 63; /* the process reads 64, the last of them NUL */
 constexpr std::string_view fixed_columns[] = {"name", "class", "handle"};
 constexpr std::size_t fixed_count = std::size(fixed_columns);
 constexpr std::string_view pairs_column = "fields";

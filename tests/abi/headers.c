@@ -47,6 +47,78 @@ _Static_assert(sizeof(l2vpn_mstp_req_t) == 96, "port request");
 _Static_assert(sizeof(l2vpn_msti_vid_map_t) == 4, "map");
 _Static_assert(sizeof(l2vpn_mstp_prot_t) == 72, "protection");
 
+/* Every field of the records, each where only its type fits. */
+static const l2vpn_ac_defn_t defn = {.opaque = {1},
+                                     .word = 2,
+                                     .word2 = 3,
+                                     .word3 = 4,
+                                     .by_class = {.half = {5, 6}},
+                                     .by_class2 = {.half = 7},
+                                     .opaque2 = {8},
+                                     .word4 = 9,
+                                     .word5 = 10};
+static const l2vpn_ac_info_t infos[] = {
+    {.words = {1, 2, 3, 4}, .by_class.class0 = {.octets = {5, 6}, .half = 7}},
+    {.by_class.class2 = {.half = 1, .half2 = 2}},
+    {.by_class.class6 = {.half = 1,
+                         .octets = {2, 3},
+                         .word = 4,
+                         .bit_a = 1,
+                         .bit_b = 0,
+                         .bit_c = 1,
+                         .bit_d = 0,
+                         .bits_e = 2,
+                         .bits_f = 3,
+                         .octet = 5,
+                         .half2 = 6,
+                         .word2 = 7,
+                         .word3 = 8,
+                         .octets2 = {9},
+                         .quad = 10,
+                         .opaque = {11},
+                         .quad2 = 12,
+                         .opaque2 = {13},
+                         .word4 = 14}},
+    {.by_class.class7 = {.opaque = {1}, .word = 2, .opaque2 = {3}, .words = {4, 5, 6, 7}}},
+    {.by_class.class8 = {.opaque = {1}}},
+    {.by_class.class11 = {.word = 1, .word2 = 2}},
+};
+static const l2vpn_ac_xcid_data_t data[] = {
+    {.words = {1, 2, 3, 4, 5, 6, 7}, .by_class.class0 = {.half = 8}},
+    {.by_class.class2 = {.half = 1, .half2 = 2}},
+    {.by_class.class8 = {.opaque = {1},
+                         .word = 2,
+                         .opaque2 = {3},
+                         .words = {4, 5, 6, 7},
+                         .word2 = 8,
+                         .octets = {9},
+                         .words2 = {10, 11, 12, 13},
+                         .word3 = 14,
+                         .word4 = 15}},
+    {.by_class.class11 = {1}},
+};
+static const l2vpn_ac_bulk_notify_t notice = {
+    .word = 1, .half = 2, .octets = {3, 4}, .words = {5, 6, 7, 8}, .opaque = {9}, .word2 = 10};
+
+static qerrno on_unprov(l2vpn_ac_client_hd_t hd, uint32_t bulk, ifhtype *ifh, uint32_t flags)
+{
+    (void)hd;
+    return bulk > 0 && ifh[0] == flags ? EOK : 22;
+}
+
+static qerrno on_bulk_notify(l2vpn_ac_client_hd_t hd, uint32_t bulk, l2vpn_ac_bulk_notify_t *records,
+                             uint32_t flags)
+{
+    (void)hd;
+    return bulk > 0 && records[0].word == notice.word && (flags & L2VPN_AC_FLAG_NOTICE) != 0 ? EOK : 22;
+}
+
+static qerrno on_hdr_notify(l2vpn_ac_client_hd_t hd, uint32_t word2, void *null, uint32_t word3)
+{
+    (void)hd;
+    return null == NULL && word2 == word3 ? EOK : 22;
+}
+
 int main(void)
 {
     if (memcmp(types, codes, sizeof types) != 0)
@@ -65,9 +137,16 @@ int main(void)
     l2vpn_msti_root_t root = {.word = 1, .half = 2, .octets = {3, 4}};
     l2vpn_msti_vid_map_t entry = {.half = 1, .half2 = 2};
     l2vpn_mstp_prot_t prot = {.opaque = {1}, .tail = {2}, .word = 3};
-    l2vpn_ac_callback_vector_t callbacks = {.status_cb = on_status, .prov_cb = on_prov};
+    l2vpn_ac_callback_vector_t callbacks = {.status_cb = on_status,
+                                            .prov_cb = on_prov,
+                                            .unprov_cb = on_unprov,
+                                            .bulk_notify_cb = on_bulk_notify,
+                                            .hdr_notify_cb = on_hdr_notify,
+                                            .reserved5 = NULL,
+                                            .reserved6 = NULL};
     if (hdr.mark != 3 || req.tail[0] != 10 || root.half != 2 || entry.half2 != 2 || prot.word != 3 ||
-        callbacks.reserved6 != NULL)
+        callbacks.reserved6 != NULL || defn.by_class2.half != 7 || infos[2].by_class.class6.bits_f != 3 ||
+        data[2].by_class.class8.word4 != 15 || notice.word2 != 10)
         return 2;
 
     /* No client is connected: every function says so, from C. */

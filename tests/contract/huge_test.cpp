@@ -1,6 +1,6 @@
 /*
- * Requests of a million records, and of 2^31 and more: such a count is negative where messages are cut. It is checked and
- * converted whole, nothing is sent, and the request succeeds.
+ * Requests of a million records, and of 2^31 and more: such a count is negative where messages are cut. It is
+ * checked and converted whole, nothing is sent, and the request succeeds.
  *
  * The arrays alias a small piece of memory, mapped over and over, so that the addresses are real. So do the
  * entries for the platform's check: this program stands in front of mmap() for them.
@@ -154,6 +154,19 @@ TEST_F(huge_request, vlan_map_is_converted_there_and_back_and_sends_nothing)
     EXPECT_EQ(lib.msti_vid_map(hd, 0, &one, 1), 0u);
     EXPECT_EQ(sent_headers(4).back().flags, 3u) << "and closed it";
     EXPECT_EQ(sent(4).size(), 2u);
+}
+
+TEST_F(huge_request, root_is_converted_there_and_back_and_sends_nothing)
+{
+    const auto hd = connect_up(4);
+    auto *const roots = array<l2vpn_msti_root_t>();
+    EXPECT_EQ(lib.mstp_root(hd, L2VPN_MSTP_FLAG_BEGIN | L2VPN_MSTP_FLAG_END, roots, huge), 0u);
+    EXPECT_THAT(sent(4), IsEmpty());
+    EXPECT_TRUE(array_is_restored());
+
+    l2vpn_msti_root_t one = {1, 2, {}};
+    EXPECT_EQ(lib.mstp_root(hd, 0, &one, 1), 0u);
+    EXPECT_THAT(sent_headers(4), ElementsAre(header{3, 14, 1, 3})) << "opened and closed at once";
 }
 
 TEST_F(huge_request, info_messages_that_find_no_memory)

@@ -77,6 +77,9 @@ public:
     void prepare()
     {
         hd = connect_up(4);
+        world.fail(fn::l2vpn_ipc_ucastv, 1, 105); /* which starts the retry timer */
+        EXPECT_EQ(lib.update(hd, 0, 0, nullptr, nullptr), 0u);
+        notices.clear();
         world.before(fn::ptd_set_mutex_block, [] { tap.order.emplace_back("announce"); });
         world.before(fn::ptd_unset_mutex_block, [] { tap.order.emplace_back("withdraw"); });
         world.clear_calls();
@@ -151,6 +154,8 @@ const locker lockers[] = {
          alignas(8) std::uint8_t message[16] = {0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0};
          world.msg_cb(4)(world.ipc_client(), 4, 0, message, 16, 0, hd);
      }},
+    {"timer", "l2vpn_ac_connect_expire_fn", false,
+     [](ac_library &, l2vpn_ac_client_hd_t, l2vpn::sim::world &world) { world.advance(seconds(1)); }},
 };
 
 class each_locker : public locking, public testing::WithParamInterface<locker> {};
@@ -230,19 +235,6 @@ TEST_P(each_locker_death, aborts_when_the_unlock_fails)
                  "Assertion `_rc == EOK' failed");
 }
 
-TEST_F(locking, the_timers_function_takes_the_request_lock)
-{
-    connect(4);
-    watch([&] {
-        tap.trylock_answer = EBUSY;
-        world.advance(seconds(4));
-    });
-    const auto announcements = world.calls(fn::ptd_set_mutex_block);
-    ASSERT_EQ(announcements.size(), 1u);
-    EXPECT_EQ(announcements[0].where, "l2vpn_ac_connect_expire_fn");
-    EXPECT_EQ(sent(4).size(), 2u);
-}
-
 /* --- which of the two locks --- */
 
 TEST_F(locking, connect_and_requests_share_one_lock_and_disconnect_and_callbacks_the_other)
@@ -261,7 +253,8 @@ TEST_F(locking, connect_and_requests_share_one_lock_and_disconnect_and_callbacks
     const void *const api = mutex_of["create"];
     const void *const cb = mutex_of["disconnect"];
     EXPECT_NE(api, cb);
-    for (const char *name : {"connect", "update", "delete", "root", "port_request", "vid_map", "protect"})
+    for (const char *name :
+         {"connect", "update", "delete", "root", "port_request", "vid_map", "protect", "timer"})
         EXPECT_EQ(mutex_of[name], api) << name;
     for (const char *name : {"event", "message"})
         EXPECT_EQ(mutex_of[name], cb) << name;
@@ -367,7 +360,7 @@ TEST_F(order, arrays_are_restored_after_the_unlock)
     std::uint32_t at_unlock = 0;
     tap_unlock = [&] { at_unlock = a.ifh[0]; };
     const bool little = std::endian::native == std::endian::little;
-    for (const qerrno status : {0, 105}) {
+    for (const qerrno status : {0u, 105u}) {
         world.clear_failures();
         if (status != 0)
             world.fail_from(fn::l2vpn_ipc_ucastv, 1, status);
@@ -376,7 +369,7 @@ TEST_F(order, arrays_are_restored_after_the_unlock)
         at_unlock = 0;
     }
     tap_unlock = [&] { at_unlock = root.word; };
-    for (const qerrno status : {0, 105}) {
+    for (const qerrno status : {0u, 105u}) {
         world.clear_failures();
         if (status != 0)
             world.fail_from(fn::l2vpn_ipc_ucastv, 1, status);

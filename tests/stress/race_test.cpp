@@ -65,14 +65,117 @@ TEST_F(race, disconnect_against_failing_requests)
         std::thread creating([&] {
             acs a(3);
             start.arrive_and_wait();
-            for (int i = 0; i < 20; ++i)
-                create(hd, 0, a);
+            /* A failed send is taken over while the client is there; then there is no client. */
+            bool gone = false;
+            for (int i = 0; i < 20; ++i) {
+                const qerrno rc = create(hd, 0, a);
+                EXPECT_TRUE(plausible(rc, 2) && !(gone && rc == 0)) << rc;
+                gone = gone || rc == 2;
+            }
+            EXPECT_EQ(a, acs(3));
         });
         start.arrive_and_wait();
         EXPECT_EQ(lib.disconnect(hd), 0u);
         creating.join();
         ASSERT_EQ(world.clients(), 0u);
+        ASSERT_EQ(world.live_leaves(), 0u);
     }
+}
+
+/* The library is initialised once, whoever comes first. */
+TEST_F(race, first_connects_of_two_threads)
+{
+    world.set.record = true;
+    std::barrier start(2);
+    const auto connecting = [&](std::uint32_t class_id) {
+        l2vpn_ac_client_hd_t hd = nullptr;
+        start.arrive_and_wait();
+        EXPECT_EQ(lib.connect(world.evm(), 0, class_id, &callbacks, &hd), 0u);
+    };
+    std::thread other([&] { connecting(4); });
+    connecting(5);
+    other.join();
+    EXPECT_EQ(world.count(fn::l2vpn_debug_init), 1u);
+    EXPECT_EQ(world.count(fn::l2vpn_ipc_client_init), 1u);
+    EXPECT_EQ(world.count(fn::wavl_init), 1u);
+    EXPECT_EQ(world.clients(), 2u);
+}
+
+/* A class is connected once at a time; the loser leaves nothing behind. */
+TEST_F(race, connects_of_one_class_by_two_threads)
+{
+    for (int round = 0; round < rounds; ++round) {
+        std::barrier start(2);
+        l2vpn_ac_client_hd_t hds[2] = {};
+        qerrno rcs[2] = {};
+        const auto connecting = [&](int which) {
+            start.arrive_and_wait();
+            rcs[which] = lib.connect(world.evm(), 0, 4, &callbacks, &hds[which]);
+        };
+        std::thread other([&] { connecting(1); });
+        connecting(0);
+        other.join();
+        const int winner = rcs[0] == 0 ? 0 : 1;
+        EXPECT_EQ(rcs[winner], 0u);
+        EXPECT_EQ(rcs[1 - winner], 17u);
+        EXPECT_EQ(hds[1 - winner], nullptr);
+        ASSERT_EQ(world.clients(), 1u);
+        ASSERT_EQ(world.live_leaves(), 1u);
+        EXPECT_EQ(lib.disconnect(hds[winner]), 0u);
+    }
+}
+
+/* From a thread of its own, a connect can be overtaken by the event that says the process is there: it then
+ * sets the client back to joining, and JOIN goes on being sent until the next event. */
+TEST_F(race, connect_overtaken_by_its_event)
+{
+    world.set.record = true;
+    std::barrier at_join(2);
+    world.before(fn::l2vpn_ipc_ucast, [&] {
+        at_join.arrive_and_wait();
+        at_join.arrive_and_wait();
+    });
+    l2vpn_ac_client_hd_t hd = nullptr;
+    std::thread connecting([&] { EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 0u); });
+    at_join.arrive_and_wait();
+    world.link_of(4).up();
+    world.run();
+    at_join.arrive_and_wait();
+    connecting.join();
+    world.before(fn::l2vpn_ipc_ucast, {});
+
+    EXPECT_EQ(sent(4).size(), 1u);
+    world.advance(seconds(4));
+    EXPECT_EQ(sent(4).size(), 2u) << "joining still";
+    world.link_of(4).up();
+    world.run();
+    world.advance(seconds(60));
+    EXPECT_EQ(sent(4).size(), 2u) << "up";
+}
+
+/* A disconnect event that comes between the connect's last two steps leaves the client idle, with no timer. */
+TEST_F(race, connect_overtaken_by_a_disconnect_event)
+{
+    std::barrier at_end(2);
+    std::atomic<bool> armed = true;
+    world.before(fn::gen_format_debug_fmt, [&] {
+        if (armed.exchange(false)) {
+            at_end.arrive_and_wait();
+            at_end.arrive_and_wait();
+        }
+    });
+    l2vpn_ac_client_hd_t hd = nullptr;
+    qerrno rc = 0;
+    std::thread connecting([&] { rc = lib.connect(world.evm(), 0, 4, &callbacks, &hd); });
+    at_end.arrive_and_wait(); /* the first text of a connect is the activation's */
+    world.link_of(4).event(L2VPN_IPC_EVT_DISCONNECTED);
+    world.run();
+    at_end.arrive_and_wait();
+    connecting.join();
+    EXPECT_EQ(rc, 2u);
+    ASSERT_NE(hd, nullptr) << "connected all the same";
+    EXPECT_TRUE(world.timers().empty());
+    EXPECT_EQ(lib.disconnect(hd), 0u);
 }
 
 TEST_F(race, disconnect_of_one_handle_by_many_succeeds_once)

@@ -124,6 +124,22 @@ protected:
     contract() { current_ = this; }
     ~contract() override { current_ = nullptr; }
 
+    /* Whatever a test did, its clients can be disconnected, and nothing is left then. */
+    void TearDown() override
+    {
+        during = nullptr;
+        world.clear_failures();
+        for (std::size_t i = 0; i < l2vpn::sim::fn_count; ++i)
+            world.before(static_cast<fn>(i), {});
+        for (std::uint32_t class_id = 0; class_id < L2VPN_AC_CLASS_MAX; ++class_id) {
+            const l2vpn::sim::link &link = world.link_of(class_id);
+            if (link.registered())
+                (void)lib.disconnect(static_cast<l2vpn_ac_client_hd_t>(link.cookie()));
+        }
+        EXPECT_EQ(world.clients(), 0u);
+        EXPECT_EQ(world.live_leaves(), 0u);
+    }
+
     l2vpn::sim::world world;
     ac_library lib;
     std::vector<notice> notices;

@@ -120,11 +120,11 @@ static qerrno connect_client(l2vpn_ac_client_use &client, l2vpn_ac_class_t class
     client->state.store(L2VPN_AC_ST_JOINING, std::memory_order_relaxed);
     client->retry_secs.store(L2VPN_AC_RETRY_AFTER_CONNECT, std::memory_order_relaxed);
     *hd = client.get();
-    (void)l2vpn_ac_activate_timer(client.get()); /* it takes a joining client on */
+    rc = l2vpn_ac_activate_timer(client.get());
     L2VPN_AC_DEBUG(connect_name, "lib AC connect INIT: MTU=%d, max_create=%d, max_updt=%d, max_del=%d",
                    static_cast<int>(global.mtu), static_cast<int>(global.max_create),
                    static_cast<int>(global.max_updt), static_cast<int>(global.max_del));
-    return EOK;
+    return rc;
 }
 
 static qerrno l2vpn_ac_process_connect_internal(event_mgr_p evm, l2vpn_ac_class_t class_id,

@@ -24,8 +24,8 @@ qerrno l2vpn_ac_info_to_msg(uint32_t class_id, uint32_t count, l2vpn_ac_info_t *
 
     uint32_t size = 0;
     L2VPN_AC_ASSERT(l2vpn_get_var_ac_info_msg_size(class_id, &size));
-    if (row->encode_infos == nullptr)
-        L2VPN_AC_ASSERT(size == 0); /* a class with a size and no layout */
+    if (row->encode_infos == nullptr) /* a class with a size and no layout */
+        l2vpn_ac_assert_fail("size == 0", __FILE__, __LINE__, __func__);
     row->encode_infos(infos, reinterpret_cast<std::byte *>(*msgs), count);
     return EOK;
 }

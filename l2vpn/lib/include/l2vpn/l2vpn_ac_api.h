@@ -113,7 +113,8 @@ PLATFORM_STATIC_ASSERT(sizeof(l2vpn_ac_callback_vector_t) == 7 * sizeof(void *),
  *   17   the class is connected already; or the context could not be entered among the clients
  *   others: the platform's, from initialisation, class registration, the MTU or the first JOIN
  *
- * A connect that fails leaves no client behind.
+ * A connect that fails leaves no client behind. One made off the event manager's thread can also return 2
+ * with `*hd` set: the client is connected, and a disconnect event has overtaken the connect's last step.
  */
 qerrno l2vpn_ac_process_connect(event_mgr_p evm, uint32_t spare, l2vpn_ac_class_t class_id,
                                 l2vpn_ac_callback_vector_t *callbacks, l2vpn_ac_client_hd_t *hd);

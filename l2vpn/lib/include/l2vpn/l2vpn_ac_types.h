@@ -40,7 +40,7 @@ typedef uint32_t l2vpn_ac_class_t;
  */
 
 typedef struct l2vpn_ac_defn {
-    uint8_t opaque[68]; /* the first 64 bytes: the interface's name, NUL-padded */
+    uint8_t opaque[68];
     uint32_t word;
     uint32_t word2;
     uint32_t word3;
@@ -57,8 +57,6 @@ typedef struct l2vpn_ac_defn {
     uint32_t word4;
     uint32_t word5;
 } l2vpn_ac_defn_t;
-
-#define L2VPN_AC_DEFN_NAME_LEN 64u
 
 L2VPN_ASSERT_RECORD(l2vpn_ac_defn_t, 616, 4);
 L2VPN_ASSERT_FIELD(l2vpn_ac_defn_t, opaque, 0);
@@ -144,8 +142,14 @@ typedef struct l2vpn_ac_info {
 } l2vpn_ac_info_t;
 
 L2VPN_ASSERT_RECORD(l2vpn_ac_info_half_t, 4, 2);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_half_t, octets, 0);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_half_t, half, 2);
 L2VPN_ASSERT_RECORD(l2vpn_ac_info_halves_t, 4, 2);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_halves_t, half, 0);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_halves_t, half2, 2);
 L2VPN_ASSERT_RECORD(l2vpn_ac_info_class6_t, 184, 8);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_class6_t, half, 0);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_class6_t, octets, 2);
 L2VPN_ASSERT_FIELD(l2vpn_ac_info_class6_t, word, 4);
 L2VPN_ASSERT_FIELD(l2vpn_ac_info_class6_t, octet, 9);
 L2VPN_ASSERT_FIELD(l2vpn_ac_info_class6_t, half2, 10);
@@ -158,11 +162,16 @@ L2VPN_ASSERT_FIELD(l2vpn_ac_info_class6_t, quad2, 104);
 L2VPN_ASSERT_FIELD(l2vpn_ac_info_class6_t, opaque2, 112);
 L2VPN_ASSERT_FIELD(l2vpn_ac_info_class6_t, word4, 180);
 L2VPN_ASSERT_RECORD(l2vpn_ac_info_class7_t, 40, 4);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_class7_t, opaque, 0);
 L2VPN_ASSERT_FIELD(l2vpn_ac_info_class7_t, word, 8);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_class7_t, opaque2, 12);
 L2VPN_ASSERT_FIELD(l2vpn_ac_info_class7_t, words, 24);
 L2VPN_ASSERT_RECORD(l2vpn_ac_info_class8_t, 2340, 1);
 L2VPN_ASSERT_RECORD(l2vpn_ac_info_class11_t, 8, 4);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_class11_t, word, 0);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_class11_t, word2, 4);
 L2VPN_ASSERT_RECORD(l2vpn_ac_info_t, 2360, 8);
+L2VPN_ASSERT_FIELD(l2vpn_ac_info_t, words, 0);
 L2VPN_ASSERT_FIELD(l2vpn_ac_info_t, by_class, 16);
 
 /* ------------------------------------------------------------------------------------------------------
@@ -194,7 +203,9 @@ typedef struct l2vpn_ac_xcid_data {
 } l2vpn_ac_xcid_data_t;
 
 L2VPN_ASSERT_RECORD(l2vpn_ac_xcid_class8_t, 2648, 4);
+L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, opaque, 0);
 L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, word, 36);
+L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, opaque2, 40);
 L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, words, 2600);
 L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, word2, 2616);
 L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, octets, 2620);
@@ -202,6 +213,7 @@ L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, words2, 2624);
 L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, word3, 2640);
 L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_class8_t, word4, 2644);
 L2VPN_ASSERT_RECORD(l2vpn_ac_xcid_data_t, 2676, 4);
+L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_data_t, words, 0);
 L2VPN_ASSERT_FIELD(l2vpn_ac_xcid_data_t, by_class, 28);
 
 /* The record of a bulk notice. */
@@ -215,6 +227,7 @@ typedef struct l2vpn_ac_bulk_notify {
 } l2vpn_ac_bulk_notify_t;
 
 L2VPN_ASSERT_RECORD(l2vpn_ac_bulk_notify_t, 32, 4);
+L2VPN_ASSERT_FIELD(l2vpn_ac_bulk_notify_t, word, 0);
 L2VPN_ASSERT_FIELD(l2vpn_ac_bulk_notify_t, half, 4);
 L2VPN_ASSERT_FIELD(l2vpn_ac_bulk_notify_t, octets, 6);
 L2VPN_ASSERT_FIELD(l2vpn_ac_bulk_notify_t, words, 8);
@@ -233,6 +246,7 @@ typedef struct l2vpn_msti_root {
 } l2vpn_msti_root_t;
 
 L2VPN_ASSERT_RECORD(l2vpn_msti_root_t, 8, 4);
+L2VPN_ASSERT_FIELD(l2vpn_msti_root_t, word, 0);
 L2VPN_ASSERT_FIELD(l2vpn_msti_root_t, half, 4);
 L2VPN_ASSERT_FIELD(l2vpn_msti_root_t, octets, 6);
 
@@ -250,6 +264,7 @@ typedef struct l2vpn_mstp_req {
 } l2vpn_mstp_req_t;
 
 L2VPN_ASSERT_RECORD(l2vpn_mstp_req_t, 96, 4);
+L2VPN_ASSERT_FIELD(l2vpn_mstp_req_t, word, 0);
 L2VPN_ASSERT_FIELD(l2vpn_mstp_req_t, half, 4);
 L2VPN_ASSERT_FIELD(l2vpn_mstp_req_t, octets, 6);
 L2VPN_ASSERT_FIELD(l2vpn_mstp_req_t, word2, 8);
@@ -266,6 +281,7 @@ typedef struct l2vpn_msti_vid_map_entry {
 } l2vpn_msti_vid_map_t;
 
 L2VPN_ASSERT_RECORD(l2vpn_msti_vid_map_t, 4, 2);
+L2VPN_ASSERT_FIELD(l2vpn_msti_vid_map_t, half, 0);
 L2VPN_ASSERT_FIELD(l2vpn_msti_vid_map_t, half2, 2);
 
 /* MSTP protection information. `tail` is not converted, although it has the size of a word. */
@@ -276,7 +292,13 @@ typedef struct l2vpn_mstp_prot {
 } l2vpn_mstp_prot_t;
 
 L2VPN_ASSERT_RECORD(l2vpn_mstp_prot_t, 72, 4);
+L2VPN_ASSERT_FIELD(l2vpn_mstp_prot_t, opaque, 0);
 L2VPN_ASSERT_FIELD(l2vpn_mstp_prot_t, tail, 64);
 L2VPN_ASSERT_FIELD(l2vpn_mstp_prot_t, word, 68);
+
+#undef L2VPN_ALIGNAS
+#undef L2VPN_ALIGNOF
+#undef L2VPN_ASSERT_RECORD
+#undef L2VPN_ASSERT_FIELD
 
 #endif

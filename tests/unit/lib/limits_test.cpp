@@ -1,0 +1,126 @@
+/*
+ * The message limits as connect leaves them in the global record, for MTUs that leave room, none, or less
+ * than none; and counts that are negative where messages are cut.
+ */
+#include "l2vpn_ac_global.h"
+#include "l2vpn_ac_send.h"
+
+#include <platform/sim.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using l2vpn::sim::fn;
+
+/* The library stays initialised for the life of the process, and with it the event manager. */
+l2vpn::sim::world &world()
+{
+    static l2vpn::sim::world the_world;
+    return the_world;
+}
+
+l2vpn_ac_callback_vector_t callbacks = {
+    .status_cb = [](l2vpn_ac_client_hd_t, std::uint32_t, std::uint32_t) -> qerrno { return 0; },
+    .prov_cb = nullptr,
+    .unprov_cb = nullptr,
+    .bulk_notify_cb = nullptr,
+    .hdr_notify_cb = nullptr,
+    .reserved5 = nullptr,
+    .reserved6 = nullptr};
+
+struct client {
+    l2vpn_ac_client_hd_t hd = nullptr;
+
+    explicit client(std::uint32_t class_id)
+    {
+        EXPECT_EQ(l2vpn_ac_process_connect(world().evm(), 0, class_id, &callbacks, &hd), 0u);
+    }
+    ~client() { EXPECT_EQ(l2vpn_ac_process_disconnect(hd), 0u); }
+    client(const client &) = delete;
+    client &operator=(const client &) = delete;
+};
+
+struct limits {
+    std::uint32_t class_id, mtu;
+    std::uint32_t create, updt, del, msti_root, mstp_req, vid_map, half;
+};
+
+class limit : public testing::TestWithParam<limits> {};
+
+TEST_P(limit, is_what_the_mtu_has_room_for)
+{
+    const limits &l = GetParam();
+    world().set.mtu = l.mtu;
+    const client c(l.class_id);
+    const l2vpn_ac_global &global = s_l2vpn_ac_global;
+    EXPECT_EQ(global.mtu, l.mtu);
+    EXPECT_EQ(global.max_create, l.create);
+    EXPECT_EQ(global.max_updt, l.updt);
+    EXPECT_EQ(global.max_del, l.del);
+    EXPECT_EQ(global.max_msti_root, l.msti_root);
+    EXPECT_EQ(global.max_mstp_req, l.mstp_req);
+    EXPECT_EQ(global.max_vid_map, l.vid_map);
+    EXPECT_EQ(global.max_half, l.half);
+}
+
+/* Below 16 the room is 2^64 - (16 - mtu); of each quotient the low 32 bits are kept. */
+INSTANTIATE_TEST_SUITE_P(
+    mtus, limit,
+    testing::Values(limits{4, 16, 0, 0, 0, 0, 0, 0, 0}, limits{4, 17, 0, 0, 0, 0, 0, 0, 0},
+                    limits{4, 100, 0, 4, 21, 7, 0, 21, 42}, limits{4, 400, 0, 19, 96, 32, 4, 96, 192},
+                    limits{0, 1516, 2, 62, 375, 125, 15, 375, 750},
+                    limits{8, 65536, 22, 27, 16380, 5460, 682, 16380, 32760},
+                    limits{6, 0xffffffff, 5237764, 21053761, 0x3ffffffb, 357913939, 44739242, 0x3ffffffb,
+                           0x7ffffff7},
+                    limits{4, 0, 999457798u, 3435973836u, 4294967292u, 1431655764u, 2863311530u, 4294967292u,
+                           4294967288u},
+                    limits{4, 15, 999457798u, 3435973836u, 4294967295u, 1431655765u, 2863311530u, 4294967295u,
+                           4294967295u},
+                    limits{8, 7, 1616385541u, 1703427707u, 4294967293u, 1431655764u, 2863311530u, 4294967293u,
+                           4294967291u}),
+    [](const auto &param) {
+        return "class_" + std::to_string(param.param.class_id) + "_mtu_" + std::to_string(param.param.mtu);
+    });
+
+/* --- counts of 2^31 and more: negative, so nothing is left to send --- */
+
+class negative : public testing::TestWithParam<std::uint32_t> {};
+
+TEST_P(negative, sends_nothing_and_succeeds)
+{
+    world().set.mtu = 1516;
+    const client c(4);
+    world().clear_calls();
+
+    std::uint32_t batch = 0;
+    const l2vpn_ac_marking markings[] = {{1, 2, &batch, true, true}, {4, 8, nullptr, true, false}};
+    std::byte record[8] = {};
+    const l2vpn_ac_pieces pieces = {{{record, 8, false}}, 1};
+    const std::uint32_t limit = 100;
+    for (const l2vpn_ac_marking &marking : markings)
+        EXPECT_EQ(l2vpn_ac_send_records(c.hd, L2VPN_AC_MSG_UPDATE, marking, 3, 3, limit, pieces, GetParam()),
+                  0u);
+    EXPECT_EQ(world().calls(fn::l2vpn_ipc_ucastv).size(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(counts, negative, testing::Values(0x80000000u, 0x80000001u, 0xffffffffu));
+
+/* The largest count that is not. */
+TEST(counts, just_below_are_sent)
+{
+    world().set.mtu = 1516;
+    const client c(4);
+    world().clear_calls();
+    world().fail(fn::l2vpn_ipc_ucastv, 1, 105);
+
+    const l2vpn_ac_marking marking = {4, 8, nullptr, true, false};
+    std::byte record[8] = {};
+    const l2vpn_ac_pieces pieces = {{{record, 0, false}}, 1};
+    const std::uint32_t limit = 0x7fffffff;
+    EXPECT_EQ(l2vpn_ac_send_records(c.hd, L2VPN_AC_MSG_UPDATE, marking, 0, 4, limit, pieces, 0x7fffffff),
+              105u);
+    EXPECT_EQ(world().calls(fn::l2vpn_ipc_ucastv).size(), 1u);
+}
+
+} // namespace
