@@ -148,28 +148,32 @@ TEST(threads, withdraw_a_class_while_its_callback_does_the_same)
     recording_server server;
     ASSERT_EQ(server.start(of_server, "both"), qerrno{EOK});
     std::atomic<uint32_t> withdrawn{0};
-    std::atomic<bool> inside{false};
+    std::atomic<uint32_t> entered{0};
+    std::atomic<uint32_t> left{0};
     l2vpn_ipc_client_t client = new_client(of_client, "both");
     struct shared_t {
         std::atomic<uint32_t> &withdrawn;
-        std::atomic<bool> &inside;
-    } shared{withdrawn, inside};
+        std::atomic<uint32_t> &entered;
+        std::atomic<uint32_t> &left;
+    } shared{withdrawn, entered, left};
     const auto at_event = [](l2vpn_ipc_client_t of, uint32_t, uint32_t, l2vpn_ipc_evt_t, uint32_t,
                              void *cookie) {
         auto &with = *static_cast<shared_t *>(cookie);
-        with.inside = true;
+        ++with.entered;
         with.withdrawn += l2vpn_ipc_class_deinit(of, 5, 0) == EOK;
+        ++with.left;
     };
     {
         const running_loop server_thread(of_server);
         const running_loop client_thread(of_client);
         for (uint32_t round = 1; round <= 200; ++round) {
-            inside = false;
             ASSERT_EQ(l2vpn_ipc_class_init(client, 5, 7, count_message, at_event, nullptr, &shared),
                       qerrno{EOK});
-            ASSERT_TRUE(wait_for([&] { return inside.load(); }));
+            ASSERT_TRUE(wait_for([&] { return entered == round; }));
             withdrawn += l2vpn_ipc_class_deinit(client, 5, 0) == EOK;
-            ASSERT_TRUE(wait_for([&] { return withdrawn == round; })) << "one of the two, and once";
+            /* A callback that is still inside would withdraw the class of the next round. */
+            ASSERT_TRUE(wait_for([&] { return left == round; }));
+            ASSERT_EQ(withdrawn, round) << "one of the two, and once";
         }
     }
 }
