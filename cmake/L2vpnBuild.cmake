@@ -49,10 +49,10 @@ function(l2vpn_version_script target file)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${file})
 endfunction()
 
-# l2vpn_gtest(NAME SOURCES... [LIBS...] [TIMEOUT SECONDS] [LABELS...] [SERIAL]): a GoogleTest program, each
+# l2vpn_gtest(NAME SOURCES... [LIBS...] [TIMEOUT SECONDS] [LABELS...] [COST N]): a GoogleTest program, each
 # of its tests a test of CTest's.
 function(l2vpn_gtest name)
-    cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+    cmake_parse_arguments(ARG "" "TIMEOUT;COST" "SOURCES;LIBS;LABELS" ${ARGN})
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 60)
     endif()
@@ -68,8 +68,8 @@ function(l2vpn_gtest name)
     if(ARG_LABELS)
         list(APPEND properties LABELS "${ARG_LABELS}")
     endif()
-    if(ARG_SERIAL)
-        list(APPEND properties RUN_SERIAL ON)
+    if(ARG_COST) # the more, the sooner it is started
+        list(APPEND properties COST ${ARG_COST})
     endif()
     gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
                          PROPERTIES ${properties})
