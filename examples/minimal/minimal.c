@@ -1,4 +1,5 @@
 /* The smallest interface owner: one AC of class 0, handed over whenever the L2VPN process is there. */
+#include <err.h>
 #include <l2vpn/l2vpn_ac_api.h>
 #include <platform/event_loop.h>
 #include <stdio.h>
@@ -22,19 +23,17 @@ static qerrno on_status(l2vpn_ac_client_hd_t client, uint32_t status, uint32_t a
     return EOK;
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
+    if (argc > 1)
+        errx(2, "takes no arguments, '%s' is one", argv[1]);
     l2vpn_ac_callback_vector_t callbacks = {.status_cb = on_status};
     l2vpn_ac_client_hd_t client;
     event_mgr_p events = event_mgr_new();
-    if (events == NULL) {
-        perror("event manager");
-        return 1;
-    }
+    if (events == NULL)
+        err(1, "event manager");
     qerrno result = l2vpn_ac_process_connect(events, 0, 0, &callbacks, &client);
-    if (result != EOK) {
-        fprintf(stderr, "connect: %s\n", qerr_strerror(result));
-        return 1;
-    }
+    if (result != EOK)
+        errx(1, "connect: %s", qerr_strerror(result));
     return event_mgr_run(events) < 0; /* until a signal ends the program */
 }

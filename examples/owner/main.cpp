@@ -17,18 +17,30 @@
 
 namespace {
 
-// What the process holds, from a file or ('-') from standard input.
 template <typename Intended>
-int compare_with(const std::string &path, const Intended &intended)
+int compare_with(std::istream &held, const std::string &name, const char *verb, const Intended &intended)
 {
-    if (path == "-")
-        return owner::compare(intended, std::cin, std::cout) ? 0 : owner::exit_failed;
-    std::ifstream file(path);
-    if (!file) {
-        std::cerr << "l2vpn-owner: " << path << ": " << std::strerror(errno) << '\n';
+    if (!held) {
+        std::cerr << "l2vpn-owner: " << name << ": " << std::strerror(errno) << '\n';
         return owner::exit_bad_input;
     }
-    return owner::compare(intended, file, std::cout) ? 0 : owner::exit_failed;
+    try {
+        return owner::compare(intended, held, std::cout) ? 0 : owner::exit_failed;
+    } catch (const std::exception &error) {
+        std::cerr << "l2vpn-owner: " << name << ": is not what 'l2vpnctl show " << verb
+                  << " --json --raw' prints: " << error.what() << '\n';
+        return owner::exit_bad_input;
+    }
+}
+
+// With what the process holds, from a file or ('-') from standard input.
+template <typename Intended>
+int compare_with(const std::string &path, const char *verb, const Intended &intended)
+{
+    if (path == "-")
+        return compare_with(std::cin, "standard input", verb, intended);
+    std::ifstream file(path);
+    return compare_with(file, path, verb, intended);
 }
 
 int run(int argc, char **argv)
@@ -61,9 +73,9 @@ int run(int argc, char **argv)
         return std::cout.flush() ? 0 : owner::exit_failed;
     }
     if (!chosen.compare.empty())
-        status = compare_with(chosen.compare, interfaces);
+        status = compare_with(chosen.compare, "acs", interfaces);
     if (!chosen.compare_mstp.empty() && status == 0)
-        status = compare_with(chosen.compare_mstp, scenario);
+        status = compare_with(chosen.compare_mstp, "mstp", scenario);
     if (!chosen.compare.empty() || !chosen.compare_mstp.empty())
         return status;
 

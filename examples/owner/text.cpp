@@ -5,7 +5,9 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
+#include <sys/stat.h>
 
 namespace owner {
 
@@ -19,17 +21,22 @@ std::string read_whole(const std::string &path, std::string &content)
     struct close_file {
         void operator()(std::FILE *file) const { (void)std::fclose(file); }
     };
-    const std::unique_ptr<std::FILE, close_file> file(std::fopen(path.c_str(), "re"));
-    if (file == nullptr)
+    // Not blocking: a pipe that nobody writes to is refused like any other thing that is no file.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const std::unique_ptr<std::FILE, close_file> file(fd >= 0 ? ::fdopen(fd, "r") : nullptr);
+    struct stat found {};
+    if (file == nullptr || ::fstat(fd, &found) != 0)
         return std::strerror(errno);
+    if (!S_ISREG(found.st_mode))
+        return S_ISDIR(found.st_mode) ? "is a directory, not a file" : "is a device or a pipe, not a file";
     std::vector<char> block(std::size_t{64} << 10);
     for (;;) {
         const std::size_t got = std::fread(block.data(), 1, block.size(), file.get());
         content.append(block.data(), got);
-        if (got < block.size())
-            break;
         if (content.size() > max_file_bytes)
             return "is larger than 256 MiB";
+        if (got < block.size())
+            break;
     }
     return std::ferror(file.get()) != 0 ? std::strerror(errno) : "";
 }

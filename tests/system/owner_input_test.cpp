@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -252,10 +254,46 @@ TEST_F(owner_input, names_a_file_that_cannot_be_read)
     EXPECT_EQ(missing.err, dir_.file("none.csv") + ": No such file or directory\n");
     const result folder = system_test::run(owner, {"-i", dir_.path()});
     EXPECT_EQ(folder.status, 2);
-    EXPECT_EQ(folder.err, dir_.path() + ": Is a directory\n");
+    EXPECT_EQ(folder.err, dir_.path() + ": is a directory, not a file\n");
     const result endless = system_test::run(owner, {"-i", "/dev/zero"});
     EXPECT_EQ(endless.status, 2);
-    EXPECT_EQ(endless.err, "/dev/zero: is larger than 256 MiB\n");
+    EXPECT_EQ(endless.err, "/dev/zero: is a device or a pipe, not a file\n");
+    const std::string fifo = dir_.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const result pipe = system_test::run(owner, {"-i", fifo});
+    EXPECT_EQ(pipe.status, 2);
+    EXPECT_EQ(pipe.err, fifo + ": is a device or a pipe, not a file\n");
+    const std::string large = dir_.write("large.csv", "");
+    ASSERT_EQ(truncate(large.c_str(), (off_t{256} << 20) + 1), 0);
+    const result too_large = system_test::run(owner, {"-i", large});
+    EXPECT_EQ(too_large.status, 2);
+    EXPECT_EQ(too_large.err, large + ": is larger than 256 MiB\n");
+}
+
+TEST_F(owner_input, names_what_cannot_be_compared)
+{
+    const std::string owner = system_test::binary("l2vpn-owner");
+    const std::string inventory = dir_.write("inventory.csv", header + "a,3,1,mtu=64\n");
+    const std::string scenario = dir_.write("scenario.conf", "class 3\nroot handle=1 msti=1\n");
+    for (const char *content : {"", "{]", "[]", "17", "{\"acs\":[{}]}", "{\"mstp\":[{\"kind\":7}]}"}) {
+        const std::string held = dir_.write("held.json", content);
+        const result acs = system_test::run(owner, {"-i", inventory, "--compare", held});
+        EXPECT_EQ(acs.status, 2) << content;
+        EXPECT_EQ(acs.out, "");
+        EXPECT_THAT(acs.err, StartsWith("l2vpn-owner: " + held + ": is not what 'l2vpnctl show acs "));
+        EXPECT_EQ(std::count(acs.err.begin(), acs.err.end(), '\n'), 1) << acs.err;
+        const result mstp =
+            system_test::run(owner, {"-i", inventory, "--mstp", scenario, "--compare-mstp", held});
+        EXPECT_EQ(mstp.status, 2) << content;
+        EXPECT_THAT(mstp.err, StartsWith("l2vpn-owner: " + held + ": is not what 'l2vpnctl show mstp "));
+        EXPECT_EQ(std::count(mstp.err.begin(), mstp.err.end(), '\n'), 1) << mstp.err;
+    }
+    const result none = system_test::run(owner, {"-i", inventory, "--compare", dir_.file("none")});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.err, "l2vpn-owner: " + dir_.file("none") + ": No such file or directory\n");
+    const result folder = system_test::run(owner, {"-i", inventory, "--compare", dir_.path()});
+    EXPECT_EQ(folder.status, 2);
+    EXPECT_THAT(folder.err, StartsWith("l2vpn-owner: " + dir_.path() + ": is not what "));
 }
 
 TEST_F(owner_input, lists_the_fields)
