@@ -37,6 +37,10 @@ if(L2VPN_SANITIZE)
     target_compile_options(l2vpn_build INTERFACE
         -fsanitize=${L2VPN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(l2vpn_build INTERFACE -fsanitize=${L2VPN_SANITIZE})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang") # C programs load C++ libraries, which need the whole of it
+        target_link_options(l2vpn_build INTERFACE -fsanitize-link-c++-runtime)
+        target_link_libraries(l2vpn_build INTERFACE stdc++)
+    endif()
 endif()
 if(L2VPN_COVERAGE)
     target_compile_options(l2vpn_build INTERFACE --coverage -O0)

@@ -235,7 +235,7 @@ TEST_F(daemon_test, control_connections_that_are_idle_lock_nobody_out)
     EXPECT_EQ(code_of(last), "too_many_clients");
     EXPECT_NE(last["error"]["text"].get<std::string>().find("idle for longest"), std::string::npos);
     EXPECT_TRUE(connections[1]->ended());
-    for (const size_t other : {0, 2, 31}) {
+    for (const size_t other : {0u, 2u, 31u}) {
         connections[other]->send("{\"verb\":\"status\"}\n");
         EXPECT_EQ(connections[other]->answer()["ok"], true) << other;
     }
