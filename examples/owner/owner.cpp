@@ -65,8 +65,24 @@ int interface_owner::run(const interface_list &interfaces)
     return status_;
 }
 
+bool interface_owner::mtu_has_room(const interface_list &interfaces)
+{
+    for (const interface_ptr &entry : interfaces) {
+        const uint32_t least = wire_least_mtu(entry->class_id);
+        if (least > chosen_.mtu) {
+            out_.error("class " + std::to_string(entry->class_id) + ": an MTU of " +
+                       std::to_string(chosen_.mtu) + " has no room for an AC, which takes " +
+                       std::to_string(least));
+            return false;
+        }
+    }
+    return true;
+}
+
 bool interface_owner::start(const interface_list &interfaces)
 {
+    if (!mtu_has_room(interfaces))
+        return false;
     char path[PATH_MAX];
     if (const qerrno status = platform_service_path("L2VPN", path, sizeof path); status != EOK) {
         out_.error(std::string("no path for the process's socket: ") + qerr_strerror(status));
@@ -132,18 +148,12 @@ bool interface_owner::connect(const interface_list &interfaces)
 
 bool interface_owner::add_session(uint32_t class_id, interface_list interfaces)
 {
-    const std::string name = "class " + std::to_string(class_id);
-    if (wire_least_mtu(class_id) > chosen_.mtu) {
-        out_.error(name + ": an MTU of " + std::to_string(chosen_.mtu) +
-                   " has no room for an AC, which takes " + std::to_string(wire_least_mtu(class_id)));
-        return false;
-    }
     auto one = std::make_unique<session>(around_, class_id);
     (void)one->set_interfaces(std::move(interfaces));
     if (scenario_ != nullptr && scenario_->class_id == class_id)
         one->set_scenario(scenario_);
     if (const qerrno status = one->connect(evm_); status != EOK) {
-        out_.error(name + ": cannot connect: " + qerr_strerror(status));
+        out_.error("class " + std::to_string(class_id) + ": cannot connect: " + qerr_strerror(status));
         return false;
     }
     sessions_[class_id] = std::move(one);

@@ -34,6 +34,7 @@ public:
 
 private:
     bool start(const interface_list &interfaces);
+    bool mtu_has_room(const interface_list &interfaces); // for an AC of every class
     bool watch_signals();
     bool start_deadline();
     bool connect(const interface_list &interfaces);
