@@ -1,19 +1,20 @@
 /*
  * The library under test, loaded anew for each test: its state lives as long as the process that loaded it,
- * and a test wants it fresh.
+ * and a test wants it fresh. The environment may name another than the one that was built beside the tests.
  */
 #ifndef TESTS_SUPPORT_AC_LIBRARY_H
 #define TESTS_SUPPORT_AC_LIBRARY_H
 
 #include <l2vpn/l2vpn_ac_api.h>
 
+#include <cstdlib>
 #include <dlfcn.h>
 #include <stdexcept>
 #include <string>
 
 class ac_library {
 public:
-    ac_library() : handle_(dlopen(L2VPN_AC_LIBRARY, RTLD_NOW | RTLD_LOCAL))
+    ac_library() : handle_(dlopen(path(), RTLD_NOW | RTLD_LOCAL))
     {
         if (handle_ == nullptr)
             throw std::runtime_error(dlerror());
@@ -44,6 +45,12 @@ public:
     decltype(&l2vpn_mstp_protect) mstp_protect = nullptr;
 
 private:
+    static const char *path()
+    {
+        const char *const named = std::getenv("L2VPN_AC_LIBRARY");
+        return named != nullptr ? named : L2VPN_AC_LIBRARY;
+    }
+
     template <typename F>
     void load(F &function, const char *name)
     {
