@@ -1,0 +1,430 @@
+#include "player.h"
+
+#include "contract_test.h"
+#include "interpose.h"
+
+#include <algorithm>
+#include <ranges>
+#include <stdexcept>
+#include <thread>
+
+namespace torture {
+
+namespace {
+
+/* The harness writes into the platform's own record, so that its lines stand where they happened. */
+constexpr std::uint32_t harness_trace = 0xffffffff;
+
+constexpr ifhtype first_ifh = 0x01020300;
+
+/* The arrays of requests; the large ones take their time to fill. */
+const acs &pattern(std::uint32_t count)
+{
+    static std::map<std::uint32_t, acs> made;
+    return made.try_emplace(count, count).first->second;
+}
+
+template <typename T>
+bool same(const std::vector<T> &a, const std::vector<T> &b)
+{
+    return a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+}
+
+/* Records of an MSTP request, with bytes that differ. */
+template <typename Record>
+std::vector<Record> records_of(std::uint32_t count)
+{
+    std::vector<Record> records(count);
+    auto *const bytes = reinterpret_cast<std::uint8_t *>(records.data());
+    for (std::size_t i = 0; i < count * sizeof(Record); ++i)
+        bytes[i] = static_cast<std::uint8_t>(i * 7 + 1);
+    return records;
+}
+
+} // namespace
+
+player *player::current = nullptr;
+
+player::player(std::uint32_t mtu, const std::optional<plan> &what)
+{
+    current = this;
+    world_.set.mtu = mtu;
+    world_.set.nodeid = nodeid;
+    interpose::watch(what);
+    if (what)
+        apply(*what);
+}
+
+player::~player()
+{
+    interpose::unwatch();
+    current = nullptr;
+}
+
+void player::apply(const plan &what)
+{
+    const auto status = static_cast<qerrno>(what.status);
+    if (what.what == nullptr)
+        world_.fail_at(what.at, status, what.persistently);
+    else if (what.what->function && what.persistently)
+        world_.fail_from(*what.what->function, what.at, status);
+    else if (what.what->function)
+        world_.fail(*what.what->function, what.at, status);
+}
+
+void player::clear_failures()
+{
+    world_.clear_failures();
+    interpose::clear_failures();
+    inside_.clear();
+}
+
+std::uint64_t player::count(const target &what) const
+{
+    return what.function ? world_.count(*what.function) : interpose::count(what);
+}
+
+/* --- what happened ----------------------------------------------------------------------------------- */
+
+void player::say(const std::string &text)
+{
+    gen_ltrace(harness_trace, "%s", text.c_str());
+}
+
+void player::returned(qerrno status)
+{
+    say("returned " + std::to_string(status));
+}
+
+void player::arrays(bool restored)
+{
+    say(restored ? "arrays as they were" : "arrays changed");
+}
+
+namespace {
+
+std::string text_of_send(const l2vpn::sim::call &call)
+{
+    const header h = header_of(call.message);
+    const std::size_t pieces = call.function == fn::l2vpn_ipc_ucastv ? call.pieces.size() : 1;
+    std::string text = text_of_message(static_cast<std::uint32_t>(call.args[1]), h.msg_type, h.bulk, h.flags,
+                                       call.message.size(), pieces);
+    if (h.mark != L2VPN_AC_HDR_MARK || call.args[2] != L2VPN_IPC_DEST_L2VPN || call.args[5] != 0)
+        text += ", odd";
+    return text;
+}
+
+/* A call in the model's words; empty for what the model leaves open. */
+std::string line_of(const l2vpn::sim::call &call)
+{
+    const auto of_class = [&] { return "class " + std::to_string(call.args[1]); };
+    const auto status = [&](const std::string &detail = "") {
+        return text_of_call(call.function, detail, call.result);
+    };
+    const auto number = [&](const std::string &detail = "") {
+        return text_of_call(call.function, detail, call.result < 0 ? -1 : 0);
+    };
+    const auto pointer = [&](const std::string &detail = "") {
+        return text_of_call(call.function, detail, call.result == 0 ? -1 : 0);
+    };
+    switch (call.function) {
+    case fn::gen_ltrace:
+        return call.args[0] == harness_trace ? call.text : "";
+    case fn::l2vpn_debug_init:
+    case fn::platform_get_my_nodeid:
+    case fn::wavl_init:
+        return status();
+    case fn::l2vpn_ipc_client_init:
+        return status(call.text);
+    case fn::l2vpn_ipc_class_init:
+    case fn::l2vpn_ipc_class_deinit:
+    case fn::l2vpn_ipc_transport_mtu_get:
+        return status(of_class());
+    case fn::l2vpn_ipc_ucast:
+    case fn::l2vpn_ipc_ucastv:
+        return status(text_of_send(call));
+    case fn::l2vpn_ac_data_sanitize:
+        return status(text_of_sanitize(static_cast<std::uint32_t>(call.args[0]),
+                                       static_cast<std::uint32_t>(call.args[4])));
+    case fn::event_async_attach_event:
+    case fn::mgd_timer_leaf_set_addl_context:
+        return number();
+    case fn::mgd_timer_tree_new:
+    case fn::mgd_timer_parent_new:
+    case fn::mgd_timer_leaf_new:
+    case fn::wavl_insert:
+        return pointer();
+    case fn::calloc_named:
+        return pointer(call.text);
+    case fn::mgd_timer_leaf_start:
+        return text_of_call(call.function, std::to_string(call.args[1] / 1'000'000'000), 0);
+    case fn::ptd_set_mutex_block:
+        return text_of_call(call.function, call.where, 0);
+    case fn::mgd_timer_tree_free:
+    case fn::mgd_timer_parent_free:
+    case fn::mgd_timer_leaf_free:
+    case fn::mgd_timer_leaf_stop:
+    case fn::wavl_delete:
+    case fn::ptd_unset_mutex_block:
+    case fn::l2vpn_gen_assert_errmsg:
+        return text_of_call(call.function, "", 0);
+    case fn::gen_format_debug_fmt:
+        return "debug " + call.where + ": " + call.text;
+    case fn::l2vpn_generic_gen_dbg_ltrace_ctx:
+        return "report " + call.where + ": " + call.text + (call.args[0] == 0 ? ", no context" : "") +
+               (call.args[1] == 0 ? ", nothing enabled" : "");
+    case fn::l2vpn_ltrace:
+        return "record " + call.format;
+    case fn::vy_syslog:
+        return "syslog " + std::to_string(call.args[0]) + ": " +
+               call.text.substr(0, call.text.rfind(':')); /* without the line */
+    default:
+        return "";
+    }
+}
+
+} // namespace
+
+std::vector<std::string> player::lines() const
+{
+    std::vector<std::string> result;
+    for (const auto &call : world_.calls()) {
+        std::string line = line_of(call);
+        if (!line.empty())
+            result.push_back(std::move(line));
+    }
+    return result;
+}
+
+/* --- callbacks --------------------------------------------------------------------------------------- */
+
+qerrno player::write_down(l2vpn_ac_client_hd_t hd, const char *callback, const std::string &text)
+{
+    player &self = *current;
+    self.called.insert(callback);
+    const auto *const slot = std::ranges::find(self.hd_, hd);
+    self.say("callback " + std::to_string(slot - self.hd_) + ": " + text);
+    if (!self.inside_.empty()) {
+        const step nested = self.inside_.front();
+        self.inside_.clear();
+        self.play(nested);
+    }
+    return 77; /* ignored by the library */
+}
+
+qerrno player::on_status(l2vpn_ac_client_hd_t hd, std::uint32_t status, std::uint32_t arg)
+{
+    return write_down(hd, "status_cb", "status " + std::to_string(status) + " " + std::to_string(arg));
+}
+
+namespace {
+
+std::string text_of_handles(std::uint32_t bulk, const ifhtype *ifh, std::uint32_t flags)
+{
+    bool right = true;
+    for (std::uint32_t i = 0; i < bulk; ++i)
+        right = right && ifh[i] == first_ifh + i;
+    return std::to_string(bulk) + " flags " + std::to_string(flags) + (right ? "" : ", wrong handles");
+}
+
+} // namespace
+
+qerrno player::on_prov(l2vpn_ac_client_hd_t hd, std::uint32_t bulk, ifhtype *ifh, l2vpn_ac_xcid_data_t *data,
+                       std::uint32_t flags)
+{
+    const std::vector<l2vpn_ac_xcid_data_t> zero(bulk);
+    const bool right = std::memcmp(data, zero.data(), bulk * sizeof *data) == 0;
+    return write_down(hd, "prov_cb",
+                      "prov " + text_of_handles(bulk, ifh, flags) + (right ? "" : ", wrong data"));
+}
+
+qerrno player::on_unprov(l2vpn_ac_client_hd_t hd, std::uint32_t bulk, ifhtype *ifh, std::uint32_t flags)
+{
+    return write_down(hd, "unprov_cb", "unprov " + text_of_handles(bulk, ifh, flags));
+}
+
+qerrno player::on_bulk_notify(l2vpn_ac_client_hd_t hd, std::uint32_t bulk, l2vpn_ac_bulk_notify_t *records,
+                              std::uint32_t flags)
+{
+    std::uint32_t first = 0;
+    std::memcpy(&first, records, sizeof first);
+    return write_down(hd, "bulk_notify_cb",
+                      "bulk_notify " + std::to_string(bulk) + " flags " + std::to_string(flags) +
+                          (first == first_ifh ? "" : ", wrong record"));
+}
+
+qerrno player::on_hdr_notify(l2vpn_ac_client_hd_t hd, std::uint32_t word2, void *null, std::uint32_t word3)
+{
+    return write_down(hd, "hdr_notify_cb",
+                      "hdr_notify " + std::to_string(word2) + " flags " + std::to_string(word3) +
+                          (null == nullptr ? "" : ", not null"));
+}
+
+/* --- steps ------------------------------------------------------------------------------------------- */
+
+void player::play(const step &s)
+{
+    say("> " + to_string(s));
+    switch (s.what) {
+    case op::connect:
+    case op::connect_nodeid:
+        return connect(s);
+    case op::disconnect: {
+        called.insert("l2vpn_ac_process_disconnect");
+        const qerrno rc = lib_.disconnect(hd_[s.slot]);
+        if (rc == EOK)
+            hd_[s.slot] = nullptr;
+        return returned(rc);
+    }
+    case op::create:
+    case op::update:
+    case op::remove:
+        return ac_request(s);
+    case op::root:
+        called.insert("l2vpn_mstp_root");
+        return mstp_request<l2vpn_msti_root_t>(s, lib_.mstp_root);
+    case op::port_request:
+        called.insert("l2vpn_mstp_port_request");
+        return mstp_request<l2vpn_mstp_req_t>(s, lib_.mstp_port_request);
+    case op::vid_map:
+        called.insert("l2vpn_msti_vid_map");
+        return mstp_request<l2vpn_msti_vid_map_t>(s, lib_.msti_vid_map);
+    case op::protect:
+        return protect(s);
+    case op::event:
+        if (hd_[s.slot] != nullptr) {
+            world_.link_of(class_[s.slot]).event(s.number, s.arg);
+            world_.run();
+        }
+        return;
+    case op::message:
+        if (hd_[s.slot] != nullptr)
+            message(s);
+        return;
+    case op::advance:
+        world_.advance(std::chrono::seconds(s.number));
+        return;
+    case op::refuse:
+        return world_.fail(s.function, s.number, s.status);
+    case op::during:
+        inside_ = s.nested;
+        return;
+    case op::sweep:
+        for (std::uint32_t class_id = 0; class_id < L2VPN_AC_CLASS_MAX; ++class_id) {
+            const bool owned = std::ranges::any_of(std::views::iota(0u, slots), [&](unsigned slot) {
+                return hd_[slot] != nullptr && class_[slot] == class_id;
+            });
+            if (!owned && world_.link_of(class_id).registered())
+                (void)l2vpn_ipc_class_deinit(world_.ipc_client(), class_id, 0);
+        }
+        return;
+    }
+}
+
+void player::connect(const step &s)
+{
+    if (hd_[s.slot] != nullptr)
+        throw std::logic_error("a scenario connects slot " + std::to_string(s.slot) + " twice");
+    l2vpn_ac_callback_vector_t callbacks = {on_status,     on_prov, on_unprov, on_bulk_notify,
+                                            on_hdr_notify, nullptr, nullptr};
+    if (s.bare)
+        callbacks = {on_status, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+    if (s.argument == wrong::status_cb)
+        callbacks.status_cb = nullptr;
+    l2vpn_ac_callback_vector_t *const vector = s.argument == wrong::callbacks ? nullptr : &callbacks;
+    const event_mgr_p evm = s.argument == wrong::event_manager ? nullptr : world_.evm();
+    l2vpn_ac_client_hd_t hd = nullptr;
+    l2vpn_ac_client_hd_t *const where = s.argument == wrong::handle ? nullptr : &hd;
+
+    const bool with_nodeid = s.what == op::connect_nodeid;
+    called.insert(with_nodeid ? "l2vpn_ac_process_connect_nodeid" : "l2vpn_ac_process_connect");
+    const qerrno rc = with_nodeid ? lib_.connect_nodeid(evm, 0, s.class_id, vector, s.number, where)
+                                  : lib_.connect(evm, 0, s.class_id, vector, where);
+    returned(rc);
+    if ((hd != nullptr) != (rc == EOK))
+        say("a handle without a client, or a client without a handle");
+    hd_[s.slot] = hd;
+    class_[s.slot] = s.class_id;
+}
+
+void player::ac_request(const step &s)
+{
+    const l2vpn_ac_client_hd_t hd = hd_[s.slot];
+    const acs &before = pattern(s.count);
+    const bool missing = s.argument == wrong::array;
+    std::vector<ifhtype> ifh = before.ifh;
+    std::vector<l2vpn_ac_defn_t> defns;
+    std::vector<l2vpn_ac_info_t> infos;
+    qerrno rc = EOK;
+    if (s.what == op::create) {
+        called.insert("l2vpn_ac_create");
+        defns = before.defns;
+        infos = before.infos;
+        rc = lib_.create(hd, s.flags, s.count, ifh.data(), missing ? nullptr : defns.data(), infos.data());
+    } else if (s.what == op::update) {
+        called.insert("l2vpn_ac_update");
+        infos = before.infos;
+        rc = lib_.update(hd, s.flags, s.count, ifh.data(), missing ? nullptr : infos.data());
+    } else {
+        called.insert("l2vpn_ac_delete");
+        rc = lib_.remove(hd, s.flags, s.count, missing ? nullptr : ifh.data());
+    }
+    returned(rc);
+    arrays(same(ifh, before.ifh) && same(defns, before.defns) && same(infos, before.infos));
+}
+
+template <typename Record, typename Function>
+void player::mstp_request(const step &s, Function function)
+{
+    std::vector<Record> records = records_of<Record>(s.count);
+    returned(function(hd_[s.slot], s.flags, s.argument == wrong::array ? nullptr : records.data(), s.count));
+    arrays(same(records, records_of<Record>(s.count)));
+}
+
+void player::protect(const step &s)
+{
+    std::vector<l2vpn_mstp_prot_t> record = records_of<l2vpn_mstp_prot_t>(1);
+    called.insert("l2vpn_mstp_protect");
+    returned(lib_.mstp_protect(hd_[s.slot], s.flags, record.data()));
+    arrays(same(record, records_of<l2vpn_mstp_prot_t>(1)));
+}
+
+/* Handles first, as many as there is room for, and zeros. */
+void player::message(const step &s)
+{
+    bytes content = message_of(s.number, s.count, s.flags);
+    for (std::uint32_t i = 0; i < std::min(s.count, s.payload / 4); ++i)
+        put32(content, first_ifh + i);
+    content.resize(L2VPN_AC_HDR_LEN + s.payload);
+    world_.link_of(class_[s.slot]).inject(content, s.class_id);
+    world_.run();
+}
+
+/* --- a second thread --------------------------------------------------------------------------------- */
+
+bool player::locks_are_free() const
+{
+    bool result = interpose::locks_held() == 0;
+    const auto mutexes = interpose::mutexes();
+    std::thread([&] {
+        for (pthread_mutex_t *const mutex : mutexes) {
+            const bool taken = pthread_mutex_trylock(mutex) == 0;
+            if (taken)
+                pthread_mutex_unlock(mutex);
+            result = result && taken;
+        }
+    }).join();
+    return result;
+}
+
+std::vector<qerrno> player::requests_of_another_thread()
+{
+    std::vector<qerrno> result;
+    std::thread([&] {
+        for (const l2vpn_ac_client_hd_t hd : hd_)
+            result.push_back(lib_.remove(hd, 0, 0, nullptr));
+    }).join();
+    return result;
+}
+
+} // namespace torture
