@@ -1,9 +1,9 @@
 /*
- * One control connection: the lines that come, the requests in them, the answers that go.
+ * One control connection: the lines that come, the answers that go.
  */
+#include "control_request.h"
 #include "control_server.h"
 
-#include <array>
 #include <cerrno>
 #include <sys/socket.h>
 
@@ -12,41 +12,6 @@ namespace l2vpnd {
 namespace {
 
 constexpr size_t read_size = size_t{64} * 1024;
-
-/* Refuses a line that nests deeper, or has an object with more members, than any request needs. It is looked at
- * before it is parsed, so that nothing is ever made of such a line: adding a member to an object costs as many
- * comparisons as it has members. */
-void check_shape(const std::string &line)
-{
-    struct level {
-        bool is_object;
-        int commas;
-    };
-    std::array<level, control_server::max_depth + 1> levels{}; /* the first is outside of everything */
-    size_t depth = 0;
-    bool in_text = false;
-    for (size_t i = 0; i < line.size(); i++) {
-        const char c = line[i];
-        if (in_text) {
-            i += c == '\\' ? 1 : 0;
-            in_text = c != '"';
-        } else if (c == '"') {
-            in_text = true;
-        } else if (c == '[' || c == '{') {
-            if (++depth == levels.size()) {
-                throw refusal{"bad_request", "a request nests at most " +
-                                                 std::to_string(control_server::max_depth) + " deep"};
-            }
-            levels[depth] = {c == '{', 0};
-        } else if (c == ']' || c == '}') {
-            depth -= depth > 0 ? 1 : 0;
-        } else if (c == ',' && levels[depth].is_object &&
-                   ++levels[depth].commas == control_server::max_members) {
-            throw refusal{"bad_request", "an object has at most " +
-                                             std::to_string(control_server::max_members) + " members"};
-        }
-    }
-}
 
 } // namespace
 
@@ -126,34 +91,9 @@ void control_server::start(connection &c, const std::string &line)
 {
     c.id = nullptr;
     try {
-        check_shape(line);
-        const json request = json::parse(line, nullptr, false);
-        if (request.is_discarded()) {
-            throw refusal{"bad_json", "the line is not JSON"};
-        }
-        if (!request.is_object()) {
-            throw refusal{"bad_request", "a request must be an object"};
-        }
-        if (const auto id = request.find("id"); id != request.end() && !id->is_null()) {
-            if (!id->is_number() && !id->is_string()) {
-                throw refusal{"bad_request", "\"id\" must be a number or a text"};
-            }
-            c.id = *id;
-        }
-        const auto verb = request.find("verb");
-        if (verb == request.end() || !verb->is_string()) {
-            throw refusal{"bad_request", "\"verb\" must be a text"};
-        }
-        for (const auto &[name, value] : request.items()) {
-            if (name != "id" && name != "verb" && name != "args") {
-                throw refusal{"bad_request", "a request has \"id\", \"verb\" and \"args\" only"};
-            }
-        }
-        const std::string &name = verb->get_ref<const std::string &>();
-        static const json no_args = json::object();
-        const auto args = request.find("args");
-        c.current = start_verb(m_context, name, args == request.end() ? no_args : *args);
-        m_log.write(topic::control, LOG_DEBUG, "control: %s", name.c_str());
+        const control_request request = read_request(line, c.id);
+        c.current = start_verb(m_context, request.verb, request.args);
+        m_log.write(topic::control, LOG_DEBUG, "control: %s", request.verb.c_str());
     } catch (const refusal &why) {
         put_error(c, why);
     }

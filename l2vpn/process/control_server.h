@@ -33,8 +33,6 @@ public:
 
     static constexpr size_t max_clients = 32;
     static constexpr size_t max_line = size_t{1} << 20;
-    static constexpr int max_depth = 16;   /* of arrays and objects in a request */
-    static constexpr int max_members = 32; /* of an object in a request */
     static constexpr std::chrono::minutes idle_limit{10};
     static constexpr std::chrono::minutes unread_limit{1};
 
