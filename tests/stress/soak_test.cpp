@@ -1,50 +1,67 @@
 /*
  * The library on the real platform against the real L2VPN process: eight threads, each with a class of its own,
  * send random requests, disconnect and reconnect, while the process provisions what they create and an operator
- * provisions and unprovisions on top. Afterwards the process must hold exactly what the threads believe it does.
+ * provisions, unprovisions and sends notices on top. Afterwards the process must hold exactly what the threads
+ * believe it does, and the owners must have been told all that it says it told them.
  *
- * The work is bounded in requests, not in time. Each thread has a seed of its own, so what it asks for is the
- * same in every run; how the threads interleave is not.
+ * The work is bounded in requests and in time, every wait in time. Each thread has a seed of its own, so what it
+ * asks for is the same in every run; how the threads interleave is not.
  */
 #include "../process/daemon.h"
+#include "soak_model.h"
 
 #include <l2vpn/l2vpn_ac_api.h>
 #include <platform/event_loop.h>
 
+#include <arpa/inet.h>
 #include <array>
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
-#include <map>
 #include <mutex>
-#include <random>
 #include <thread>
 
 using namespace process_test;
+using namespace soak_test;
+using std::chrono::steady_clock;
 
 namespace {
 
 constexpr std::array<uint32_t, 8> classes = {0, 1, 2, 3, 4, 6, 10, 11};
+constexpr uint32_t provisioned_class = 4; /* this and the notified one stay connected: nothing may be lost */
+constexpr uint32_t notified_class = 11;
 constexpr int requests_a_thread = 300;
+constexpr std::chrono::seconds work_time{90};
 /* The limits that cut a request into messages are those of the latest connect, whatever its class: a request
  * of the largest class here must fit one message by itself. */
 constexpr uint32_t creates_a_request = 79;
 constexpr uint32_t updates_a_request = 300;
-constexpr uint32_t handles_a_thread = 600;
+constexpr uint32_t mstp_records_a_request = 64;
 constexpr int connect_code = 1;
+
+constexpr uint32_t notice_word = 0x01020304;
+constexpr uint32_t notice_flags = 0x100;
 
 class soak;
 soak *s_soak;
 
-/* One owner: its client, and what it believes the process to hold. */
+/* What an owner was told. */
+struct notices {
+    uint64_t provisioned = 0;
+    uint64_t unprovisioned = 0;
+    uint64_t bulk = 0;
+    uint64_t header = 0;
+    uint64_t flags = 0;
+    bool operator==(const notices &) const = default;
+};
+
 struct owner {
+    model believes{0};
     uint32_t class_id = 0;
     l2vpn_ac_client_hd_t hd = nullptr;
     bool up = false;
-    std::map<uint32_t, uint32_t> versions;    /* handle: version of the information */
-    std::map<uint32_t, uint32_t> definitions; /* handle: version of the definition */
-    std::atomic<uint64_t> provisioned = 0;
-    std::atomic<int> downs = 0;
+    int downs = 0;
+    notices told;
+    std::map<uint32_t, bool> provisioned; /* by handle, as it was told last */
 };
 
 class soak : public daemon_test {
@@ -60,8 +77,10 @@ protected:
         m_evm = event_mgr_new();
         ASSERT_NE(m_evm, nullptr);
         ASSERT_EQ(event_async_attach_event(m_evm, connect_code, on_connect_wanted, this, &m_context), 0);
-        for (size_t i = 0; i < classes.size(); ++i)
+        for (size_t i = 0; i < classes.size(); ++i) {
             m_owners[i].class_id = classes[i];
+            m_owners[i].believes = model(classes[i]);
+        }
         m_events = std::thread([this] { event_mgr_run(m_evm); });
     }
 
@@ -92,21 +111,28 @@ protected:
             const std::lock_guard guard(m_lock);
             std::swap(hd, o.hd);
             o.up = false;
+            o.provisioned.clear();
         }
+        const auto until = steady_clock::now() + system_test::patience;
         qerrno rc = EDEADLK;
-        while (rc == EDEADLK) { /* a callback of the client is running */
+        while (rc == EDEADLK && steady_clock::now() < until) { /* a callback of the client is running */
             rc = l2vpn_ac_process_disconnect(hd);
             std::this_thread::yield();
         }
-        EXPECT_EQ(rc, 0u);
-        o.versions.clear(); /* the process withdraws the ACs of an owner that leaves */
-        o.definitions.clear();
+        EXPECT_EQ(rc, 0u) << "class " << o.class_id;
+        o.believes.forget();
     }
 
     void work(owner &o);
-    void request(owner &o, std::mt19937 &random);
+    void request(owner &o);
+    void operate(notices &sent);
+    bool process_holds_what_is_believed();
+    bool owners_know_what_is_provisioned();
+    notices told(uint32_t class_id);
 
     std::array<owner, classes.size()> m_owners;
+    std::atomic<size_t> m_running = 0;
+    std::string m_difference;
 
 private:
     static void on_connect_wanted(event_context_t *, void *arg)
@@ -123,8 +149,8 @@ private:
             wanted.swap(m_wanted);
         }
         for (owner *const o : wanted) {
-            static l2vpn_ac_callback_vector_t callbacks = {on_status, on_provision, nullptr, nullptr,
-                                                           nullptr,   nullptr,      nullptr};
+            static l2vpn_ac_callback_vector_t callbacks = {on_status, on_provision, on_unprovision, on_bulk,
+                                                           on_header, nullptr,      nullptr};
             l2vpn_ac_client_hd_t hd = nullptr;
             EXPECT_EQ(l2vpn_ac_process_connect(m_evm, 0, o->class_id, &callbacks, &hd), 0u);
             const std::lock_guard guard(m_lock);
@@ -132,36 +158,72 @@ private:
         }
     }
 
-    /* Null for a client that is just being disconnected. */
-    owner *owner_of(l2vpn_ac_client_hd_t hd)
-    {
-        const auto found =
-            std::find_if(m_owners.begin(), m_owners.end(), [hd](const owner &o) { return o.hd == hd; });
-        return found == m_owners.end() ? nullptr : &*found;
-    }
-
-    static qerrno on_status(l2vpn_ac_client_hd_t hd, uint32_t status, uint32_t)
+    /* Calls `what` with the owner of a client, unless it is just being disconnected. */
+    template <typename What>
+    static qerrno with_owner(l2vpn_ac_client_hd_t hd, What what)
     {
         const std::lock_guard guard(s_soak->m_lock);
-        owner *const o = s_soak->owner_of(hd);
-        if (o != nullptr) {
-            o->downs += status == L2VPN_AC_STATUS_DOWN;
-            o->up = o->up || status == L2VPN_AC_STATUS_UP;
-            s_soak->m_changed.notify_all();
-        }
+        for (owner &o : s_soak->m_owners)
+            if (o.hd == hd)
+                what(o);
+        s_soak->m_changed.notify_all();
         return EOK;
     }
 
-    static qerrno on_provision(l2vpn_ac_client_hd_t hd, uint32_t bulk, ifhtype *ifh, l2vpn_ac_xcid_data_t *,
-                               uint32_t)
+    static qerrno on_status(l2vpn_ac_client_hd_t hd, uint32_t status, uint32_t argument)
     {
-        const std::lock_guard guard(s_soak->m_lock);
-        if (owner *const o = s_soak->owner_of(hd)) {
+        return with_owner(hd, [&](owner &o) {
+            o.downs += status == L2VPN_AC_STATUS_DOWN;
+            o.up = o.up || status == L2VPN_AC_STATUS_UP;
+            if (status == L2VPN_AC_STATUS_FLAG) {
+                EXPECT_EQ(argument, L2VPN_AC_FLAG_NOTICE | notice_flags);
+                ++o.told.flags;
+            }
+        });
+    }
+
+    static qerrno on_provision(l2vpn_ac_client_hd_t hd, uint32_t bulk, ifhtype *ifh,
+                               l2vpn_ac_xcid_data_t *data, uint32_t)
+    {
+        return with_owner(hd, [&](owner &o) {
+            for (uint32_t i = 0; i < bulk; ++i) {
+                EXPECT_EQ(ifh[i] / 100000, o.class_id);
+                EXPECT_EQ(data[i].words[1], 0x0a0b0c0du) << "the process's node";
+                EXPECT_EQ(data[i].words[2], ifh[i]);
+                EXPECT_TRUE(heads_belong_to(data[i].words + 3, ifh[i])) << "class " << o.class_id;
+                o.provisioned[ifh[i]] = true;
+            }
+            o.told.provisioned += bulk;
+        });
+    }
+
+    static qerrno on_unprovision(l2vpn_ac_client_hd_t hd, uint32_t bulk, ifhtype *ifh, uint32_t)
+    {
+        return with_owner(hd, [&](owner &o) {
             for (uint32_t i = 0; i < bulk; ++i)
-                EXPECT_EQ(ifh[i] / 100000, o->class_id);
-            o->provisioned += bulk;
-        }
-        return EOK;
+                o.provisioned[ifh[i]] = false;
+            o.told.unprovisioned += bulk;
+        });
+    }
+
+    static qerrno on_bulk(l2vpn_ac_client_hd_t hd, uint32_t bulk, l2vpn_ac_bulk_notify_t *records,
+                          uint32_t flags)
+    {
+        return with_owner(hd, [&](owner &o) {
+            for (uint32_t i = 0; i < bulk; ++i)
+                EXPECT_EQ(records[i].word, notice_word + i);
+            EXPECT_TRUE(bulk == 0 || flags == notice_flags);
+            o.told.bulk += bulk;
+        });
+    }
+
+    static qerrno on_header(l2vpn_ac_client_hd_t hd, uint32_t word2, void *, uint32_t word3)
+    {
+        return with_owner(hd, [&](owner &o) {
+            EXPECT_EQ(ntohl(word2), notice_word);
+            EXPECT_EQ(ntohl(word3), notice_word + 1);
+            ++o.told.header;
+        });
     }
 
     event_mgr_p m_evm = nullptr;
@@ -172,75 +234,47 @@ private:
     std::vector<owner *> m_wanted;
 };
 
-struct arrays {
-    std::vector<ifhtype> ifh;
-    std::vector<l2vpn_ac_defn_t> defns;
-    std::vector<l2vpn_ac_info_t> infos;
-
-    void add(uint32_t handle, uint32_t definition, uint32_t version)
-    {
-        ifh.push_back(handle);
-        l2vpn_ac_defn_t &defn = defns.emplace_back();
-        const std::string name = "ac" + std::to_string(handle);
-        name.copy(reinterpret_cast<char *>(defn.opaque), name.size());
-        defn.word4 = definition;
-        infos.emplace_back().words[0] = version;
-    }
-    uint32_t size() const { return static_cast<uint32_t>(ifh.size()); }
-};
-
-void soak::request(owner &o, std::mt19937 &random)
+void soak::request(owner &o)
 {
-    const auto below = [&random](uint32_t limit) { return static_cast<uint32_t>(random()) % limit; };
-    const uint32_t first = o.class_id * 100000 + 1;
-    const uint32_t version = 1 + below(1'000'000);
-    arrays a;
-    switch (below(8)) {
+    model &m = o.believes;
+    switch (m.below(10)) {
     case 0:
     case 1:
-    case 2: { /* create, some of them anew */
-        const uint32_t from = below(handles_a_thread), count = 1 + below(creates_a_request);
-        for (uint32_t i = 0; i < count; ++i) {
-            const uint32_t handle = first + (from + i) % handles_a_thread;
-            a.add(handle, version, version + i);
-            o.definitions[handle] = version;
-            o.versions[handle] = version + i;
-        }
+    case 2: {
+        ac_arrays a = m.create(creates_a_request);
         EXPECT_EQ(l2vpn_ac_create(o.hd, 0, a.size(), a.ifh.data(), a.defns.data(), a.infos.data()), 0u);
         break;
     }
     case 3:
-    case 4: { /* update about half of what there is */
-        for (auto &[handle, held] : o.versions) {
-            if (below(2) == 0 && a.size() < updates_a_request)
-                a.add(handle, 0, held = version);
-        }
+    case 4: {
+        ac_arrays a = m.update(updates_a_request);
         EXPECT_EQ(l2vpn_ac_update(o.hd, 0, a.size(), a.ifh.data(), a.infos.data()), 0u);
         break;
     }
-    case 5: { /* delete about a third */
-        for (const auto &[handle, held] : o.versions) {
-            if (below(3) == 0)
-                a.add(handle, 0, 0);
-        }
-        for (const ifhtype handle : a.ifh) {
-            o.versions.erase(handle);
-            o.definitions.erase(handle);
-        }
+    case 5: {
+        ac_arrays a = m.remove();
         EXPECT_EQ(l2vpn_ac_delete(o.hd, 0, a.size(), a.ifh.data()), 0u);
         break;
     }
     case 6: {
-        std::vector<l2vpn_msti_vid_map_t> map(4094);
-        for (uint16_t vlan = 1; vlan <= 4094; ++vlan)
-            map[vlan - 1u] = {static_cast<uint16_t>(vlan % 16), vlan};
-        EXPECT_EQ(l2vpn_msti_vid_map(o.hd, 0, map.data(), 4094), 0u);
-        l2vpn_msti_root_t roots[4] = {};
-        EXPECT_EQ(l2vpn_mstp_root(o.hd, 0, roots, 4), 0u);
+        auto map = m.vlan_map();
+        EXPECT_EQ(l2vpn_msti_vid_map(o.hd, 0, map.data(), static_cast<uint32_t>(map.size())), 0u);
+        break;
+    }
+    case 7: {
+        auto roots = m.roots(mstp_records_a_request);
+        EXPECT_EQ(l2vpn_mstp_root(o.hd, 0, roots.data(), static_cast<uint32_t>(roots.size())), 0u);
+        auto states = m.states(mstp_records_a_request);
+        EXPECT_EQ(l2vpn_mstp_port_request(o.hd, 0, states.data(), static_cast<uint32_t>(states.size())), 0u);
+        break;
+    }
+    case 8: {
+        l2vpn_mstp_prot_t protection = m.protection();
+        EXPECT_EQ(l2vpn_mstp_protect(o.hd, 0, &protection), 0u);
         break;
     }
     default:
-        if (below(4) == 0) {
+        if (m.below(4) == 0 && o.class_id != provisioned_class && o.class_id != notified_class) {
             disconnect(o);
             ASSERT_TRUE(connect(o)) << "class " << o.class_id << " does not come up again";
         }
@@ -250,60 +284,135 @@ void soak::request(owner &o, std::mt19937 &random)
 
 void soak::work(owner &o)
 {
-    std::mt19937 random(o.class_id + 1);
-    ASSERT_TRUE(connect(o)) << "class " << o.class_id << " does not come up";
-    for (int i = 0; i < requests_a_thread && !HasFatalFailure(); ++i)
-        request(o, random);
+    const auto until = steady_clock::now() + work_time;
+    for (int i = 0; i < requests_a_thread && steady_clock::now() < until && !HasFatalFailure(); ++i)
+        request(o);
 }
 
-/* A number as it stands in hexadecimal wire bytes. */
-uint32_t word_at(const std::string &hex, size_t offset)
+/* What an operator does while the owners work; `sent` counts the notices. */
+void soak::operate(notices &sent)
 {
-    return static_cast<uint32_t>(std::stoul(hex.substr(2 * offset, 8), nullptr, 16));
+    const std::string provisioned = std::to_string(provisioned_class);
+    const std::string notified = std::to_string(notified_class);
+    const auto word = [](uint32_t more) { return std::to_string(notice_word + more); };
+    const std::string flags = std::to_string(notice_flags);
+    while (m_running > 0) {
+        ctl({"unprovision", "--class", provisioned}); /* which may find none */
+        ctl({"provision", "--class", provisioned});
+        ask({"notify", "bulk", "--class", notified, "--flags", flags, "--record", "word=" + word(0),
+             "--record", "word=" + word(1)});
+        sent.bulk += 2;
+        ask({"notify", "header", "--class", notified, "--word2", word(0), "--word3", word(1)});
+        sent.header += 1;
+        ask({"notify", "flags", "--class", notified, "--flags", flags});
+        sent.flags += 1;
+    }
+}
+
+/* Everything that is kept for an owner, as the process shows it. What was sent last may still be on its way. */
+bool soak::process_holds_what_is_believed()
+{
+    const auto number = [](const json &row, const char *name) { return row.at(name).get<uint32_t>(); };
+    const auto text = [](const json &row, const char *name) { return row.at(name).get<std::string>(); };
+    std::map<uint32_t, tables> found;
+    for (const json &row : acs())
+        found[number(row, "class")].acs[number(row, "handle")] = {text(row, "definition_raw"),
+                                                                  text(row, "info_raw")};
+    const json mstp = ask({"show", "mstp", "--raw"});
+    for (const json &row : mstp["mstp"]) {
+        tables &of = found[number(row, "class")];
+        const std::string kind = text(row, "kind");
+        if (kind == "vlan")
+            of.vlans[number(row, "vlan")] = number(row, "msti");
+        else if (kind == "protection")
+            of.protections[text(row, "name")] = text(row, "raw");
+        else
+            (kind == "root" ? of.roots : of.states)[{number(row, "handle"), number(row, "msti")}] =
+                text(row, "raw");
+    }
+    m_difference.clear();
+    for (const owner &o : m_owners) {
+        const tables &held = found[o.class_id];
+        const tables &believed = o.believes.holds();
+        const auto compare = [&](const char *what, const auto &is, const auto &should) {
+            if (is != should)
+                m_difference += "class " + std::to_string(o.class_id) + ": " + what + " differ (" +
+                                std::to_string(is.size()) + " held, " + std::to_string(should.size()) +
+                                " believed)\n";
+        };
+        compare("ACs", held.acs, believed.acs);
+        compare("roots", held.roots, believed.roots);
+        compare("port states", held.states, believed.states);
+        compare("protections", held.protections, believed.protections);
+        compare("VLANs", held.vlans, believed.vlans);
+    }
+    return m_difference.empty();
+}
+
+bool soak::owners_know_what_is_provisioned()
+{
+    const json rows = acs();
+    const std::lock_guard guard(m_lock);
+    m_difference.clear();
+    for (const json &row : rows) {
+        const auto of = std::ranges::find(m_owners, row["class"].get<uint32_t>(), &owner::class_id);
+        const bool known = of->provisioned[row["handle"].get<uint32_t>()];
+        if (row["state"] != (known ? "provisioned" : "created"))
+            m_difference += row["name"].get<std::string>() + " is " + row["state"].get<std::string>() + "\n";
+    }
+    return m_difference.empty();
+}
+
+notices soak::told(uint32_t class_id)
+{
+    const std::lock_guard guard(m_lock);
+    return std::ranges::find(m_owners, class_id, &owner::class_id)->told;
 }
 
 TEST_F(soak, ends_with_the_process_holding_what_its_owners_believe)
 {
-    std::atomic<size_t> running = m_owners.size();
+    for (owner &o : m_owners)
+        ASSERT_TRUE(connect(o)) << "class " << o.class_id << " does not come up";
+    m_running = m_owners.size();
     std::vector<std::thread> threads;
     for (owner &o : m_owners) {
-        threads.emplace_back([this, &o, &running] {
+        threads.emplace_back([this, &o] {
             work(o);
-            --running;
+            --m_running;
         });
     }
-    for (bool provision = false; running > 0; provision = !provision)
-        ctl({provision ? "provision" : "unprovision", "--class", "4"});
+    notices sent;
+    operate(sent);
     for (auto &thread : threads)
         thread.join();
 
-    using held = std::map<std::pair<uint32_t, uint32_t>, std::array<uint32_t, 2>>;
-    held expected;
-    uint64_t provisioned = 0;
+    EXPECT_TRUE(eventually([this] { return process_holds_what_is_believed(); })) << m_difference;
+    EXPECT_TRUE(eventually([this] { return owners_know_what_is_provisioned(); })) << m_difference;
     for (const owner &o : m_owners) {
-        for (const auto &[handle, version] : o.versions)
-            expected[{o.class_id, handle}] = {o.definitions.at(handle), version};
         EXPECT_EQ(o.downs, 0) << "class " << o.class_id;
-        provisioned += o.provisioned;
+        EXPECT_FALSE(o.believes.holds() == tables()) << "class " << o.class_id << " has done nothing";
     }
-    EXPECT_GT(expected.size(), 500u);
-    EXPECT_GT(provisioned, 0u);
 
-    /* What was sent last may still be on its way. */
-    held found;
+    EXPECT_GT(sent.bulk, 0u);
     EXPECT_TRUE(eventually([&] {
-        found.clear();
-        for (const json &ac : acs())
-            found[{ac["class"], ac["handle"]}] = {word_at(ac["definition_raw"], 608),
-                                                  word_at(ac["info_raw"], 0)};
-        return found == expected;
-    })) << found.size()
-        << " held, " << expected.size() << " expected";
+        const notices all = told(notified_class);
+        return all.bulk == sent.bulk && all.header == sent.header && all.flags == sent.flags;
+    })) << told(notified_class).bulk
+        << " of " << sent.bulk << " records, " << told(notified_class).header << " of " << sent.header
+        << " header notices, " << told(notified_class).flags << " of " << sent.flags << " flags notices";
+    const json counters = ask({"counters", "--owners", "--class", std::to_string(provisioned_class)});
+    ASSERT_EQ(counters["owners"].size(), 1u);
+    const json &count = counters["owners"][0]["acs"];
+    EXPECT_EQ(count["provisioned"], told(provisioned_class).provisioned);
+    EXPECT_EQ(count["unprovisioned"], told(provisioned_class).unprovisioned);
+    EXPECT_GT(count["provisioned"], 0);
+    EXPECT_GT(count["unprovisioned"], 0);
     EXPECT_EQ(ask({"status"})["dropped"], 0);
 
     for (owner &o : m_owners)
         disconnect(o);
     EXPECT_TRUE(holds(0)) << "all owners have left";
+    EXPECT_TRUE(eventually([this] { return process_holds_what_is_believed(); })) << m_difference;
 }
 
 } // namespace
