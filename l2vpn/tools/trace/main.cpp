@@ -21,9 +21,12 @@ int run(int argc, char **argv)
     std::string path;
     bool locks = false;
     bool json = false;
-    program.add_option("FILE", path, "the trace file")->required();
-    program.add_flag("--locks", locks, "where threads waited for locks, instead of the records");
-    program.add_flag("--json", json, "one JSON object, for programs");
+    program.add_option("FILE", path, "The trace file")->required();
+    program.add_flag("--locks", locks, "Where threads waited for locks, instead of the records");
+    program.add_flag("--json", json, "One JSON object, for programs");
+    program.set_version_flag("--version", "l2vpn-trace " L2VPN_VERSION, "Print the version");
+    program.footer(
+        "Exit status: 0 printed, 1 the file cannot be read or is no trace file, 2 bad command line.");
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -193,7 +193,22 @@ TEST_F(trace_files, a_wrong_command_line_is_one_line)
         EXPECT_EQ(result.code(), 2);
         EXPECT_THAT(result.err, MatchesRegex("l2vpn-trace: [^\n]+\n"));
     }
-    EXPECT_EQ(run({L2VPN_TRACE, "--help"}).code(), 0);
+}
+
+TEST_F(trace_files, help_and_version_are_asked_for)
+{
+    const outcome help = run({L2VPN_TRACE, "--help"});
+    EXPECT_EQ(help.code(), 0);
+    EXPECT_THAT(help.err, IsEmpty());
+    for (const char *said : {"FILE", "--locks", "--json", "--version", "Exit status: 0 "}) {
+        EXPECT_THAT(help.out, HasSubstr(said));
+    }
+    const outcome version = run({L2VPN_TRACE, "--version"});
+    EXPECT_EQ(version.code(), 0);
+    EXPECT_THAT(version.out, MatchesRegex("l2vpn-trace [0-9.]+\n"));
+    const outcome full = run({"/bin/sh", "-c", std::string(L2VPN_TRACE " '") + path + "' > /dev/full"});
+    EXPECT_EQ(full.code(), 1);
+    EXPECT_EQ(full.err, "l2vpn-trace: cannot write the output\n");
 }
 
 } // namespace
