@@ -1,0 +1,200 @@
+#!/usr/bin/env python3
+"""
+Hunts mutants of the library: of each source small changes are made, one at a time, and the tests are to
+notice. A mutant whose object code is the original's is equivalent, one that the compiler refuses is none.
+What survives stands in survivors.txt with its reason, or this fails.
+"""
+
+import argparse
+import collections
+import queue
+import random
+import resource
+import sys
+import tempfile
+import threading
+from pathlib import Path
+
+import operators
+from source import Source
+from workshop import Broken, Build, Workshop
+
+HERE = Path(__file__).resolve().parent
+SOURCES = HERE.parents[1] / 'l2vpn' / 'lib' / 'src'
+SURVIVORS = HERE / 'survivors.txt'
+GOAL = 95  # per cent
+VERDICTS = ('killed', 'survived', 'equivalent', 'does not compile')
+
+
+def all_mutants(sources):
+    parsed = [Source(path.name, path.read_text()) for path in sorted(sources.iterdir())]
+    names = {token.text for source in parsed for token in source.tokens if token.kind == 'name'}
+    return [mutant for source in parsed for mutant in operators.mutants_of(source, names)]
+
+
+def listed_survivors(path):
+    """Reasons by mutant: lines of mutants, and indented below them why they survive."""
+    reasons, waiting = {}, []
+    for number, line in enumerate(path.read_text().splitlines(), 1):
+        if not line.strip() or line.startswith('#'):
+            continue
+        if not line.startswith(' '):
+            if waiting and waiting[-1] in reasons:
+                waiting = []
+            if line in reasons or line in waiting:
+                raise Broken(f'{path}:{number}: listed twice: {line}')
+            waiting.append(line)
+        elif not waiting:
+            raise Broken(f'{path}:{number}: a reason without a mutant')
+        else:
+            for mutant in waiting:
+                reasons[mutant] = (reasons.get(mutant, '') + ' ' + line.strip()).strip()
+    for mutant in waiting:
+        if mutant not in reasons:
+            raise Broken(f'{path}: without a reason: {mutant}')
+    return reasons
+
+
+class Hunt:
+    """The verdicts on some mutants, worked out by several workshops."""
+
+    def __init__(self, build, mutants):
+        self.build, self.mutants = build, mutants
+        self.verdicts = {}
+        self.failure = None
+        self.waiting = queue.SimpleQueue()
+        for mutant in mutants:
+            self.waiting.put(mutant)
+
+    def work(self):
+        try:
+            with tempfile.TemporaryDirectory(prefix='l2vpn-mutate-') as directory:
+                workshop = Workshop(self.build, Path(directory))
+                workshop.check()
+                while self.failure is None:
+                    mutant = self.waiting.get_nowait()
+                    self.verdicts[mutant.id] = workshop.verdict(mutant)
+                    self.show()
+        except queue.Empty:
+            pass
+        except BaseException as error:
+            self.failure = error
+
+    def show(self):
+        if sys.stdout.isatty():
+            counts = self.counts()
+            print(f'\r{len(self.verdicts)} of {len(self.mutants)}: '
+                  + ', '.join(f'{counts[v]} {v}' for v in VERDICTS), end='\x1b[K', flush=True)
+
+    def run(self, jobs):
+        threads = [threading.Thread(target=self.work) for _ in range(jobs)]
+        for thread in threads:
+            thread.start()
+        try:
+            for thread in threads:
+                thread.join()
+        except BaseException as error:
+            self.failure = error
+            for thread in threads:
+                thread.join()
+        if sys.stdout.isatty():
+            print('\r', end='\x1b[K')
+        if self.failure is not None:
+            raise self.failure
+
+    def counts(self):
+        return collections.Counter(verdict for verdict, _ in list(self.verdicts.values()))
+
+    def of(self, verdict):
+        return [m for m in self.mutants if self.verdicts[m.id][0] == verdict]
+
+
+def table(hunt):
+    """A line for each operator."""
+    by_operator = {}
+    for mutant in hunt.mutants:
+        counts = by_operator.setdefault(mutant.operator, collections.Counter())
+        counts[hunt.verdicts[mutant.id][0]] += 1
+    print(f'{"":16}' + ''.join(f'{v:>18}' for v in VERDICTS))
+    for operator in sorted(by_operator):
+        print(f'{operator:16}' + ''.join(f'{by_operator[operator][v]:18}' for v in VERDICTS))
+
+
+def report(hunt, listed, known, whole):
+    """Prints what came out; what is wrong with it, a line each."""
+    faults = []
+    for mutant in hunt.of('survived'):
+        if mutant.id not in listed:
+            faults.append(f'survived, and is not listed (line {mutant.line}): {mutant.id}')
+    for mutant in hunt.mutants:
+        verdict, how = hunt.verdicts[mutant.id]
+        if verdict != 'survived' and mutant.id in listed:
+            faults.append(f'is listed as a survivor, and {verdict} {how}: {mutant.id}')
+    table(hunt)
+    counts = hunt.counts()
+    tried = counts['killed'] + counts['survived']
+    ratio = 100 * counts['killed'] / tried if tried else 100.0
+    print(f'{len(hunt.mutants)} mutants: ' + ', '.join(f'{counts[v]} {v}' for v in VERDICTS)
+          + f'; {ratio:.1f} % killed')
+    if whole:
+        faults += [f'is listed, and is no mutant: {entry}' for entry in listed if entry not in known]
+        if ratio < GOAL:
+            faults.append(f'less than {GOAL} % of the mutants were killed')
+    return faults
+
+
+def arguments():
+    parser = argparse.ArgumentParser(prog='mutate', description=__doc__)
+    parser.add_argument('--build', type=Path, required=True, metavar='DIRECTORY', help='of the tests, by ninja')
+    parser.add_argument('--sample', type=int, metavar='N', help='only N mutants, drawn at random')
+    parser.add_argument('--seed', type=int, default=1, metavar='S', help='of the sample')
+    parser.add_argument('--file', metavar='NAME', help='only mutants of this source')
+    parser.add_argument('--match', metavar='TEXT', help='only mutants whose description contains this')
+    parser.add_argument('--jobs', type=int, default=1, metavar='N', help='how many at a time')
+    parser.add_argument('--list', action='store_true', help='names the mutants and tries none')
+    parser.add_argument('--verdicts', type=Path, metavar='FILE', help='writes what came of each mutant')
+    return parser.parse_args()
+
+
+def chosen(options, mutants):
+    if options.file and options.file not in {path.name for path in SOURCES.iterdir()}:
+        raise Broken(f'--file: the library has no source {options.file}')
+    mutants = [m for m in mutants if options.file in (None, m.file) and (options.match or '') in m.id]
+    if options.sample is not None:
+        if options.sample < 1:
+            raise Broken('--sample: at least one mutant')
+        mutants = random.Random(options.seed).sample(mutants, min(options.sample, len(mutants)))
+    if not mutants:
+        raise Broken('there are no such mutants')
+    return mutants
+
+
+def main():
+    options = arguments()
+    mutants = all_mutants(SOURCES)
+    known = {mutant.id for mutant in mutants}
+    selected = chosen(options, mutants)
+    if options.list:
+        print('\n'.join(f'{mutant.file}:{mutant.line}: {mutant.id}' for mutant in selected))
+        return 0
+    # A mutant may take all it can get.
+    resource.setrlimit(resource.RLIMIT_AS, (4 << 30, 4 << 30))
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    listed = listed_survivors(SURVIVORS)
+    hunt = Hunt(Build(options.build.resolve(), SOURCES), selected)
+    hunt.run(max(1, options.jobs))
+    if options.verdicts:
+        options.verdicts.write_text(''.join(
+            f'{" ".join(hunt.verdicts[m.id]).strip()}: {m.file}:{m.line}: {m.id}\n' for m in selected))
+    faults = report(hunt, listed, known, len(selected) == len(mutants))
+    print('\n'.join(faults) if faults else 'every survivor is listed with its reason')
+    return 1 if faults else 0
+
+
+if __name__ == '__main__':
+    try:
+        sys.exit(main())
+    except Broken as error:
+        sys.exit(f'mutate: {error}')
+    except KeyboardInterrupt:
+        sys.exit(130)
