@@ -33,10 +33,21 @@ struct request {
 /* Up to here the entries stand on the stack; a larger request's in a mapping that lives for the call. */
 constexpr uint32_t stack_entries_max = 8192;
 
+void make_entries(const ifhtype *ifh, l2vpn_ac_data_entry_t *entries, size_t count)
+{
+    size_t i = 0;
+#if L2VPN_AC_BLOCKS
+    static_assert(sizeof *entries == 8 && offsetof(l2vpn_ac_data_entry_t, spare) == 4);
+    for (; count - i >= 4; i += 4)
+        l2vpn_ac_block_store_spread(entries + i, l2vpn_ac_block_load(ifh + i));
+#endif
+    for (; i < count; ++i)
+        entries[i] = {ifh[i], 0};
+}
+
 qerrno check(const request &req, const l2vpn_ac_client_ctx *ctx, l2vpn_ac_data_entry_t *entries)
 {
-    for (size_t i = 0; i < req.bulk_size; ++i)
-        entries[i] = {req.ifh[i], 0};
+    make_entries(req.ifh, entries, req.bulk_size);
     const qerrno rc = l2vpn_ac_data_sanitize(ctx->class_id, entries, req.defns, req.infos, req.bulk_size);
     return rc == EOK || req.kind.refused == EOK ? rc : req.kind.refused;
 }

@@ -42,17 +42,24 @@ struct defn {
 using info_head = l2vpn_ac_program<u32(0), u32(4), u32(8), u32(12)>;
 static_assert(info_head::reach == L2VPN_AC_INFO_HEAD);
 
+void convert_info_head(std::byte *wire)
+{
+    l2vpn_ac_convert_records<info_head, L2VPN_AC_INFO_HEAD>(wire, 1);
+}
+
 template <uint32_t wire_size, l2vpn_ac_step... by_class>
 struct info {
     static constexpr uint32_t size = wire_size;
-    using program = info_head::then<by_class...>;
-    static_assert(size >= L2VPN_AC_INFO_HEAD && size <= info_stride && program::reach <= size);
+    using part = l2vpn_ac_program<by_class...>;
+    static_assert(size >= L2VPN_AC_INFO_HEAD && size <= info_stride &&
+                  info_head::then<by_class...>::reach <= size);
 
     static void encode(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
     {
         for (; count > 0; --count, ++infos, wire += size) {
             std::memcpy(wire, infos, size);
-            program::convert(wire);
+            convert_info_head(wire);
+            part::convert(wire);
         }
     }
 };
@@ -94,7 +101,7 @@ struct info_class17 {
         for (; count > 0; --count, ++infos, wire += L2VPN_AC_INFO_HEAD) {
             std::memcpy(wire, infos, L2VPN_AC_INFO_HEAD);
             l2vpn_gen_assert_errmsg(1);
-            info_head::convert(wire);
+            convert_info_head(wire);
         }
     }
 };

@@ -7,8 +7,11 @@
 #ifndef L2VPN_AC_WIRE_H
 #define L2VPN_AC_WIRE_H
 
+#include "l2vpn_ac_block.h"
+
 #include <l2vpn/l2vpn_ac_msg.h>
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -95,14 +98,25 @@ struct l2vpn_ac_program {
 
     static inline constexpr size_t reach = end();
 
-    static void convert(std::byte *record) { (l2vpn_ac_convert_field<steps>(record), ...); }
+    /* Where the byte comes from that a conversion brings to `offset`. */
+    static constexpr size_t source(size_t offset)
+    {
+        size_t result = offset;
+        ((result = offset >= steps.offset && offset < steps.offset + steps.width
+                       ? 2 * steps.offset + steps.width - 1 - offset
+                       : result),
+         ...);
+        return l2vpn_ac_host_is_wire ? offset : result;
+    }
+
+    static void convert([[maybe_unused]] std::byte *record) { (l2vpn_ac_convert_field<steps>(record), ...); }
 
     /* This program followed by more steps. */
     template <l2vpn_ac_step... more>
     using then = l2vpn_ac_program<steps..., more...>;
 };
 
-/* The header, in either direction, and arrays of interface handles. */
+/* The header, in either direction. */
 inline void l2vpn_ac_convert_hdr(l2vpn_ac_msg_hdr_t *hdr)
 {
     using program = l2vpn_ac_program<u32(0), u32(4), u32(8), u32(12)>;
@@ -110,19 +124,63 @@ inline void l2vpn_ac_convert_hdr(l2vpn_ac_msg_hdr_t *hdr)
     program::convert(reinterpret_cast<std::byte *>(hdr));
 }
 
-inline void l2vpn_ac_convert_words(uint32_t *words, size_t count)
+/* An array of records that lie back to back, `stride` bytes each, one after the other. */
+template <typename program, size_t stride>
+inline void l2vpn_ac_convert_plain(std::byte *record, size_t count)
 {
-    for (size_t i = 0; i < count; ++i)
-        words[i] = l2vpn_ac_convert(words[i]);
+    static_assert(program::reach <= stride);
+    for (; count > 0; --count, record += stride)
+        program::convert(record);
 }
+
+#if L2VPN_AC_BLOCKS
+
+/* The same where records fill blocks whole: there a program is one permutation of a block's bytes. */
+template <typename program, size_t stride>
+inline void l2vpn_ac_convert_dense(std::byte *record, size_t count)
+{
+    static_assert(program::reach <= stride && L2VPN_AC_BLOCK_SIZE % stride == 0);
+    static constexpr l2vpn_ac_block_pattern pattern = [] {
+        l2vpn_ac_block_pattern result{};
+        for (size_t i = 0; i < result.size(); ++i)
+            result[i] = static_cast<uint8_t>(i / stride * stride + program::source(i % stride));
+        return result;
+    }();
+    const auto convert = [](std::byte *at) {
+        l2vpn_ac_block_store(at, l2vpn_ac_block_permute<pattern>(l2vpn_ac_block_load(at)));
+    };
+    size_t left = count * stride;
+    for (; left >= 2 * L2VPN_AC_BLOCK_SIZE; left -= 2 * L2VPN_AC_BLOCK_SIZE) {
+        convert(record);
+        convert(record + L2VPN_AC_BLOCK_SIZE);
+        record += 2 * L2VPN_AC_BLOCK_SIZE;
+    }
+    if (left >= L2VPN_AC_BLOCK_SIZE) {
+        convert(record);
+        record += L2VPN_AC_BLOCK_SIZE;
+        left -= L2VPN_AC_BLOCK_SIZE;
+    }
+    l2vpn_ac_convert_plain<program, stride>(record, left / stride);
+}
+
+#endif
 
 /* An array of records that lie back to back, `stride` bytes each. */
 template <typename program, size_t stride>
 inline void l2vpn_ac_convert_records(std::byte *record, size_t count)
 {
-    static_assert(program::reach <= stride);
-    for (; count > 0; --count, record += stride)
-        program::convert(record);
+#if L2VPN_AC_BLOCKS
+    if constexpr (L2VPN_AC_BLOCK_SIZE % stride == 0)
+        return l2vpn_ac_convert_dense<program, stride>(record, count);
+#endif
+    return l2vpn_ac_convert_plain<program, stride>(record, count);
+}
+
+/* An array of 32-bit words: interface handles. */
+inline void l2vpn_ac_convert_words(uint32_t *words, size_t count)
+{
+    l2vpn_ac_convert_records<l2vpn_ac_program<u32(0)>, sizeof *words>(reinterpret_cast<std::byte *>(words),
+                                                                      count);
 }
 
 #endif

@@ -77,6 +77,39 @@ TEST(convert, words_of_every_number)
     }
 }
 
+/* Dense arrays are converted by blocks; the plain loop says what that must come to. */
+template <typename program, std::size_t stride>
+void expect_blocks_as_plain()
+{
+    std::mt19937 random(4);
+    for (std::size_t shift = 0; shift < 16; ++shift) {
+        for (std::size_t count = 0; count * stride <= 160; ++count) {
+            const auto before = random_bytes(shift + count * stride + 16, random);
+            auto plain = before;
+            l2vpn_ac_convert_plain<program, stride>(plain.data() + shift, count);
+            auto converted = before;
+            l2vpn_ac_convert_records<program, stride>(converted.data() + shift, count);
+            ASSERT_EQ(converted, plain) << "stride " << stride << ", shift " << shift << ", count " << count;
+        }
+    }
+}
+
+TEST(convert, blocks_do_what_the_plain_loop_does)
+{
+    expect_blocks_as_plain<l2vpn_ac_program<u16(0)>, 2>();
+    expect_blocks_as_plain<l2vpn_ac_program<u32(0)>, 4>();
+    expect_blocks_as_plain<l2vpn_ac_program<u16(0), u16(2)>, 4>();
+    expect_blocks_as_plain<l2vpn_ac_program<u16(2)>, 4>();
+    expect_blocks_as_plain<l2vpn_ac_program<u32(0), u16(4)>, 8>();
+    expect_blocks_as_plain<l2vpn_ac_program<u16(0), u32(4)>, 8>();
+    expect_blocks_as_plain<l2vpn_ac_program<u64(0)>, 8>();
+    expect_blocks_as_plain<l2vpn_ac_program<u16(0), u16(4), u64(8)>, 16>();
+    expect_blocks_as_plain<l2vpn_ac_program<u32(0), u32(4), u32(8), u32(12)>, 16>();
+    expect_blocks_as_plain<l2vpn_ac_program<u32(12)>, 16>();
+    expect_blocks_as_plain<l2vpn_ac_program<>, 16>();
+    expect_blocks_as_plain<l2vpn_ac_program<u32(0), u16(4), u32(8)>, 12>();
+}
+
 /* Which fields of a definition a class converts. */
 struct field {
     std::size_t offset, width;
