@@ -88,6 +88,42 @@ TEST_F(daemon_test, ends_the_link_of_a_peer_that_breaks_the_protocol)
     EXPECT_TRUE(holds(2));
 }
 
+TEST_F(daemon_test, takes_no_harm_from_messages_that_are_replayed)
+{
+    start();
+    raw_peer other = peer(6);
+    ASSERT_TRUE(other.send(create(6, {1})));
+    raw_peer owner = peer(3);
+    const octets creation = create(3, {1, 2}), change = update(3, {1}, 9), removal = remove({1});
+    for (const octets &message : {creation, creation, change, removal, removal, change}) {
+        ASSERT_TRUE(owner.send(message));
+    }
+    const auto counted = [this](const char *what, uint64_t count) {
+        return eventually([&] { return totals()["acs"][what] == count; });
+    };
+    EXPECT_TRUE(counted("replaced", 2)) << "a creation that comes again is a creation";
+    EXPECT_TRUE(counted("unknown_deletes", 1));
+    EXPECT_TRUE(counted("unknown_updates", 1));
+    {
+        raw_peer stranger = peer(3); /* of the same class and node */
+        ASSERT_TRUE(stranger.send(removal));
+        ASSERT_TRUE(stranger.send(remove({2})));
+        EXPECT_TRUE(counted("unknown_deletes", 3)) << "what is another's is left alone";
+    }
+    ASSERT_TRUE(
+        owner.send(builder()
+                       .raw({'L', '2', 'V', 'L', 0, 1, 0, 1, 0, 0, 0, 3, 0, 0, 0, 7, 0, 1, 0, 0, 0, 0, 0, 0})
+                       .bytes()));
+    EXPECT_TRUE(has_dropped("mark", 1)) << "a greeting opens a link once";
+    EXPECT_TRUE(holds(2));
+    ASSERT_TRUE(owner.send(create(3, {3})));
+    ASSERT_TRUE(other.send(create(6, {2})));
+    EXPECT_TRUE(holds(4)) << "all links are good";
+    const std::string log = m_daemon->err();
+    EXPECT_NE(log.find("update of AC 0x00000001, which it does not have"), std::string::npos) << log;
+    EXPECT_NE(log.find("delete of AC 0x00000001, which it does not have"), std::string::npos) << log;
+}
+
 TEST_F(daemon_test, survives_messages_of_random_bytes)
 {
     start();
