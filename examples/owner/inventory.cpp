@@ -149,9 +149,10 @@ void reader::add_field(const csv_cell &cell, std::string_view key, std::string_v
 {
     const field *const row = find_field(key, entry.class_id);
     if (row == nullptr) {
-        fault(cell, key,
-              known_field(key) ? "class " + std::to_string(entry.class_id) + " has no such field"
-                               : "is no field");
+        if (known_field(key))
+            fault(cell, key, "class " + std::to_string(entry.class_id) + " has no such field");
+        else
+            fault(cell, quoted(key), "is no field");
         return;
     }
     for (const interface::given &other : entry.fields)
