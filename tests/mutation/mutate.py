@@ -10,6 +10,7 @@ import collections
 import queue
 import random
 import resource
+import signal
 import sys
 import tempfile
 import threading
@@ -177,6 +178,7 @@ def main():
     if options.list:
         print('\n'.join(f'{mutant.file}:{mutant.line}: {mutant.id}' for mutant in selected))
         return 0
+    signal.signal(signal.SIGTERM, signal.default_int_handler)  # either leaves nothing behind
     # A mutant may take all it can get.
     resource.setrlimit(resource.RLIMIT_AS, (4 << 30, 4 << 30))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
