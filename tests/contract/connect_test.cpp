@@ -295,6 +295,20 @@ TEST_F(connecting, of_a_class_twice_is_for_the_ipc_to_decide)
     EXPECT_EQ(world.clients(), 1u);
 }
 
+/* The process goes away while connect starts the timer: the retry logic has nothing to retry, and says so. */
+TEST_F(connecting, returns_what_the_retry_logic_says)
+{
+    world.before(fn::gen_format_debug_fmt, [&] {
+        world.before(fn::gen_format_debug_fmt, {});
+        world.evt_cb(4)(world.ipc_client(), 1, 0, L2VPN_IPC_EVT_DISCONNECTED, 0, world.link_of(4).cookie());
+    });
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 2u);
+    EXPECT_EQ(hd, world.link_of(4).cookie()) << "the client is there all the same";
+    EXPECT_THAT(statuses(), ElementsAre(L2VPN_AC_STATUS_DOWN));
+    EXPECT_THAT(world.timers(), IsEmpty());
+}
+
 /* --- the limits: of the latest connect, for every client --- */
 
 /* A request of `count` ACs is cut as the limits say: how many ACs the messages carry. */

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 namespace {
 
 using l2vpn::sim::fn;
@@ -121,6 +123,23 @@ TEST(counts, just_below_are_sent)
     EXPECT_EQ(l2vpn_ac_send_records(c.hd, L2VPN_AC_MSG_UPDATE, marking, 0, 4, limit, pieces, 0x7fffffff),
               105u);
     EXPECT_EQ(world().calls(fn::l2vpn_ipc_ucastv).size(), 1u);
+}
+
+/* Lengths are products of 64 bits, those of narrow pieces of 32: 65,536 times 65,537 leaves 65,536. */
+TEST(counts, a_narrow_piece_has_a_length_of_32_bits)
+{
+    world().set.mtu = 1516;
+    const client c(4);
+    world().clear_calls();
+
+    const l2vpn_ac_marking marking = {4, 8, nullptr, true, false};
+    std::vector<std::byte> record(65536);
+    const l2vpn_ac_pieces pieces = {{{record.data(), 65536, true}, {record.data(), 0, false}}, 2};
+    const std::uint32_t limit = 65537;
+    EXPECT_EQ(l2vpn_ac_send_records(c.hd, L2VPN_AC_MSG_UPDATE, marking, 0, 4, limit, pieces, 65537), 0u);
+    const auto sends = world().calls(fn::l2vpn_ipc_ucastv);
+    ASSERT_EQ(sends.size(), 1u);
+    EXPECT_EQ(sends[0].pieces, (std::vector<std::size_t>{16, 65536, 0}));
 }
 
 } // namespace
