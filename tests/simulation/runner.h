@@ -1,0 +1,39 @@
+/*
+ * Runs scenarios: subject and model side by side, step by step, and cuts a failing one down to what it
+ * takes.
+ */
+#ifndef TESTS_SIMULATION_RUNNER_H
+#define TESTS_SIMULATION_RUNNER_H
+
+#include "model.h"
+
+#include <ostream>
+
+namespace simulation {
+
+/* Where model and subject part. */
+struct parting {
+    std::size_t step; /* the number of steps when only the end is wrong */
+    std::vector<event> before{};
+    std::optional<event> expected{};
+    std::optional<event> actual{};
+};
+
+struct scenario {
+    std::uint64_t seed;
+    fault mistake = fault::none;
+};
+
+/* Takes the steps, writes each and its events to `trace` when there is one. */
+[[nodiscard]] std::optional<parting> run(const scenario &what, const std::vector<step> &steps, coverage &seen,
+                                         std::ostream *trace = nullptr);
+
+/* Fewer steps that fail still. None of those left can be left out. */
+[[nodiscard]] std::vector<step> shortened(const scenario &what, std::vector<step> steps);
+
+/* What is being run at the moment, for whoever has to report a crash; a static text. */
+[[nodiscard]] const char *being_run();
+
+} // namespace simulation
+
+#endif

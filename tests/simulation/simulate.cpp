@@ -1,0 +1,169 @@
+/*
+ * l2vpn-simulate: the library under random scenarios, compared with a model of it, event by event.
+ *
+ * Every scenario comes from its seed alone. One that fails is cut down and printed with the command that
+ * runs it again.
+ */
+#include "runner.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstring>
+#include <iostream>
+#include <unistd.h>
+
+extern "C" __attribute__((weak)) void __sanitizer_set_death_callback(void (*callback)());
+
+namespace {
+
+using namespace simulation;
+
+/* A model with a mistake is found out within so many seeds, and by no more steps than these. */
+constexpr std::uint64_t seeds_to_find = 300;
+constexpr std::size_t steps_to_show = 12;
+
+/* With fewer scenarios than this it is no fault when something did not happen. */
+constexpr std::uint64_t seeds_that_cover = 500;
+
+struct options {
+    std::uint64_t first = 1;
+    std::uint64_t seeds = 2000;
+    std::uint32_t steps = 60;
+    bool verbose = false;
+};
+
+void say_where()
+{
+    const char *const text = being_run();
+    (void)!write(STDERR_FILENO, text, std::strlen(text));
+}
+
+void on_abort(int)
+{
+    say_where();
+    std::signal(SIGABRT, SIG_DFL);
+    std::raise(SIGABRT);
+}
+
+void print(const std::optional<event> &what)
+{
+    std::cout << (what ? to_string(*what) : "nothing more") << "\n";
+}
+
+void print(const parting &found, const std::vector<step> &steps)
+{
+    std::cout << "  at step " << found.step << ": "
+              << (found.step < steps.size() ? to_string(steps[found.step]) : "the end") << "\n";
+    constexpr std::size_t context = 5;
+    const std::size_t from = found.before.size() - std::min(found.before.size(), context);
+    for (std::size_t i = from; i < found.before.size(); ++i)
+        std::cout << "    agreed    " << to_string(found.before[i]) << "\n";
+    std::cout << "    expected  ";
+    print(found.expected);
+    std::cout << "    actual    ";
+    print(found.actual);
+}
+
+void explain(const scenario &what, const std::vector<step> &steps, const parting &found)
+{
+    std::cout << "seed " << what.seed << " fails\n";
+    print(found, steps);
+    const std::vector<step> fewer = shortened(what, steps);
+    coverage unseen;
+    std::cout << "  shortened to " << fewer.size() << " steps:\n";
+    for (std::size_t i = 0; i < fewer.size(); ++i)
+        std::cout << "    " << i << "  " << to_string(fewer[i]) << "\n";
+    if (const auto again = run(what, fewer, unseen))
+        print(*again, fewer);
+}
+
+int simulate(const options &given, const char *program)
+{
+    coverage seen;
+    std::uint64_t failed = 0;
+    for (std::uint64_t seed = given.first; seed < given.first + given.seeds; ++seed) {
+        const std::vector<step> steps = generate(seed, given.steps);
+        const scenario what{seed};
+        if (given.verbose)
+            std::cout << "seed " << seed << ": " << steps.size() << " steps" << std::endl;
+        const bool alone = given.seeds == 1;
+        const auto found = run(what, steps, seen, given.verbose && alone ? &std::cout : nullptr);
+        if (!found)
+            continue;
+        ++failed;
+        explain(what, steps, *found);
+        std::cout << "  run it again: " << program << " --seed " << seed << " --steps " << given.steps
+                  << std::endl;
+    }
+
+    if (given.verbose) {
+        for (const std::string &line : seen.table())
+            std::cout << line << "\n";
+    }
+    const std::vector<std::string> missing =
+        given.seeds < seeds_that_cover ? std::vector<std::string>() : seen.missing();
+    for (const std::string &line : missing)
+        std::cout << "never happened: " << line << "\n";
+    std::cout << given.seeds << " seeds from " << given.first << ", " << failed << " failed, "
+              << missing.size() << " kinds never happened\n";
+    return failed == 0 && missing.empty() ? 0 : 1;
+}
+
+/* A check that cannot fail is none: every mistake of the model is to be found, and shown in a few steps. */
+int check_itself(const options &given)
+{
+    int missed = 0;
+    for (std::size_t number = 1; number < static_cast<std::size_t>(fault::count_); ++number) {
+        const auto mistake = static_cast<fault>(number);
+        bool found = false;
+        for (std::uint64_t seed = 1; seed <= seeds_to_find && !found; ++seed) {
+            const scenario what{seed, mistake};
+            const std::vector<step> steps = generate(seed, given.steps);
+            coverage unseen;
+            if (!run(what, steps, unseen))
+                continue;
+            found = true;
+            const std::vector<step> fewer = shortened(what, steps);
+            const bool few = fewer.size() <= steps_to_show;
+            std::cout << (few ? "found" : "not cut down") << ": " << name_of(mistake) << ", by seed " << seed
+                      << ", shown in " << fewer.size() << " steps of " << steps.size() << "\n";
+            for (const step &each : fewer) {
+                if (given.verbose || !few)
+                    std::cout << "    " << to_string(each) << "\n";
+            }
+            missed += few ? 0 : 1;
+        }
+        if (!found) {
+            std::cout << "not found: " << name_of(mistake) << "\n";
+            ++missed;
+        }
+    }
+    return missed == 0 ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    options given;
+    std::uint64_t seed = 0;
+    bool self_test = false;
+    CLI::App app("Runs the AC library under random scenarios and compares it with a model");
+    app.add_option("--seeds", given.seeds, "number of scenarios")->capture_default_str();
+    app.add_option("--first", given.first, "seed of the first")->capture_default_str();
+    const auto *const one = app.add_option("--seed", seed, "this scenario alone");
+    app.add_option("--steps", given.steps, "length of a scenario, about")->capture_default_str();
+    app.add_flag("--verbose", given.verbose, "print steps and events of one scenario, or seeds; and counts");
+    app.add_flag("--self-test", self_test, "check that mistakes of the model are found");
+    CLI11_PARSE(app, argc, argv);
+    if (one->count() > 0) {
+        given.first = seed;
+        given.seeds = 1;
+    }
+
+    std::signal(SIGABRT, on_abort);
+    if (__sanitizer_set_death_callback != nullptr)
+        __sanitizer_set_death_callback(say_where);
+    return self_test ? check_itself(given) : simulate(given, argv[0]);
+}
