@@ -172,6 +172,7 @@ TEST_P(each_locker, tries_first_and_announces_nothing_when_free)
     if (GetParam().locks_twice) /* the callbacks lock at their begin and at their end */
         expected.insert(expected.end(), once.begin(), once.end());
     EXPECT_EQ(tap.order, expected);
+    EXPECT_THAT(tap.tried, testing::Each(tap.tried.at(0))) << "the same lock both times";
     EXPECT_EQ(called(fn::ptd_set_mutex_block), 0u);
 }
 

@@ -211,6 +211,19 @@ TEST_F(said, in_an_entry_trace_is_what_was_passed)
                                    handle + std::string(" 0x4d")));
 }
 
+TEST_F(said, in_an_event_trace_are_event_node_and_peer)
+{
+    world.clear_calls();
+    world.link_of(4).event(L2VPN_IPC_EVT_CONNECTED, 7, 33);
+    world.link_of(4).event(L2VPN_IPC_EVT_DISCONNECTED, 7, 34);
+    world.run();
+    std::vector<std::string> texts;
+    for (const auto &trace : world.calls(fn::gen_dbg_ltrace_ctx))
+        texts.push_back(trace.text);
+    const std::string node = std::to_string(world.set.nodeid);
+    EXPECT_THAT(texts, ElementsAre("event 0 node " + node + " peer 33", "event 1 node " + node + " peer 34"));
+}
+
 /* The compact record that goes with a report has the report's line, and is asked for by the same key. */
 TEST_F(said, in_a_compact_record_is_the_reports_line)
 {

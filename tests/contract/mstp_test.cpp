@@ -467,6 +467,23 @@ TEST_P(mstp, writes_a_record_beside_the_report_of_a_failure)
     EXPECT_EQ(records[0].text, std::to_string(reports[0].line) + "105") << "line and status";
 }
 
+TEST_P(mstp, reports_every_failed_send_and_no_other)
+{
+    const auto hd = connect_idle(4);
+    world.clear_calls();
+    EXPECT_EQ(request(hd, 0, 1), 0u);
+    EXPECT_EQ(send(GetParam(), hd, 0, nullptr, 0), 0u);
+    EXPECT_EQ(called(fn::l2vpn_generic_gen_dbg_ltrace_ctx), 0u);
+    for (const qerrno status : {1u, 2u, 22u, 107u}) {
+        world.clear_calls();
+        world.fail_from(fn::l2vpn_ipc_ucastv, 1, status);
+        EXPECT_EQ(request(hd, 0, 1), status);
+        EXPECT_EQ(called(fn::l2vpn_generic_gen_dbg_ltrace_ctx), 1u);
+        EXPECT_EQ(send(GetParam(), hd, 0, nullptr, 0), status);
+        EXPECT_EQ(called(fn::l2vpn_generic_gen_dbg_ltrace_ctx), 2u);
+    }
+}
+
 /* --- traces and logs --- */
 
 TEST_P(mstp, traces_its_entry_and_logs_its_call)

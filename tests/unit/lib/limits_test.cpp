@@ -1,6 +1,7 @@
 /*
  * The message limits as connect leaves them in the global record, for MTUs that leave room, none, or less
- * than none; and counts that are negative where messages are cut.
+ * than none; counts that are negative where messages are cut; and the fields of a client's context from its
+ * connect on.
  */
 #include "l2vpn_ac_global.h"
 #include "l2vpn_ac_send.h"
@@ -22,8 +23,13 @@ l2vpn::sim::world &world()
     return the_world;
 }
 
+std::uint32_t busy_in_callback = 99;
+
 l2vpn_ac_callback_vector_t callbacks = {
-    .status_cb = [](l2vpn_ac_client_hd_t, std::uint32_t, std::uint32_t) -> qerrno { return 0; },
+    .status_cb = [](l2vpn_ac_client_hd_t hd, std::uint32_t, std::uint32_t) -> qerrno {
+        busy_in_callback = hd->busy;
+        return 0;
+    },
     .prov_cb = nullptr,
     .unprov_cb = nullptr,
     .bulk_notify_cb = nullptr,
@@ -140,6 +146,64 @@ TEST(counts, a_narrow_piece_has_a_length_of_32_bits)
     const auto sends = world().calls(fn::l2vpn_ipc_ucastv);
     ASSERT_EQ(sends.size(), 1u);
     EXPECT_EQ(sends[0].pieces, (std::vector<std::size_t>{16, 65536, 0}));
+}
+
+/* --- the context: its state, the seconds of its timer's next start, and its mark --- */
+
+class context : public testing::Test {
+protected:
+    context() { world().set.mtu = 1516; }
+
+    const client c{4};
+
+    void event(l2vpn_ipc_evt_t number)
+    {
+        world().link_of(4).event(number);
+        world().run();
+    }
+
+    void holds(std::uint16_t state, std::uint32_t seconds) const
+    {
+        EXPECT_EQ(c.hd->class_id, 4u);
+        EXPECT_EQ(c.hd->busy, 0u);
+        EXPECT_EQ(c.hd->state, state);
+        EXPECT_EQ(c.hd->retry_secs, seconds);
+        EXPECT_NE(c.hd->tmr_leaf, nullptr);
+    }
+};
+
+TEST_F(context, joins_with_five_seconds_to_come)
+{
+    holds(1, 5);
+    world().advance(std::chrono::seconds(4));
+    holds(1, 6);
+}
+
+TEST_F(context, is_marked_busy_while_an_event_is_delivered)
+{
+    event(L2VPN_IPC_EVT_CONNECTED);
+    EXPECT_EQ(busy_in_callback, 1u);
+    holds(2, 1);
+}
+
+TEST_F(context, goes_idle_with_one_second_to_come)
+{
+    event(L2VPN_IPC_EVT_DISCONNECTED);
+    EXPECT_EQ(busy_in_callback, 1u);
+    holds(0, 1);
+    event(L2VPN_IPC_EVT_CONNECTED);
+    holds(2, 1);
+}
+
+TEST_F(context, is_not_marked_when_a_failed_send_says_down)
+{
+    event(L2VPN_IPC_EVT_CONNECTED);
+    world().fail(fn::l2vpn_ipc_ucastv, 1, 105);
+    EXPECT_EQ(l2vpn_ac_update(c.hd, 0, 0, nullptr, nullptr), 0u);
+    EXPECT_EQ(busy_in_callback, 0u);
+    holds(2, 2);
+    world().advance(std::chrono::seconds(1));
+    holds(2, 1);
 }
 
 } // namespace
