@@ -476,6 +476,7 @@ TEST_P(mstp, reports_every_failed_send_and_no_other)
     EXPECT_EQ(called(fn::l2vpn_generic_gen_dbg_ltrace_ctx), 0u);
     for (const qerrno status : {1u, 2u, 22u, 107u}) {
         world.clear_calls();
+        world.clear_failures();
         world.fail_from(fn::l2vpn_ipc_ucastv, 1, status);
         EXPECT_EQ(request(hd, 0, 1), status);
         EXPECT_EQ(called(fn::l2vpn_generic_gen_dbg_ltrace_ctx), 1u);
