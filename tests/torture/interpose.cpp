@@ -67,13 +67,6 @@ int held(int rc)
 
 } // namespace
 
-void watch(const std::optional<plan> &what)
-{
-    the_state = {};
-    the_state.what = what;
-    watched = &the_state;
-}
-
 void clear_failures()
 {
     the_state.what.reset();
@@ -140,6 +133,13 @@ void forget(void *memory)
     }
 }
 
+void forget_all()
+{
+    for (auto &block : blocks)
+        block = nullptr;
+    live = 0;
+}
+
 } // namespace
 
 std::size_t allocations()
@@ -149,6 +149,12 @@ std::size_t allocations()
 
 #else
 
+namespace {
+
+void forget_all() {}
+
+} // namespace
+
 std::size_t allocations()
 {
     return 0;
@@ -156,11 +162,20 @@ std::size_t allocations()
 
 #endif
 
+void watch(const std::optional<plan> &what)
+{
+    the_state = {};
+    the_state.what = what;
+    watched = &the_state;
+    forget_all();
+}
+
 } // namespace torture::interpose
 
 using namespace torture::interpose;
 
 #define IN_FRONT extern "C" __attribute__((visibility("default")))
+#define BEFORE_ALL __attribute__((no_sanitize("thread"), no_sanitize("address")))
 
 #if FOLLOW_MEMORY
 
@@ -182,31 +197,33 @@ IN_FRONT void free(void *memory) noexcept
 
 #endif
 
-IN_FRONT void *mmap(void *at, std::size_t size, int protection, int flags, int fd, off_t offset) noexcept
+/* These two are called before a sanitizer has begun its work, which they must not ask for then. */
+
+IN_FRONT BEFORE_ALL void *mmap(void *at, std::size_t size, int protection, int flags, int fd,
+                               off_t offset) noexcept
 {
-    static const auto next = real<void *(*)(void *, std::size_t, int, int, int, off_t)>("mmap");
-    const bool ours = watched != nullptr && at == nullptr && fd == -1;
-    if (ours) {
-        if (const int status = verdict("mmap")) {
-            errno = status;
-            return MAP_FAILED;
-        }
+    using function = void *(*)(void *, std::size_t, int, int, int, off_t);
+    if (watched == nullptr || at != nullptr || fd != -1)
+        return reinterpret_cast<function>(dlsym(RTLD_NEXT, "mmap"))(at, size, protection, flags, fd, offset);
+    if (const int status = verdict("mmap")) {
+        errno = status;
+        return MAP_FAILED;
     }
-    void *const memory = next(at, size, protection, flags, fd, offset);
-    if (ours && memory != MAP_FAILED)
+    void *const memory = real<function>("mmap")(at, size, protection, flags, fd, offset);
+    if (memory != MAP_FAILED)
         watched->mappings[memory] = size;
     return memory;
 }
 
-IN_FRONT int munmap(void *at, std::size_t size) noexcept
+IN_FRONT BEFORE_ALL int munmap(void *at, std::size_t size) noexcept
 {
-    static const auto next = real<int (*)(void *, std::size_t)>("munmap");
-    if (watched != nullptr) {
-        const auto found = watched->mappings.find(at);
-        if (found != watched->mappings.end() && found->second == size)
-            watched->mappings.erase(found);
-    }
-    return next(at, size);
+    using function = int (*)(void *, std::size_t);
+    if (watched == nullptr)
+        return reinterpret_cast<function>(dlsym(RTLD_NEXT, "munmap"))(at, size);
+    const auto found = watched->mappings.find(at);
+    if (found != watched->mappings.end() && found->second == size)
+        watched->mappings.erase(found);
+    return real<function>("munmap")(at, size);
 }
 
 IN_FRONT int pthread_mutex_trylock(pthread_mutex_t *mutex) noexcept

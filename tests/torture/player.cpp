@@ -185,15 +185,23 @@ std::string line_of(const l2vpn::sim::call &call)
 
 } // namespace
 
-std::vector<std::string> player::lines() const
+const std::vector<std::string> &player::lines()
 {
-    std::vector<std::string> result;
     for (const auto &call : world_.calls()) {
         std::string line = line_of(call);
         if (!line.empty())
-            result.push_back(std::move(line));
+            lines_.push_back(std::move(line));
     }
-    return result;
+    world_.clear_calls();
+    for (std::uint32_t class_id = 0; class_id < L2VPN_AC_CLASS_MAX; ++class_id)
+        world_.link_of(class_id).clear_sent();
+    return lines_;
+}
+
+void player::forget_lines()
+{
+    world_.clear_calls();
+    lines_.clear();
 }
 
 /* --- callbacks --------------------------------------------------------------------------------------- */

@@ -26,7 +26,8 @@ public:
     void clear_failures();
 
     /* What happened so far, in the model's words. */
-    std::vector<std::string> lines() const;
+    const std::vector<std::string> &lines();
+    void forget_lines();
 
     /* How many calls of a target there were; of all that can fail. */
     std::uint64_t count(const target &what) const;
@@ -69,6 +70,7 @@ private:
     l2vpn_ac_client_hd_t hd_[slots] = {};
     std::uint32_t class_[slots] = {};
     std::vector<step> inside_;
+    std::vector<std::string> lines_; /* of calls that the platform has forgotten */
 };
 
 } // namespace torture

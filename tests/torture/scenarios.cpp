@@ -150,12 +150,13 @@ void add_requests(std::vector<scenario> &list)
 void add_batches(std::vector<scenario> &list)
 {
     for (const named_kind &k : kinds) {
-        list.push_back({std::string(k.name) + "_batch",
-                        room_for_two(k.kind),
-                        {connect(0, B), connect(1, A), request(k.kind, 0, 3, k.begin), request(k.kind, 1, 3),
-                         request(k.kind, 1, 3, k.begin), request(k.kind, 0, 3, k.end),
-                         request(k.kind, 0, 1, k.begin), request(k.kind, 1, 0, k.end | 0x100),
-                         request(k.kind, 1, 1, k.begin | k.end), disconnect(0), disconnect(1)}});
+        list.push_back(
+            {std::string(k.name) + "_batch",
+             room_for_two(k.kind),
+             {connect(0, B), connect(1, A), request(k.kind, 0, 3, k.begin), request(k.kind, 1, 3),
+              request(k.kind, 1, 3, k.begin), request(k.kind, 0, 3, k.end), request(k.kind, 0, 1, k.begin),
+              request(k.kind, 1, 0, k.end | 0x100), request(k.kind, 1, 1),
+              request(k.kind, 1, 1, k.begin | k.end), disconnect(0), disconnect(1)}});
     }
 }
 

@@ -146,9 +146,9 @@ public:
         play({.what = op::sweep});
     }
 
-    void expect_what_the_model_says(const char *when) const
+    void expect_what_the_model_says(const char *when)
     {
-        const lines expected = model_.lines, happened = player_.lines();
+        const lines &expected = model_.lines, &happened = player_.lines();
         const auto [e, h] = std::ranges::mismatch(expected, happened);
         if (e == expected.end() && h == happened.end())
             return;
@@ -185,7 +185,7 @@ public:
         for (unsigned slot = 0; slot < slots; ++slot)
             expected.push_back(model_.connected(slot) ? EOK : EINVAL);
         EXPECT_EQ(player_.requests_of_another_thread(), expected);
-        player_.world().clear_calls();
+        player_.forget_lines();
         model_.lines.clear();
     }
 
