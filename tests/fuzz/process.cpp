@@ -4,7 +4,9 @@
  * The input's first byte says whether ACs are provisioned at once (bit 0). What follows is a list of steps, a
  * byte each (modulo 8), with what belongs to it:
  *
- *   0, 1   an owner's message: number of the owner, length (2 bytes), the message
+ *   0      an owner's message: number of the owner, length (2 bytes), the message
+ *   1      an owner's message of the right length: number of the owner, type (modulo 17), flags, count (modulo
+ *          12), a byte for every record, its handle or key
  *   2      an owner comes: class, node (bit 0) and MTU (bits 1 and up, in 64 bytes), pid
  *   3      an owner's link ends: number of the owner
  *   4, 5   an owner's ACs are to be provisioned, unprovisioned: number of the owner
@@ -89,9 +91,13 @@ private:
         if (owners_.empty())
             return;
         owner &one = *owners_[number % owners_.size()];
-        if (what <= 1) {
+        /* No link delivers more than its MTU. */
+        if (what == 1) {
+            process_test::octets made = sound_message(one, in);
+            made.resize(std::min<size_t>(made.size(), one.info.mtu));
+            process_.received(one, fuzz::exact(made));
+        } else if (what == 0) {
             const size_t length = in.u16();
-            /* No link delivers more than its MTU. */
             const fuzz::exact message(in.take(std::min<size_t>(length, one.info.mtu)));
             process_.received(one, message);
         } else if (what == 3) {
@@ -99,6 +105,28 @@ private:
         } else {
             command(one, what == 4);
         }
+    }
+
+    static process_test::octets sound_message(const owner &from, fuzz::input &in)
+    {
+        const message_row &row = *find_message(in.u8() % message_types);
+        const uint8_t flags = in.u8();
+        const uint32_t count = row.counted ? in.u8() % 12 : 1;
+        const fuzz::bytes keys = in.take(count);
+        process_test::builder message = process_test::header(row.type, count, flags);
+        const auto add = [&](size_t size, bool with_key) {
+            for (uint32_t i = 0; i < count && size > 0; ++i) {
+                const uint8_t key = i < keys.size() ? keys[i] : 0;
+                const size_t rest = with_key ? size - 4 : size;
+                message.raw(with_key ? process_test::octets{0, 0, 0, key} : process_test::octets{});
+                message.raw(process_test::octets(rest, key));
+            }
+        };
+        add(row.each.handle, true);
+        add(row.each.definition, false);
+        add(row.each.info ? find_class(from.info.class_id)->info_size : 0, false);
+        add(row.each.record, true);
+        return message.bytes();
     }
 
     void come(fuzz::input &in)
