@@ -28,9 +28,9 @@ static void set_limits(uint32_t info_size)
     const uint64_t room = uint64_t{global.mtu} - L2VPN_AC_HDR_LEN;
 
     const auto fit = [room](uint64_t size) { return static_cast<uint32_t>(room / size); };
-    global.max_create = fit(uint64_t{info_size} + L2VPN_AC_IFH_LEN + sizeof(l2vpn_ac_defn_t));
+    global.max_create = fit(info_size + L2VPN_AC_IFH_LEN + sizeof(l2vpn_ac_defn_t));
     global.max_msti_root = fit(msti_root_share);
-    global.max_updt = fit(uint64_t{info_size} + L2VPN_AC_IFH_LEN);
+    global.max_updt = fit(info_size + L2VPN_AC_IFH_LEN);
     global.max_mstp_req = fit(sizeof(l2vpn_mstp_req_t));
     global.max_vid_map = fit(sizeof(l2vpn_msti_vid_map_t));
     global.max_half = fit(2);
@@ -66,7 +66,7 @@ qerrno undo(l2vpn_ac_client_use &client, taken last, qerrno rc)
 
 static const char connect_name[] = "l2vpn_ac_process_connect_internal";
 
-/* The client part of connect, for a context that has nothing yet. */
+/* The client part of connect, for a context that has nothing yet and is idle. */
 static qerrno connect_client(l2vpn_ac_client_use &client, l2vpn_ac_class_t class_id,
                              const l2vpn_ac_callback_vector_t *callbacks, l2vpn_ac_client_hd_t *hd)
 {
@@ -86,7 +86,6 @@ static qerrno connect_client(l2vpn_ac_client_use &client, l2vpn_ac_class_t class
 
     client->cbv = *callbacks;
     client->class_id = class_id;
-    client->state.store(L2VPN_AC_ST_IDLE, std::memory_order_relaxed);
     if (!client.enter_tree()) {
         L2VPN_AC_DEBUG(connect_name, "Failed to insert AC/MA client in wavl");
         return undo(client, taken::timer, EEXIST);
@@ -122,8 +121,7 @@ static qerrno connect_client(l2vpn_ac_client_use &client, l2vpn_ac_class_t class
     *hd = client.get();
     rc = l2vpn_ac_activate_timer(client.get());
     L2VPN_AC_DEBUG(connect_name, "lib AC connect INIT: MTU=%d, max_create=%d, max_updt=%d, max_del=%d",
-                   static_cast<int>(global.mtu), static_cast<int>(global.max_create),
-                   static_cast<int>(global.max_updt), static_cast<int>(global.max_del));
+                   global.mtu, global.max_create, global.max_updt, global.max_del);
     return rc;
 }
 

@@ -18,9 +18,15 @@ bool l2vpn_ac_debug_enabled()
     l2vpn_generic_gen_dbg_ltrace_ctx(l2vpn_debug_get_ctx(), l2vpn_debug_get_enabled_bitset(),                \
                                      L2VPN_AC_DEBUG_COMPONENT, function, line, __VA_ARGS__)
 
+/* The key of a compact record: its id, and how many 32-bit values it has. */
+static constexpr uint64_t key_of(l2vpn_ac_record record, uint32_t values)
+{
+    return uint64_t{values} << 32 | record;
+}
+
 static void record_value(l2vpn_ac_record record, uint32_t line, uint32_t value)
 {
-    const uint64_t key = L2VPN_LTRACE_KEY(record, 2);
+    const uint64_t key = key_of(record, 2);
     if (l2vpn_check_ltrace_buffer(key) != 0)
         l2vpn_ltrace(key, "%u%u", line, value);
 }
@@ -34,7 +40,7 @@ void l2vpn_ac_report_bad_class(const char *function, uint32_t line, uint32_t cla
 void l2vpn_ac_report_no_memory(const char *function, uint32_t line)
 {
     REPORT(function, line, "Cannot allocate memory for info msg array");
-    const uint64_t key = L2VPN_LTRACE_KEY(L2VPN_AC_RECORD_NO_MEMORY, 1);
+    const uint64_t key = key_of(L2VPN_AC_RECORD_NO_MEMORY, 1);
     if (l2vpn_check_ltrace_buffer(key) != 0)
         l2vpn_ltrace(key, "%u ", line);
 }

@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <sched.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 constinit l2vpn_ac_global s_l2vpn_ac_global;
 
@@ -115,28 +117,52 @@ int l2vpn_ac_client_compare(const void *first, const void *second)
 {
     const auto a = reinterpret_cast<uintptr_t>(first);
     const auto b = reinterpret_cast<uintptr_t>(second);
+    enum { smaller, equal, larger };
     if (a == b)
-        return WAVL_EQUAL;
-    return a < b ? WAVL_SMALLER : WAVL_LARGER;
+        return equal;
+    return a < b ? smaller : larger;
 }
 
 /* --- uses of a context ------------------------------------------------------------------------------- */
 
 namespace {
 
-/* Guards the list for a few instructions, nothing is called under it: it may spin. */
-std::atomic_flag s_uses_lock;
 l2vpn_ac_client_use *s_uses;
 
-struct uses_lock {
+/*
+ * Guards the list for a few instructions. Not a lock of the library's protocol: nothing is called under it,
+ * so nobody waits for longer than it takes to let the holder run, which a waiter of any priority does.
+ */
+class uses_lock {
+public:
     uses_lock()
     {
-        while (s_uses_lock.test_and_set(std::memory_order_acquire))
-            sched_yield();
+        uint32_t seen = free_;
+        if (s_state.compare_exchange_strong(seen, held, std::memory_order_acquire, std::memory_order_relaxed))
+            return;
+        while (s_state.exchange(awaited, std::memory_order_acquire) != free_)
+            futex(FUTEX_WAIT_PRIVATE, awaited);
     }
-    ~uses_lock() { s_uses_lock.clear(std::memory_order_release); }
+    ~uses_lock()
+    {
+        if (s_state.exchange(free_, std::memory_order_release) == awaited)
+            futex(FUTEX_WAKE_PRIVATE, 1);
+    }
     uses_lock(const uses_lock &) = delete;
     uses_lock &operator=(const uses_lock &) = delete;
+
+private:
+    enum : uint32_t { free_, held, awaited };
+
+    static void futex(int operation, uint32_t value)
+    {
+        const int error = errno; /* which a caller up the stack may still want to read */
+        syscall(SYS_futex, &s_state, operation, value, nullptr, nullptr, 0);
+        errno = error;
+    }
+
+    static inline std::atomic<uint32_t> s_state = free_;
+    static_assert(sizeof s_state == sizeof(uint32_t) && decltype(s_state)::is_always_lock_free);
 };
 
 } // namespace

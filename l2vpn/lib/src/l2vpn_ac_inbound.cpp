@@ -14,7 +14,7 @@
 #include "l2vpn_ac_class.h"
 #include "l2vpn_ac_data.h"
 #include "l2vpn_ac_debug.h"
-#include "l2vpn_ac_state.h"
+#include "l2vpn_ac_delivery.h"
 #include "l2vpn_ac_wire.h"
 
 #include <cstdlib>
@@ -108,28 +108,29 @@ void hdr_notify(const inbound &message)
 
 struct row {
     uint32_t msg_type;
-    const char *received;                            /* logged and traced on reception; null: neither */
+    bool traced;                                     /* on reception, and when the length is wrong */
+    const char *received;                            /* logged on reception; null: nothing is */
     uint32_t (*record_size)(const inbound &message); /* null: the type has no records */
     const char *incorrect;                           /* logged when the length is wrong */
     void (*deliver)(const inbound &message);
 };
 
 constexpr row rows[] = {
-    {L2VPN_AC_MSG_PROV, "Receiving prov AC msg len=%d, bulk=%d", data_size,
+    {L2VPN_AC_MSG_PROV, true, "Receiving prov AC msg len=%d, bulk=%d", data_size,
      "incorrect provision msg len=%d, bulk=%d", provision},
-    {L2VPN_AC_MSG_UNPROV, "Receiving unprov AC msg len=%d, bulk=%d", ifh_size,
+    {L2VPN_AC_MSG_UNPROV, true, "Receiving unprov AC msg len=%d, bulk=%d", ifh_size,
      "incorrect unprovision msg len=%d, bulk=%d", unprovision},
-    {L2VPN_AC_MSG_BULK_NOTIFY, nullptr, notify_size, "incorrect unprovision msg len=%d, bulk=%d",
+    {L2VPN_AC_MSG_BULK_NOTIFY, false, nullptr, notify_size, "incorrect unprovision msg len=%d, bulk=%d",
      bulk_notify},
-    {L2VPN_AC_MSG_HDR_NOTIFY, nullptr, nullptr, nullptr, hdr_notify},
+    {L2VPN_AC_MSG_HDR_NOTIFY, false, nullptr, nullptr, nullptr, hdr_notify},
 };
 
 void handle(const row &row, const inbound &message)
 {
-    if (row.received != nullptr) {
+    if (row.traced)
         L2VPN_AC_TRACE(L2VPN_AC_TRACE_INBOUND, name, "%u %u", message.length, message.bulk());
+    if (row.received != nullptr)
         L2VPN_AC_DEBUG(name, row.received, message.length, message.bulk());
-    }
     if (row.record_size != nullptr) {
         if (message.bulk() == 0)
             return;
@@ -137,7 +138,7 @@ void handle(const row &row, const inbound &message)
         if (size == 0)
             return;
         if (!message.holds_records_of(size)) {
-            if (row.received != nullptr)
+            if (row.traced)
                 L2VPN_AC_TRACE(L2VPN_AC_TRACE_INBOUND_BAD, name, "%u %u", message.length, message.bulk());
             L2VPN_AC_DEBUG(name, row.incorrect, message.length, message.bulk());
             return;

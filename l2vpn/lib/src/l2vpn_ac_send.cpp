@@ -35,7 +35,7 @@ static uint32_t mark_message(const l2vpn_ac_marking &marking, uint32_t flags, ui
 
 qerrno l2vpn_ac_send_pieces(const l2vpn_ac_client_ctx *ctx, const iovec *pieces, uint32_t count)
 {
-    return l2vpn_ipc_ucastv(s_l2vpn_ac_global.ipc_client, ctx->class_id, L2VPN_IPC_DEST_L2VPN, pieces, count,
+    return l2vpn_ipc_ucastv(s_l2vpn_ac_global.ipc_client, ctx->class_id, L2VPN_AC_DESTINATION, pieces, count,
                             0);
 }
 

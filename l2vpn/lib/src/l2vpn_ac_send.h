@@ -28,6 +28,9 @@ struct l2vpn_ac_piece {
     bool narrow; /* the length of a message's share is a 32-bit product */
 };
 
+/* Where the platform delivers to the L2VPN process, wherever it runs. */
+inline constexpr uint32_t L2VPN_AC_DESTINATION = 0xffffffff;
+
 inline constexpr uint32_t L2VPN_AC_PIECES_MAX = 3;
 
 struct l2vpn_ac_pieces {

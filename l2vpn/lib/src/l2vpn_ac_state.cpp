@@ -1,35 +1,14 @@
 #include "l2vpn_ac_state.h"
 
 #include "l2vpn_ac_debug.h"
+#include "l2vpn_ac_delivery.h"
 #include "l2vpn_ac_lock.h"
-#include "l2vpn_ac_wire.h"
+#include "l2vpn_ac_send.h"
 
 #include <cerrno>
 #include <cstring>
 
 static constexpr auto relaxed = std::memory_order_relaxed;
-
-/* --- delivery of IPC callbacks ----------------------------------------------------------------------- */
-
-l2vpn_ac_delivery::l2vpn_ac_delivery(const char *function, void *cookie, l2vpn_ac_msg_hdr_t *hdr)
-    : function_(function)
-{
-    const l2vpn_ac_lock lock(s_l2vpn_ac_global.cb_lock, function_);
-    if (hdr != nullptr)
-        l2vpn_ac_convert_hdr(hdr);
-    if (client_.emplace(cookie))
-        (*client_)->busy = 1;
-    else
-        client_.reset();
-}
-
-l2vpn_ac_delivery::~l2vpn_ac_delivery()
-{
-    if (!client_)
-        return;
-    const l2vpn_ac_lock lock(s_l2vpn_ac_global.cb_lock, function_);
-    (*client_)->busy = 0;
-}
 
 /* --- events ------------------------------------------------------------------------------------------ */
 
@@ -82,7 +61,7 @@ static void start_timer(l2vpn_ac_client_ctx *ctx, const char *function)
     if (mgd_timer_leaf_running(ctx->tmr_leaf) != 0)
         return;
     const uint32_t seconds = ctx->retry_secs.fetch_add(1, relaxed);
-    L2VPN_AC_DEBUG(function, "%s %d secs", function, static_cast<int>(seconds));
+    L2VPN_AC_DEBUG(function, "%s %d secs", function, seconds);
     const timespec duration = {.tv_sec = static_cast<time_t>(seconds), .tv_nsec = 0};
     mgd_timer_leaf_start(ctx->tmr_leaf, &duration);
 }
@@ -148,6 +127,6 @@ qerrno l2vpn_ac_send_join(const l2vpn_ac_client_ctx *ctx)
 
     alignas(l2vpn_ac_msg_hdr_t) uint8_t message[L2VPN_AC_HDR_LEN];
     std::memcpy(message, join, sizeof message);
-    return l2vpn_ipc_ucast(s_l2vpn_ac_global.ipc_client, ctx->class_id, L2VPN_IPC_DEST_L2VPN, message,
+    return l2vpn_ipc_ucast(s_l2vpn_ac_global.ipc_client, ctx->class_id, L2VPN_AC_DESTINATION, message,
                            sizeof message, 0);
 }

@@ -28,8 +28,6 @@
 
 #include "l2vpn_ac_global.h"
 
-#include <optional>
-
 /* Seconds of the first start after connect, and after a connection event. */
 inline constexpr uint32_t L2VPN_AC_RETRY_AFTER_CONNECT = 4;
 inline constexpr uint32_t L2VPN_AC_RETRY_AFTER_EVENT = 1;
@@ -55,27 +53,5 @@ void l2vpn_ac_tmr_expiry_handler(event_context_t *context, void *arg);
 
 /* Sends the JOIN message. */
 qerrno l2vpn_ac_send_join(const l2vpn_ac_client_ctx *ctx);
-
-/*
- * The delivery of one IPC callback to a client: looks the cookie up and marks the client busy under
- * `cb_lock`, and clears the mark at the end. Empty when the library is not initialised or there is no such
- * client. The header of a message, when there is one, is converted to host order first, in any case.
- */
-class l2vpn_ac_delivery {
-public:
-    l2vpn_ac_delivery(const char *function, void *cookie, l2vpn_ac_msg_hdr_t *hdr = nullptr);
-    ~l2vpn_ac_delivery();
-
-    explicit operator bool() const { return client_.has_value(); }
-    l2vpn_ac_client_ctx *operator->() const { return client_->get(); }
-    l2vpn_ac_client_ctx *get() const { return client_->get(); }
-
-    l2vpn_ac_delivery(const l2vpn_ac_delivery &) = delete;
-    l2vpn_ac_delivery &operator=(const l2vpn_ac_delivery &) = delete;
-
-private:
-    const char *function_;
-    std::optional<l2vpn_ac_client_use> client_;
-};
 
 #endif

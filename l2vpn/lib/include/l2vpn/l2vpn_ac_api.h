@@ -30,18 +30,20 @@
  * Limits. How many records one message holds is computed from the MTU and from the class of the LATEST
  * connect, for all clients of the process. A client whose records are larger than that class's must send
  * requests small enough for one message each, or else connect last; messages above the MTU fail to be sent.
+ * With an MTU that has no room for one record a request makes no progress: it sends messages without records
+ * until one fails, and does not return before. Counts are signed inside: a request of 2^31 records or more is
+ * checked and converted, sends nothing, and succeeds.
  */
 #ifndef L2VPN_AC_API_H
 #define L2VPN_AC_API_H
 
+#include <l2vpn/l2vpn_ac_compiler.h>
 #include <l2vpn/l2vpn_ac_msg.h>
 #include <l2vpn/l2vpn_ac_types.h>
-#include <platform/compiler.h>
-#include <platform/event_mgr.h>
-#include <platform/qerr.h>
+#include <platform/platform.h>
 #include <stdint.h>
 
-PLATFORM_BEGIN_DECLS
+L2VPN_AC_BEGIN_DECLS
 
 /* A connected client. Opaque; valid from a successful connect to a successful disconnect. Every function
  * looks it up before use, so a null or stale handle is refused, not followed. It is an address: a later
@@ -59,11 +61,12 @@ typedef struct l2vpn_ac_client_ctx *l2vpn_ac_client_hd_t;
 #define L2VPN_AC_ST_UP 2u      /* the L2VPN process is there */
 
 /*
- * The client's callbacks. They run on the event manager's thread with no lock held, and may call any
- * request; a disconnect from inside one is refused with 35. One exception: UP and DOWN notices that come
- * from the retry timer or from a failed request run under the library's request lock, the DOWN of a failed
- * request on the requesting thread; a disconnect from inside those succeeds. What a callback returns is
- * ignored. Pointers that a callback is given are readable and writable until it returns.
+ * The client's callbacks. They run on the event manager's thread with no lock held, and may call any request,
+ * connect, and disconnect other clients; a disconnect of their own client is refused with 35. One exception:
+ * UP and DOWN notices that come from the retry timer or from a failed request run under the library's request
+ * lock, the DOWN of a failed request on the requesting thread; a disconnect from inside those succeeds. What
+ * a callback returns is ignored. Pointers that a callback is given are readable and writable until it
+ * returns.
  */
 typedef struct l2vpn_ac_callback_vector {
     /* Mandatory. `status` is L2VPN_AC_STATUS_*; `arg` is the event's argument or 0, and the flags word for
@@ -71,7 +74,8 @@ typedef struct l2vpn_ac_callback_vector {
     qerrno (*status_cb)(l2vpn_ac_client_hd_t hd, uint32_t status, uint32_t arg);
 
     /* Optional. `bulk` ACs were provisioned: handles, decoded data, and the message's flags, all in host
-     * byte order. */
+     * byte order. Data of classes 7, 9 and 17 has no layout: a message with it aborts the process, with or
+     * without this callback. */
     qerrno (*prov_cb)(l2vpn_ac_client_hd_t hd, uint32_t bulk, ifhtype *ifh, l2vpn_ac_xcid_data_t *data,
                       uint32_t flags);
 
@@ -90,7 +94,7 @@ typedef struct l2vpn_ac_callback_vector {
     void *reserved6;
 } l2vpn_ac_callback_vector_t;
 
-PLATFORM_STATIC_ASSERT(sizeof(l2vpn_ac_callback_vector_t) == 7 * sizeof(void *), "seven entries");
+L2VPN_AC_STATIC_ASSERT(sizeof(l2vpn_ac_callback_vector_t) == 7 * sizeof(void *), "seven entries");
 
 /*
  * Connects a client of one class.
@@ -113,8 +117,9 @@ PLATFORM_STATIC_ASSERT(sizeof(l2vpn_ac_callback_vector_t) == 7 * sizeof(void *),
  *   17   the class is connected already; or the context could not be entered among the clients
  *   others: the platform's, from initialisation, class registration, the MTU or the first JOIN
  *
- * A connect that fails leaves no client behind. One made off the event manager's thread can also return 2
- * with `*hd` set: the client is connected, and a disconnect event has overtaken the connect's last step.
+ * A connect that fails leaves no client behind. Off the event manager's thread there is more to it: status_cb
+ * may have been called meanwhile, with a handle that is worth nothing any more; and 2 may be returned with
+ * `*hd` set, when the client is connected and a disconnect event has overtaken the connect's last step.
  */
 qerrno l2vpn_ac_process_connect(event_mgr_p evm, uint32_t spare, l2vpn_ac_class_t class_id,
                                 l2vpn_ac_callback_vector_t *callbacks, l2vpn_ac_client_hd_t *hd);
@@ -175,7 +180,12 @@ qerrno l2vpn_ac_update(l2vpn_ac_client_hd_t hd, uint32_t flags, uint32_t bulk_si
                        l2vpn_ac_info_t *infos);
 
 /*
- * Deletes `bulk_size` ACs. A `bulk_size` of 0 sends nothing.
+ * Deletes `bulk_size` ACs.
+ *
+ *   flags   carried in every message, beside the start and end bits that the library sets
+ *   ifh     array of `bulk_size`
+ *
+ * A `bulk_size` of 0 sends nothing; the array may be null.
  *
  *   EOK  sent, or a failed send was taken over by the retry logic
  *   22   no such client; a null array; the platform's check refused the entries, for whatever reason
@@ -210,6 +220,6 @@ qerrno l2vpn_msti_vid_map(l2vpn_ac_client_hd_t hd, uint32_t flags, l2vpn_msti_vi
  */
 qerrno l2vpn_mstp_protect(l2vpn_ac_client_hd_t hd, uint32_t flags, l2vpn_mstp_prot_t *prot);
 
-PLATFORM_END_DECLS
+L2VPN_AC_END_DECLS
 
 #endif

@@ -7,7 +7,7 @@
 #ifndef L2VPN_AC_MSG_H
 #define L2VPN_AC_MSG_H
 
-#include <platform/compiler.h>
+#include <l2vpn/l2vpn_ac_compiler.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -22,10 +22,10 @@ typedef struct l2vpn_ac_msg_hdr {
 #define L2VPN_AC_HDR_MARK 3u
 #define L2VPN_AC_HDR_LEN 16u
 
-PLATFORM_STATIC_ASSERT(sizeof(l2vpn_ac_msg_hdr_t) == L2VPN_AC_HDR_LEN, "four words, no padding");
-PLATFORM_STATIC_ASSERT(offsetof(l2vpn_ac_msg_hdr_t, msg_type) == 4, "second word");
-PLATFORM_STATIC_ASSERT(offsetof(l2vpn_ac_msg_hdr_t, bulk) == 8, "third word");
-PLATFORM_STATIC_ASSERT(offsetof(l2vpn_ac_msg_hdr_t, flags) == 12, "fourth word");
+L2VPN_AC_STATIC_ASSERT(sizeof(l2vpn_ac_msg_hdr_t) == L2VPN_AC_HDR_LEN, "four words, no padding");
+L2VPN_AC_STATIC_ASSERT(offsetof(l2vpn_ac_msg_hdr_t, msg_type) == 4, "second word");
+L2VPN_AC_STATIC_ASSERT(offsetof(l2vpn_ac_msg_hdr_t, bulk) == 8, "third word");
+L2VPN_AC_STATIC_ASSERT(offsetof(l2vpn_ac_msg_hdr_t, flags) == 12, "fourth word");
 
 /* Message types. Codes 1, 4, 5, 10 and 16 are neither sent nor handled. */
 #define L2VPN_AC_MSG_JOIN 0u         /* to the process: header alone, all of it 0 but the mark */

@@ -8,7 +8,7 @@
 #ifndef L2VPN_AC_TYPES_H
 #define L2VPN_AC_TYPES_H
 
-#include <platform/compiler.h>
+#include <l2vpn/l2vpn_ac_compiler.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -21,10 +21,10 @@
 #endif
 
 #define L2VPN_ASSERT_RECORD(type, size, alignment)                                                           \
-    PLATFORM_STATIC_ASSERT(sizeof(type) == (size), #type " is " #size " bytes");                             \
-    PLATFORM_STATIC_ASSERT(L2VPN_ALIGNOF(type) == (alignment), #type " is " #alignment "-aligned")
+    L2VPN_AC_STATIC_ASSERT(sizeof(type) == (size), #type " is " #size " bytes");                             \
+    L2VPN_AC_STATIC_ASSERT(L2VPN_ALIGNOF(type) == (alignment), #type " is " #alignment "-aligned")
 #define L2VPN_ASSERT_FIELD(type, field, offset)                                                              \
-    PLATFORM_STATIC_ASSERT(offsetof(type, field) == (offset), #type "." #field " is at " #offset)
+    L2VPN_AC_STATIC_ASSERT(offsetof(type, field) == (offset), #type "." #field " is at " #offset)
 
 /* Names one AC. */
 typedef uint32_t ifhtype;
@@ -176,7 +176,7 @@ L2VPN_ASSERT_FIELD(l2vpn_ac_info_t, by_class, 16);
 
 /* ------------------------------------------------------------------------------------------------------
  * Provisioned AC data: what prov_cb receives, one record an AC, 2676 bytes whatever the class. Bytes
- * beyond a class's tail are 0.
+ * beyond a class's tail are 0. Classes 7, 9 and 17 have no layout.
  */
 
 /* Class 8. */
