@@ -220,6 +220,37 @@ TEST_P(bulk, has_the_entries_checked)
     EXPECT_THAT(checks[0].spares, ElementsAre(0, 0, 0));
 }
 
+TEST_P(bulk, has_every_entry_made_of_its_handle_and_a_zero)
+{
+    const auto hd = connect_up(4);
+    for (const std::uint32_t count : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 1000u}) {
+        acs a(count);
+        world.clear_calls();
+        EXPECT_EQ(request(hd, 0, a), 0u);
+        const auto checks = world.calls(fn::l2vpn_ac_data_sanitize);
+        ASSERT_EQ(checks.size(), 1u);
+        EXPECT_EQ(checks[0].ifhs, a.ifh) << count;
+        EXPECT_EQ(checks[0].spares, std::vector<std::uint32_t>(count)) << count;
+    }
+}
+
+/* Until everything is checked and prepared, nobody who looks at the arrays sees them converted. */
+TEST_P(bulk, converts_nothing_before_it_is_checked_and_prepared)
+{
+    const auto hd = connect_up(4);
+    acs a(3);
+    const acs before(3);
+    int looks = 0;
+    for (const fn function : {fn::l2vpn_ac_data_sanitize, fn::calloc_named}) {
+        world.before(function, [&] {
+            EXPECT_EQ(a, before);
+            ++looks;
+        });
+    }
+    EXPECT_EQ(request(hd, 0, a), 0u);
+    EXPECT_EQ(looks, GetParam().msg_type == 6 ? 1 : 2);
+}
+
 TEST_P(bulk, has_an_empty_request_checked_with_entries_that_are_not_null)
 {
     const auto hd = connect_up(4);
@@ -414,15 +445,19 @@ TEST_P(bulk, whose_message_fails_logs_with_its_own_name)
     EXPECT_EQ(last.format, GetParam().failed_text + std::string("%s"));
 }
 
-/* While the DOWN of a failed message is given the arrays are still in network order; the log comes last. */
-TEST_P(bulk, whose_message_fails_restores_after_the_notice)
+/* While the DOWN of a failed message is given the arrays are still in network order; when the failure is
+ * logged they are restored. */
+TEST_P(bulk, whose_message_fails_restores_between_the_notice_and_the_log)
 {
     const auto hd = connect_up(4);
     world.fail(fn::l2vpn_ipc_ucastv, 1, 105);
     acs a(1), before(1);
     ifhtype seen = 0;
     during = [&](const notice &) { seen = a.ifh[0]; };
+    bool restored_at_log = false;
+    world.before(fn::gen_format_debug_fmt, [&] { restored_at_log = a == before; });
     request(hd, 0, a);
+    EXPECT_TRUE(restored_at_log) << "as the last text is given";
     EXPECT_EQ(seen,
               std::endian::native == std::endian::little ? __builtin_bswap32(before.ifh[0]) : before.ifh[0]);
     EXPECT_EQ(a, before);

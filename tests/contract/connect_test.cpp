@@ -181,6 +181,10 @@ TEST_P(failing_connect, returns_its_status_and_undoes_what_was_done_in_reverse)
         EXPECT_THAT(world.calls(fn::gen_format_debug_fmt), IsEmpty());
     }
     EXPECT_EQ(order_of({fn::l2vpn_ipc_class_deinit, fn::wavl_delete, fn::mgd_timer_leaf_free}), f.undone);
+    for (const auto &deinit : world.calls(fn::l2vpn_ipc_class_deinit)) {
+        EXPECT_EQ(deinit.args[1], 4u);
+        EXPECT_EQ(deinit.args[2], 0u);
+    }
     EXPECT_EQ(world.live_leaves(), 1u);
     EXPECT_EQ(world.clients(), 1u);
     EXPECT_FALSE(world.link_of(4).registered());
@@ -295,6 +299,20 @@ TEST_F(connecting, of_a_class_twice_is_for_the_ipc_to_decide)
     EXPECT_EQ(world.clients(), 1u);
 }
 
+/* Until its JOIN is sent a client is idle: a request that fails then is not taken over. */
+TEST_F(connecting, is_idle_until_the_join_is_sent)
+{
+    qerrno rc = 0;
+    world.link_of(4).on_send([&](auto) {
+        world.link_of(4).on_send(nullptr);
+        world.fail(fn::l2vpn_ipc_ucastv, 1, 105);
+        rc = lib.update(static_cast<l2vpn_ac_client_hd_t>(world.link_of(4).cookie()), 0, 0, nullptr, nullptr);
+    });
+    connect(4);
+    EXPECT_EQ(rc, 105u);
+    EXPECT_EQ(called(fn::mgd_timer_leaf_start), 1u) << "the connect's own";
+}
+
 /* The process goes away while connect starts the timer: the retry logic has nothing to retry, and says so. */
 TEST_F(connecting, returns_what_the_retry_logic_says)
 {
@@ -394,6 +412,27 @@ TEST_F(connecting, sets_the_limits_for_every_client)
     std::vector<ifhtype> ifh(172, 7);
     EXPECT_EQ(lib.remove(first, 0, 172, ifh.data()), 0u);
     EXPECT_THAT(cut(sent_headers(4)), ElementsAre(171, 1)) << "the third client's limits";
+}
+
+/* Not the MTU alone: the class of the latest connect counts, for creates and updates of all clients. */
+TEST_F(connecting, cuts_the_requests_of_every_client_by_the_class_of_the_latest)
+{
+    world.set.mtu = 16 + 2 * 2976; /* two ACs of class 8 */
+    const auto small = connect_up(4);
+    const auto large = connect_up(8);
+    acs a(5);
+    EXPECT_EQ(create(small, 0, a), 0u);
+    EXPECT_EQ(update(small, 0, a), 0u);
+    EXPECT_THAT(cut(sent_headers(4)), ElementsAre(2, 2, 1, 2, 2, 1)) << "class 8's limits";
+
+    EXPECT_EQ(lib.disconnect(small), 0u);
+    EXPECT_EQ(create(large, 0, a), 0u);
+    EXPECT_THAT(cut(sent_headers(8)), ElementsAre(2, 2, 1)) << "a disconnect changes none";
+
+    connect_up(5);
+    world.link_of(8).clear_sent();
+    EXPECT_EQ(create(large, 0, a), 0u);
+    EXPECT_THAT(cut(sent_headers(8)), ElementsAre(5)) << "class 5's limits";
 }
 
 TEST_F(connecting, that_fails_keeps_the_limits_it_has_overwritten)

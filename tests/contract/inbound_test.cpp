@@ -179,6 +179,23 @@ TEST_F(inbound, a_class_argument_that_is_no_class_is_logged_with_the_clients_cla
     EXPECT_EQ(logged("Receiving prov AC msg len=52, bulk=1"), 3);
 }
 
+/* What is asked first: records at all, then the class, then the length. */
+TEST_F(inbound, of_several_faults_the_first_one_is_logged)
+{
+    connect_up(4);
+    world.link_of(4).inject(message_of(prov, 0, 0, 36), 15);
+    world.run();
+    EXPECT_EQ(logged("Receiving prov AC msg len=52, bulk=0"), 1);
+    EXPECT_EQ(logged("Unable to get AC data size for class id 4"), 0);
+    EXPECT_EQ(logged("incorrect provision msg len=52, bulk=0"), 0);
+
+    world.link_of(4).inject(message_of(prov, 1, 0, 7), 15);
+    world.run();
+    EXPECT_EQ(logged("Unable to get AC data size for class id 4"), 1);
+    EXPECT_EQ(logged("incorrect provision msg len=23, bulk=1"), 0);
+    EXPECT_THAT(notices, IsEmpty());
+}
+
 TEST_F(inbound, without_memory_the_client_is_not_called_but_the_handles_are_converted)
 {
     connect_up(4);

@@ -64,6 +64,8 @@ TEST_F(init, happens_once)
     EXPECT_EQ(called(fn::platform_get_my_nodeid), 1u);
     EXPECT_EQ(called(fn::l2vpn_ipc_client_init), 1u);
     EXPECT_EQ(called(fn::event_async_attach_event), 1u);
+    EXPECT_EQ(called(fn::mgd_timer_tree_new), 1u);
+    EXPECT_EQ(called(fn::mgd_timer_parent_new), 1u);
     EXPECT_EQ(called(fn::wavl_init), 1u);
 }
 
@@ -183,6 +185,19 @@ TEST_P(failing_init, leaves_a_connect_that_begins_anew)
                 ElementsAre("l2vpn_debug_init", "platform_get_my_nodeid", "l2vpn_ipc_client_init",
                             "event_async_attach_event", "mgd_timer_tree_new", "mgd_timer_parent_new",
                             "wavl_init", "mgd_timer_leaf_new"));
+}
+
+/* The event manager of a failed connect binds nobody; that of the one that succeeds binds all later ones. */
+TEST_P(failing_init, leaves_the_choice_of_the_event_manager_open)
+{
+    world.fail(GetParam().function, 1, GetParam().cause);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    ASSERT_NE(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 0u);
+    event_mgr *const another = world.another_evm();
+    EXPECT_EQ(lib.connect(another, 0, 4, &callbacks, &hd), 0u);
+    l2vpn_ac_client_hd_t later = nullptr;
+    EXPECT_EQ(lib.connect(another, 0, 5, &callbacks, &later), 0u);
+    EXPECT_DEATH(lib.connect(world.evm(), 0, 6, &callbacks, &later), "evm == s_l2vpn_ac_global.evm");
 }
 
 TEST_P(failing_init, leaves_the_library_uninitialised)

@@ -313,6 +313,22 @@ protected:
     }
 };
 
+TEST_F(order, entries_of_requests_are_traced_before_the_lock_whatever_is_enabled)
+{
+    prepare();
+    world.before(fn::gen_dbg_ltrace_ctx, [] { tap.order.emplace_back("trace"); });
+    for (const bool enabled : {true, false}) {
+        world.set.debug_enabled = enabled;
+        for (const locker &l : lockers) {
+            const std::string where = l.where;
+            if (l.locks_twice || where.find("connect") != std::string::npos)
+                continue;
+            watch([&] { l.call(lib, hd, world); });
+            EXPECT_THAT(tap.order, ElementsAre("trace", "trylock", "unlock")) << l.name;
+        }
+    }
+}
+
 TEST_F(order, a_failed_empty_create_or_update_is_logged_before_the_unlock)
 {
     prepare_order();

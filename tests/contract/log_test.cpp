@@ -224,6 +224,19 @@ TEST_F(said, in_an_event_trace_are_event_node_and_peer)
     EXPECT_THAT(texts, ElementsAre("event 0 node " + node + " peer 33", "event 1 node " + node + " peer 34"));
 }
 
+/* A refused connect gives its status, one without memory for its context the line. */
+TEST_F(said, in_an_exit_trace_is_why)
+{
+    l2vpn_ac_client_hd_t hd = nullptr;
+    world.clear_calls();
+    EXPECT_EQ(lib.connect(world.evm(), 0, 18, &callbacks, &hd), 22u);
+    failing_connect(fn::calloc_named, 12, 5);
+    const auto exits = world.calls(fn::gen_dbg_ltrace_ctx);
+    ASSERT_EQ(exits.size(), 2u);
+    EXPECT_EQ(exits[0].text, "22");
+    EXPECT_EQ(exits[1].text, std::to_string(exits[1].line));
+}
+
 /* The compact record that goes with a report has the report's line, and is asked for by the same key. */
 TEST_F(said, in_a_compact_record_is_the_reports_line)
 {

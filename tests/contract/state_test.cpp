@@ -261,6 +261,22 @@ TEST_F(state, a_disconnected_event_stops_the_timer_and_says_down)
     EXPECT_EQ(called(fn::l2vpn_ipc_ucast), 0u) << "idle: no JOIN is sent";
 }
 
+TEST_F(state, up_a_disconnected_event_stops_the_timer_of_a_failed_request)
+{
+    const auto hd = connect_up(4);
+    world.fail(fn::l2vpn_ipc_ucastv, 1, 105);
+    acs a(1);
+    ASSERT_EQ(create(hd, 0, a), 0u);
+    ASSERT_EQ(world.timers().size(), 1u);
+    world.clear_calls();
+    world.link_of(4).event(L2VPN_IPC_EVT_DISCONNECTED);
+    world.run();
+    EXPECT_EQ(called(fn::mgd_timer_leaf_stop), 1u);
+    EXPECT_THAT(world.timers(), IsEmpty());
+    world.advance(seconds(60));
+    EXPECT_THAT(sent(4), IsEmpty());
+}
+
 TEST_F(state, a_disconnected_event_without_a_running_timer_stops_nothing)
 {
     connect_up(4);

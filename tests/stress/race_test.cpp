@@ -82,6 +82,40 @@ TEST_F(race, disconnect_against_failing_requests)
     }
 }
 
+/* A handle is an address, which a later client may be given: requests on stale handles meet nobody or the new
+ * client, and never take one away. */
+TEST_F(race, requests_on_stale_handles_against_reconnects)
+{
+    std::atomic<l2vpn_ac_client_hd_t> latest = connect(4);
+    std::atomic<bool> done = false;
+    std::atomic<int> wrong = 0;
+    std::vector<std::thread> requesting;
+    for (int t = 0; t < 2; ++t) {
+        requesting.emplace_back([&] {
+            acs a(3);
+            while (!done) {
+                const l2vpn_ac_client_hd_t hd = latest;
+                for (int i = 0; i < 10; ++i) {
+                    wrong += !plausible(update(hd, 0, a), 22);
+                    wrong += !plausible(create(hd, 0, a), 2);
+                }
+                wrong += !(a == acs(3));
+            }
+        });
+    }
+    for (int round = 0; round < rounds; ++round) {
+        EXPECT_EQ(lib.disconnect(latest), 0u);
+        latest = connect(4);
+        ASSERT_EQ(world.clients(), 1u);
+    }
+    done = true;
+    for (auto &thread : requesting)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
+    acs a(1);
+    EXPECT_EQ(create(latest, 0, a), 0u) << "the last client is still there";
+}
+
 /* The library is initialised once, whoever comes first. */
 TEST_F(race, first_connects_of_two_threads)
 {
