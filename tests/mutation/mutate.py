@@ -7,8 +7,8 @@ What survives stands in survivors.txt with its reason, or this fails.
 
 import argparse
 import collections
+import hashlib
 import queue
-import random
 import resource
 import signal
 import sys
@@ -146,7 +146,7 @@ def report(hunt, listed, known, whole):
 
 def arguments():
     parser = argparse.ArgumentParser(prog='mutate', description=__doc__)
-    parser.add_argument('--build', type=Path, required=True, metavar='DIRECTORY', help='of the tests, by ninja')
+    parser.add_argument('--build', type=Path, required=True, metavar='DIRECTORY', help='made by ninja')
     parser.add_argument('--sample', type=int, metavar='N', help='only N mutants, drawn at random')
     parser.add_argument('--seed', type=int, default=1, metavar='S', help='of the sample')
     parser.add_argument('--file', metavar='NAME', help='only mutants of this source')
@@ -157,6 +157,11 @@ def arguments():
     return parser.parse_args()
 
 
+def lot(seed, mutant):
+    """What a sample draws by. Of each mutant alone: others that come and go do not change its lot."""
+    return hashlib.sha256(f'{seed} {mutant.id}'.encode()).digest()
+
+
 def chosen(options, mutants):
     if options.file and options.file not in {path.name for path in SOURCES.iterdir()}:
         raise Broken(f'--file: the library has no source {options.file}')
@@ -164,7 +169,7 @@ def chosen(options, mutants):
     if options.sample is not None:
         if options.sample < 1:
             raise Broken('--sample: at least one mutant')
-        mutants = random.Random(options.seed).sample(mutants, min(options.sample, len(mutants)))
+        mutants = sorted(mutants, key=lambda m: lot(options.seed, m))[:options.sample]
     if not mutants:
         raise Broken('there are no such mutants')
     return mutants

@@ -4,7 +4,8 @@ import re
 
 COMPARISONS = {'==': ['!='], '!=': ['=='], '<': ['<=', '>'], '<=': ['<'], '>': ['>='], '>=': ['>', '<=']}
 LOGIC = {'&&': '||', '||': '&&'}
-ARITHMETIC = {'+': '-', '-': '+', '*': '/', '/': '*', '%': '/', '+=': '-=', '-=': '+=', '++': '--', '--': '++'}
+ARITHMETIC = {'+': '-', '-': '+', '*': '/', '/': '*', '%': '/',
+              '+=': '-=', '-=': '+=', '++': '--', '--': '++'}
 BITS = {'&': '|', '|': '&', '&=': '|=', '|=': '&=', '<<': '>>', '>>': '<<'}
 TYPES = {'int32_t': 'uint32_t', 'uint64_t': 'uint32_t'}
 
@@ -237,7 +238,8 @@ def statement(source, i):
     if token.text in ('{', ';') or token.bracket == '(':
         return
     guarded = before.text == ')' and source.tokens[before.partner - 1].text in ('if', 'for', 'while')
-    if not (before.text in ('{', '}', ';', 'else') or guarded or before.text == ':' and follows_case(source, i)):
+    begins = before.text in ('{', '}', ';', 'else') or before.text == ':' and follows_case(source, i)
+    if not begins and not guarded:
         return
     if token.text == '[[' and source.tokens[i + 1].text == 'fallthrough':
         yield ('fallthrough', i, token.partner, 'break')

@@ -133,7 +133,8 @@ class Source:
         texts = [token.text for token in head]
         for word in ('class', 'struct', 'union', 'enum'):
             if word in texts[:-1] and texts[0] != 'template' and '(' not in texts:
-                return texts[texts.index(word) + 1]
+                found = head[texts.index(word) + 1]
+                return found.text if found.kind == 'name' else ''
         name, depth = '', 0
         for k, token in enumerate(head):
             if token.text == '<' and not token.spaced():

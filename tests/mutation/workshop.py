@@ -1,4 +1,4 @@
-"""Where mutants are made and tried: compiles what a mutant changes, links it, and runs the tests against it."""
+"""Where mutants are tried: compiles what a mutant changes, links it, and runs the tests against it."""
 
 import contextlib
 import json
@@ -122,7 +122,9 @@ class Workshop:
 
     def _hunt(self, hunter, units, seconds):
         name = hunter[0]
-        program, env = self.build.directory / 'bin' / name, dict(os.environ, GTEST_FAIL_FAST='1')
+        program = self.build.directory / 'bin' / name
+        # Freed memory holds rubbish, so that who reads it is found out.
+        env = dict(os.environ, GTEST_FAIL_FAST='1', MALLOC_PERTURB_='165')
         if name in INSIDE:
             program = self._link(f'bin/{name}', units)
             if program is None:
