@@ -98,6 +98,8 @@ std::vector<pthread_mutex_t *> mutexes()
     return the_state.mutexes;
 }
 
+const bool follows_memory = FOLLOW_MEMORY != 0;
+
 /* --- memory ------------------------------------------------------------------------------------------ */
 
 #if FOLLOW_MEMORY

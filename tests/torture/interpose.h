@@ -26,8 +26,10 @@ void unwatch();
 /* The number of calls of a target of the C library's since watch(). */
 std::uint64_t count(const target &what);
 
+extern const bool follows_memory;
+
 /* What the library holds at the moment. */
-std::size_t allocations();
+std::size_t allocations(); /* when they are followed */
 std::size_t mappings();
 long locks_held();
 

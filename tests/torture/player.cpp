@@ -4,7 +4,6 @@
 #include "interpose.h"
 
 #include <algorithm>
-#include <ranges>
 #include <stdexcept>
 #include <thread>
 
@@ -17,11 +16,29 @@ constexpr std::uint32_t harness_trace = 0xffffffff;
 
 constexpr ifhtype first_ifh = 0x01020300;
 
-/* The arrays of requests; the large ones take their time to fill. */
+/* The arrays of requests: what they hold, and copies to hand over, which are used again. The large ones
+ * take their time to fill, and a request from inside a callback needs its own. */
 const acs &pattern(std::uint32_t count)
 {
     static std::map<std::uint32_t, acs> made;
     return made.try_emplace(count, count).first->second;
+}
+
+std::map<std::uint32_t, std::vector<acs>> spare;
+
+acs take(std::uint32_t count)
+{
+    std::vector<acs> &copies = spare[count];
+    if (copies.empty())
+        return pattern(count);
+    acs copy = std::move(copies.back());
+    copies.pop_back();
+    return copy;
+}
+
+void give_back(acs copy)
+{
+    spare[copy.size()].push_back(std::move(copy));
 }
 
 template <typename T>
@@ -318,14 +335,20 @@ void player::play(const step &s)
         inside_ = s.nested;
         return;
     case op::sweep:
-        for (std::uint32_t class_id = 0; class_id < L2VPN_AC_CLASS_MAX; ++class_id) {
-            const bool owned = std::ranges::any_of(std::views::iota(0u, slots), [&](unsigned slot) {
-                return hd_[slot] != nullptr && class_[slot] == class_id;
-            });
-            if (!owned && world_.link_of(class_id).registered())
-                (void)l2vpn_ipc_class_deinit(world_.ipc_client(), class_id, 0);
-        }
-        return;
+        return sweep();
+    }
+}
+
+void player::sweep()
+{
+    std::set<std::uint32_t> owned;
+    for (unsigned slot = 0; slot < slots; ++slot) {
+        if (hd_[slot] != nullptr)
+            owned.insert(class_[slot]);
+    }
+    for (std::uint32_t class_id = 0; class_id < L2VPN_AC_CLASS_MAX; ++class_id) {
+        if (!owned.contains(class_id) && world_.link_of(class_id).registered())
+            (void)l2vpn_ipc_class_deinit(world_.ipc_client(), class_id, 0);
     }
 }
 
@@ -359,26 +382,26 @@ void player::ac_request(const step &s)
 {
     const l2vpn_ac_client_hd_t hd = hd_[s.slot];
     const acs &before = pattern(s.count);
-    const bool missing = s.argument == wrong::array;
-    std::vector<ifhtype> ifh = before.ifh;
-    std::vector<l2vpn_ac_defn_t> defns;
-    std::vector<l2vpn_ac_info_t> infos;
-    qerrno rc = EOK;
+    acs a = take(s.count);
+    const auto unless_missing = [&](auto *array) { return s.argument == wrong::array ? nullptr : array; };
+    bool restored = true;
     if (s.what == op::create) {
         called.insert("l2vpn_ac_create");
-        defns = before.defns;
-        infos = before.infos;
-        rc = lib_.create(hd, s.flags, s.count, ifh.data(), missing ? nullptr : defns.data(), infos.data());
+        returned(
+            lib_.create(hd, s.flags, s.count, a.ifh.data(), unless_missing(a.defns.data()), a.infos.data()));
+        restored = same(a.ifh, before.ifh) && same(a.defns, before.defns) && same(a.infos, before.infos);
     } else if (s.what == op::update) {
         called.insert("l2vpn_ac_update");
-        infos = before.infos;
-        rc = lib_.update(hd, s.flags, s.count, ifh.data(), missing ? nullptr : infos.data());
+        returned(lib_.update(hd, s.flags, s.count, a.ifh.data(), unless_missing(a.infos.data())));
+        restored = same(a.ifh, before.ifh) && same(a.infos, before.infos);
     } else {
         called.insert("l2vpn_ac_delete");
-        rc = lib_.remove(hd, s.flags, s.count, missing ? nullptr : ifh.data());
+        returned(lib_.remove(hd, s.flags, s.count, unless_missing(a.ifh.data())));
+        restored = same(a.ifh, before.ifh);
     }
-    returned(rc);
-    arrays(same(ifh, before.ifh) && same(defns, before.defns) && same(infos, before.infos));
+    arrays(restored);
+    if (restored)
+        give_back(std::move(a));
 }
 
 template <typename Record, typename Function>

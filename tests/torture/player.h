@@ -50,6 +50,7 @@ private:
     void mstp_request(const step &s, Function function);
     void protect(const step &s);
     void message(const step &s);
+    void sweep();
     void returned(qerrno status);
     void arrays(bool restored);
     void say(const std::string &text);

@@ -171,9 +171,9 @@ public:
         EXPECT_EQ(world.live_parents(), of_library) << when;
         EXPECT_EQ(world.clients(), model_.contexts()) << when;
         EXPECT_EQ(interpose::mappings(), 0u) << when;
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-        EXPECT_EQ(interpose::allocations(), model_.contexts()) << when;
-#endif
+        if (interpose::follows_memory) {
+            EXPECT_EQ(interpose::allocations(), model_.contexts()) << when;
+        }
         for (std::uint32_t class_id = 0; class_id < L2VPN_AC_CLASS_MAX; ++class_id)
             EXPECT_EQ(world.link_of(class_id).registered(), model_.registered(class_id)) << when << class_id;
     }
@@ -189,22 +189,10 @@ public:
         model_.lines.clear();
     }
 
-    std::size_t position() const
-    {
-        return model_.lines.size();
-    }
-    lines statuses(std::size_t from) const
-    {
-        return statuses_of(model_.lines, from);
-    }
-    player &on_library()
-    {
-        return player_;
-    }
-    const model &expected() const
-    {
-        return model_;
-    }
+    std::size_t position() const { return model_.lines.size(); }
+    lines statuses(std::size_t from) const { return statuses_of(model_.lines, from); }
+    player &on_library() { return player_; }
+    const model &expected() const { return model_; }
 
 private:
     void play(const step &s)
@@ -243,6 +231,8 @@ void run(const trial &t)
     EXPECT_TRUE(came(t, on.on_library()));
     on.expect_what_the_model_says("in the scenario");
     on.expect_the_state("after the scenario");
+    if (testing::Test::HasFailure())
+        return; /* a lock that is not free would stop the next step */
     on.clear_failures();
     on.expect_requests_of_another_thread();
 
