@@ -14,6 +14,7 @@
 #include <deque>
 #include <map>
 #include <set>
+#include <tuple>
 #include <utility>
 
 namespace simulation {
@@ -109,7 +110,10 @@ private:
         std::uint64_t expiry;
         std::uint64_t rank;
         std::uint64_t leaf;
-        auto operator<=>(const running &) const = default;
+        bool operator<(const running &other) const
+        {
+            return std::tie(expiry, rank, leaf) < std::tie(other.expiry, other.rank, other.leaf);
+        }
     };
 
     [[nodiscard]] link &link_of(std::uint32_t class_id) { return links_[class_id]; }

@@ -27,7 +27,10 @@ public:
     }
 
     /* 0 to below - 1; the slight preference for small numbers does no harm here. */
-    std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(next() % limit); }
+    std::uint32_t below(std::uint32_t limit)
+    {
+        return limit == 0 ? 0 : static_cast<std::uint32_t>(next() % limit);
+    }
 
     bool percent(std::uint32_t of_100) { return below(100) < of_100; }
 

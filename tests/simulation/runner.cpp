@@ -60,14 +60,18 @@ std::optional<parting> run(const scenario &what, const std::vector<step> &steps,
     return std::nullopt;
 }
 
-std::vector<step> shortened(const scenario &what, std::vector<step> steps)
+bool survives(const scenario &what, const std::vector<step> &steps)
 {
-    coverage unseen;
-    const auto found = run(what, steps, unseen);
-    if (!found)
-        return steps;
-    steps.resize(std::min(steps.size(), found->step + 1));
+    return fate_of([&] {
+               coverage unseen;
+               (void)run(what, steps, unseen);
+           })
+        .empty();
+}
 
+std::vector<step> shortened(std::vector<step> steps,
+                            const std::function<bool(const std::vector<step> &)> &fails)
+{
     std::size_t chunk = std::max<std::size_t>(steps.size() / 2, 1);
     for (;;) {
         bool cut = false;
@@ -75,7 +79,7 @@ std::vector<step> shortened(const scenario &what, std::vector<step> steps)
             const std::size_t begin = end - std::min(end, chunk);
             std::vector<step> fewer(steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(begin));
             fewer.insert(fewer.end(), steps.begin() + static_cast<std::ptrdiff_t>(end), steps.end());
-            if (run(what, fewer, unseen)) {
+            if (fails(fewer)) {
                 steps = std::move(fewer);
                 cut = true;
             }

@@ -7,6 +7,7 @@
 
 #include "model.h"
 
+#include <functional>
 #include <ostream>
 
 namespace simulation {
@@ -28,8 +29,12 @@ struct scenario {
 [[nodiscard]] std::optional<parting> run(const scenario &what, const std::vector<step> &steps, coverage &seen,
                                          std::ostream *trace = nullptr);
 
+/* Whether the process survives these steps; taken in a child. */
+[[nodiscard]] bool survives(const scenario &what, const std::vector<step> &steps);
+
 /* Fewer steps that fail still. None of those left can be left out. */
-[[nodiscard]] std::vector<step> shortened(const scenario &what, std::vector<step> steps);
+[[nodiscard]] std::vector<step> shortened(std::vector<step> steps,
+                                          const std::function<bool(const std::vector<step> &)> &fails);
 
 /* What is being run at the moment, for whoever has to report a crash; a static text. */
 [[nodiscard]] const char *being_run();

@@ -13,6 +13,7 @@
 #include <iostream>
 #include <unistd.h>
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier, readability-identifier-naming)
 extern "C" __attribute__((weak)) void __sanitizer_set_death_callback(void (*callback)());
 
 namespace {
@@ -33,17 +34,29 @@ struct options {
     bool verbose = false;
 };
 
+/* For whoever has to report a crash: a signal handler, or a sanitizer at its end. */
+char again[512];
+
 void say_where()
 {
-    const char *const text = being_run();
-    (void)!write(STDERR_FILENO, text, std::strlen(text));
+    for (const char *const text : {being_run(), static_cast<const char *>(again)})
+        (void)!write(STDERR_FILENO, text, std::strlen(text));
 }
 
-void on_abort(int)
+void on_crash(int signal)
 {
     say_where();
-    std::signal(SIGABRT, SIG_DFL);
-    std::raise(SIGABRT);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+void watch_for_crashes()
+{
+    std::signal(SIGABRT, on_crash);
+    if (__sanitizer_set_death_callback != nullptr)
+        return __sanitizer_set_death_callback(say_where);
+    for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+        std::signal(signal, on_crash);
 }
 
 void print(const std::optional<event> &what)
@@ -65,17 +78,32 @@ void print(const parting &found, const std::vector<step> &steps)
     print(found.actual);
 }
 
+void print_shortened(const std::vector<step> &fewer)
+{
+    std::cout << "  shortened to " << fewer.size() << " steps:\n";
+    for (std::size_t i = 0; i < fewer.size(); ++i)
+        std::cout << "    " << i << "  " << to_string(fewer[i]) << "\n";
+}
+
+/* What fails after a step fails without the steps that follow. */
+std::vector<step> shortened_to_parting(const scenario &what, std::vector<step> steps, const parting &found)
+{
+    steps.resize(std::min(steps.size(), found.step + 1));
+    return shortened(std::move(steps), [&what](const std::vector<step> &fewer) {
+        coverage unseen;
+        return run(what, fewer, unseen).has_value();
+    });
+}
+
 void explain(const scenario &what, const std::vector<step> &steps, const parting &found)
 {
     std::cout << "seed " << what.seed << " fails\n";
     print(found, steps);
-    const std::vector<step> fewer = shortened(what, steps);
+    const std::vector<step> fewer = shortened_to_parting(what, steps, found);
+    print_shortened(fewer);
     coverage unseen;
-    std::cout << "  shortened to " << fewer.size() << " steps:\n";
-    for (std::size_t i = 0; i < fewer.size(); ++i)
-        std::cout << "    " << i << "  " << to_string(fewer[i]) << "\n";
-    if (const auto again = run(what, fewer, unseen))
-        print(*again, fewer);
+    if (const auto parted = run(what, fewer, unseen))
+        print(*parted, fewer);
 }
 
 int simulate(const options &given, const char *program)
@@ -87,14 +115,20 @@ int simulate(const options &given, const char *program)
         const scenario what{seed};
         if (given.verbose)
             std::cout << "seed " << seed << ": " << steps.size() << " steps" << std::endl;
+        std::snprintf(again, sizeof again, "run it again: %s --seed %llu --steps %u\n", program,
+                      static_cast<unsigned long long>(seed), given.steps);
         const bool alone = given.seeds == 1;
+        if (alone && !survives(what, steps)) {
+            std::cout << "seed " << seed << " ends the process\n";
+            print_shortened(shortened(steps, [&what](const auto &fewer) { return !survives(what, fewer); }));
+            std::cout << std::flush; /* and now for everybody to see */
+        }
         const auto found = run(what, steps, seen, given.verbose && alone ? &std::cout : nullptr);
         if (!found)
             continue;
         ++failed;
         explain(what, steps, *found);
-        std::cout << "  run it again: " << program << " --seed " << seed << " --steps " << given.steps
-                  << std::endl;
+        std::cout << again << std::flush;
     }
 
     if (given.verbose) {
@@ -121,10 +155,11 @@ int check_itself(const options &given)
             const scenario what{seed, mistake};
             const std::vector<step> steps = generate(seed, given.steps);
             coverage unseen;
-            if (!run(what, steps, unseen))
+            const auto parted = run(what, steps, unseen);
+            if (!parted)
                 continue;
             found = true;
-            const std::vector<step> fewer = shortened(what, steps);
+            const std::vector<step> fewer = shortened_to_parting(what, steps, *parted);
             const bool few = fewer.size() <= steps_to_show;
             std::cout << (few ? "found" : "not cut down") << ": " << name_of(mistake) << ", by seed " << seed
                       << ", shown in " << fewer.size() << " steps of " << steps.size() << "\n";
@@ -142,9 +177,7 @@ int check_itself(const options &given)
     return missed == 0 ? 0 : 1;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int program(int argc, char **argv)
 {
     options given;
     std::uint64_t seed = 0;
@@ -162,8 +195,20 @@ int main(int argc, char **argv)
         given.seeds = 1;
     }
 
-    std::signal(SIGABRT, on_abort);
-    if (__sanitizer_set_death_callback != nullptr)
-        __sanitizer_set_death_callback(say_where);
+    watch_for_crashes();
     return self_test ? check_itself(given) : simulate(given, argv[0]);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return program(argc, argv);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
+    } catch (...) {
+        std::fprintf(stderr, "%s: an unknown exception\n", argv[0]);
+    }
+    return 2;
 }

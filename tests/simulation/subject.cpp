@@ -69,11 +69,11 @@ std::shared_ptr<const arrays> arrays_of(const step &what, std::uint32_t count)
 
 } // namespace
 
-subject *subject::current_;
+subject *subject::current;
 
 subject::subject(std::uint64_t seed) : world_(seed)
 {
-    current_ = this;
+    current = this;
     world_.set.max_handlers = 100000;
     for (std::uint32_t class_id = 0; class_id < class_count; ++class_id) {
         l2vpn::sim::link &link = world_.link_of(class_id);
@@ -87,7 +87,7 @@ subject::subject(std::uint64_t seed) : world_(seed)
 
 subject::~subject()
 {
-    current_ = nullptr;
+    current = nullptr;
 }
 
 void subject::limit_sends()

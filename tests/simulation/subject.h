@@ -93,7 +93,7 @@ private:
     std::uint64_t contexts_made_ = 0;
     std::uint64_t leaves_made_ = 0;
 
-    static subject *current_;
+    static subject *current;
 };
 
 /* Runs `what` in a child process and tells how it ended: the text of the fatal assertion, "" when it ended

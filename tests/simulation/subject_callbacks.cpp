@@ -14,7 +14,7 @@ template <std::uint32_t Owner>
 struct subject::callbacks {
     static qerrno on_status(l2vpn_ac_client_hd_t hd, std::uint32_t status, std::uint32_t argument)
     {
-        current_->called_back(
+        current->called_back(
             Owner, {"callback", {Owner, reinterpret_cast<std::uintptr_t>(hd), status, argument}, "status"});
         return 77;
     }
@@ -30,14 +30,14 @@ struct subject::callbacks {
         event what{"callback", {Owner, reinterpret_cast<std::uintptr_t>(hd), bulk, flags}, "prov"};
         take(what.data, ifh, bulk * sizeof *ifh);
         take(what.data, data, bulk * sizeof *data);
-        current_->called_back(Owner, what);
+        current->called_back(Owner, what);
         return 1;
     }
     static qerrno on_unprov(l2vpn_ac_client_hd_t hd, std::uint32_t bulk, ifhtype *ifh, std::uint32_t flags)
     {
         event what{"callback", {Owner, reinterpret_cast<std::uintptr_t>(hd), bulk, flags}, "unprov"};
         take(what.data, ifh, bulk * sizeof *ifh);
-        current_->called_back(Owner, what);
+        current->called_back(Owner, what);
         return 2;
     }
     static qerrno on_bulk_notify(l2vpn_ac_client_hd_t hd, std::uint32_t bulk, l2vpn_ac_bulk_notify_t *records,
@@ -45,14 +45,14 @@ struct subject::callbacks {
     {
         event what{"callback", {Owner, reinterpret_cast<std::uintptr_t>(hd), bulk, flags}, "bulk_notify"};
         take(what.data, records, bulk * sizeof *records);
-        current_->called_back(Owner, what);
+        current->called_back(Owner, what);
         return 3;
     }
     static qerrno on_hdr_notify(l2vpn_ac_client_hd_t hd, std::uint32_t word2, void *null, std::uint32_t word3)
     {
-        current_->called_back(Owner, {"callback",
-                                      {Owner, reinterpret_cast<std::uintptr_t>(hd), word2, word3},
-                                      null == nullptr ? "hdr_notify" : "not null"});
+        current->called_back(Owner, {"callback",
+                                     {Owner, reinterpret_cast<std::uintptr_t>(hd), word2, word3},
+                                     null == nullptr ? "hdr_notify" : "not null"});
         return 4;
     }
 

@@ -266,7 +266,8 @@ std::string fate_of(const std::function<void()> &what)
     if (child == 0) {
         const rlimit no_core = {0, 0};
         setrlimit(RLIMIT_CORE, &no_core);
-        std::signal(SIGABRT, SIG_DFL);
+        for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+            std::signal(signal, SIG_DFL);
         dup2(ends[1], STDERR_FILENO);
         what();
         _exit(0);
