@@ -8,6 +8,11 @@ namespace {
 constexpr std::uint32_t flag = L2VPN_AC_STATUS_FLAG;
 constexpr std::uint32_t prov = 7, unprov = 8, bulk_notify = 13, hdr_notify = 15;
 
+/* A header notice's flags are tested as they lie: on a little-endian host the bit is at the word's other end. */
+constexpr bool little = std::endian::native == std::endian::little;
+constexpr std::uint32_t hdr_notify_raising = little ? 0x02000000 : 0x2;
+constexpr std::uint32_t hdr_notify_silent = little ? 0x2 : 0x02000000;
+
 class inbound : public contract {
 protected:
     void deliver(std::uint32_t class_id, const bytes &message)
@@ -337,17 +342,13 @@ TEST_F(inbound, a_header_notice_is_checked_neither_for_class_nor_for_length)
     EXPECT_THAT(kinds(), ElementsAre(notice::hdr_notify, notice::hdr_notify));
 }
 
-/* On a little-endian host the bit of the notice is that of the word's other end. */
 TEST_F(inbound, a_header_notice_tests_its_flags_as_they_lie)
 {
-    constexpr bool little = std::endian::native == std::endian::little;
-    constexpr std::uint32_t raising = little ? 0x02000000 : 0x2;
-    constexpr std::uint32_t silent = little ? 0x2 : 0x02000000;
     connect_up(4);
-    deliver(4, message_of(hdr_notify, 0, silent));
+    deliver(4, message_of(hdr_notify, 0, hdr_notify_silent));
     EXPECT_THAT(kinds(), ElementsAre(notice::hdr_notify));
     notices.clear();
-    deliver(4, message_of(hdr_notify, 0, raising));
+    deliver(4, message_of(hdr_notify, 0, hdr_notify_raising));
     ASSERT_THAT(kinds(), ElementsAre(notice::hdr_notify, notice::status));
     EXPECT_EQ(notices[1].first, flag);
     EXPECT_EQ(notices[1].second, 0x2u);
@@ -377,7 +378,7 @@ TEST_F(inbound, callbacks_that_are_null_are_skipped)
     EXPECT_EQ(called(fn::calloc_named), 1u) << "decoded, and freed";
     deliver(4, message_of(unprov, 1, 0x2, 4));
     deliver(4, message_of(bulk_notify, 1, 0x2, 32));
-    deliver(4, message_of(hdr_notify, 1, 0x02000000));
+    deliver(4, message_of(hdr_notify, 1, hdr_notify_raising));
     EXPECT_THAT(kinds(), ElementsAre(notice::status, notice::status, notice::status, notice::status));
 }
 
@@ -447,7 +448,7 @@ TEST_F(inbound, a_disconnect_from_any_callback_is_refused)
     deliver(4, message_of(prov, 1, 0x2, 32));
     deliver(4, message_of(unprov, 1, 0x2, 4));
     deliver(4, message_of(bulk_notify, 1, 0x2, 32));
-    deliver(4, message_of(hdr_notify, 1, 0x02000000));
+    deliver(4, message_of(hdr_notify, 1, hdr_notify_raising));
     EXPECT_EQ(results, std::vector<qerrno>(8, 35)) << "four callbacks and four flags notices";
     during = nullptr;
     EXPECT_EQ(lib.disconnect(hd), 0u) << "afterwards it is not";
