@@ -192,6 +192,17 @@ TEST_P(failing_connect, returns_its_status_and_undoes_what_was_done_in_reverse)
     EXPECT_THAT(sent(4), IsEmpty());
 }
 
+TEST_P(failing_connect, says_nothing_when_debugging_is_off)
+{
+    connect(3);
+    world.clear_calls();
+    world.set.debug_enabled = false;
+    world.fail(GetParam().function, GetParam().occurrence, GetParam().cause);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), GetParam().result);
+    EXPECT_THAT(world.log(), IsEmpty());
+}
+
 TEST_P(failing_connect, can_be_tried_again)
 {
     connect(3);
@@ -264,6 +275,23 @@ TEST_F(connecting, ignores_a_failed_deregistration_while_cleaning_up)
     EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 105u);
     EXPECT_EQ(world.clients(), 0u);
     EXPECT_EQ(world.live_leaves(), 0u);
+}
+
+/* Whoever learns the handle before the connect has failed may disconnect it: what is undone is undone once. */
+TEST_F(connecting, that_fails_after_somebody_disconnected_its_client)
+{
+    connect(3);
+    world.before(fn::l2vpn_ipc_ucast, [&] {
+        EXPECT_EQ(lib.disconnect(static_cast<l2vpn_ac_client_hd_t>(world.link_of(4).cookie())), 0u);
+    });
+    world.fail(fn::l2vpn_ipc_ucast, 1, 105);
+    world.clear_calls();
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 105u);
+    EXPECT_EQ(hd, nullptr);
+    EXPECT_EQ(called(fn::wavl_delete), 1u);
+    EXPECT_EQ(world.clients(), 1u);
+    EXPECT_EQ(world.live_leaves(), 1u);
 }
 
 TEST_F(connecting, of_class_15_registers_and_is_undone)

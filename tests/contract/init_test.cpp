@@ -187,6 +187,15 @@ TEST_P(failing_init, leaves_a_connect_that_begins_anew)
                             "wavl_init", "mgd_timer_leaf_new"));
 }
 
+TEST_P(failing_init, says_nothing_when_debugging_is_off)
+{
+    world.set.debug_enabled = false;
+    world.fail(GetParam().function, 1, GetParam().cause);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), GetParam().result);
+    EXPECT_THAT(world.log(), IsEmpty());
+}
+
 /* The event manager of a failed connect binds nobody; that of the one that succeeds binds all later ones. */
 TEST_P(failing_init, leaves_the_choice_of_the_event_manager_open)
 {

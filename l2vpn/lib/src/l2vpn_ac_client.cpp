@@ -46,20 +46,13 @@ enum class taken : uint8_t { context, timer, tree_node, registration };
 
 qerrno undo(l2vpn_ac_client_use &client, taken last, qerrno rc)
 {
-    switch (last) {
-    case taken::registration:
+    if (last >= taken::registration)
         (void)l2vpn_ipc_class_deinit(s_l2vpn_ac_global.ipc_client, client->class_id, 0);
-        [[fallthrough]];
-    case taken::tree_node:
+    if (last >= taken::tree_node)
         client.leave_tree();
-        [[fallthrough]];
-    case taken::timer:
+    if (last >= taken::timer)
         mgd_timer_leaf_free(client->tmr_leaf);
-        [[fallthrough]];
-    case taken::context:
-        break; /* freed by its last user */
-    }
-    return rc;
+    return rc; /* the context is freed by its last use */
 }
 
 } // namespace

@@ -148,6 +148,95 @@ TEST(counts, a_narrow_piece_has_a_length_of_32_bits)
     EXPECT_EQ(sends[0].pieces, (std::vector<std::size_t>{16, 65536, 0}));
 }
 
+/* --- a client whose class is no class: connect lets none through, but requests look all the same --- */
+
+/* What a create and an update of one AC do when the class of the client goes bad at a certain moment. */
+class bad_class : public testing::TestWithParam<bool> {
+protected:
+    bad_class() { world().set.mtu = 1516; }
+    ~bad_class() override
+    {
+        world().before(fn::calloc_named, {});
+        c.hd->class_id = 4;
+        world().set.debug_enabled = true;
+    }
+
+    const char *function() const { return GetParam() ? "l2vpn_ac_create" : "l2vpn_ac_update"; }
+
+    qerrno request(std::uint32_t flags)
+    {
+        const qerrno rc = GetParam() ? l2vpn_ac_create(c.hd, flags, 1, &ifh, &defn, &info)
+                                     : l2vpn_ac_update(c.hd, flags, 1, &ifh, &info);
+        EXPECT_EQ(ifh, 0x01020304u);
+        EXPECT_EQ(defn.word, 0x05060708u);
+        EXPECT_EQ(world().calls(fn::l2vpn_ipc_ucastv).size(), 0u);
+        return rc;
+    }
+
+    const client c{4};
+    ifhtype ifh = 0x01020304;
+    l2vpn_ac_defn_t defn = {};
+    l2vpn_ac_info_t info = {};
+
+    void SetUp() override
+    {
+        defn.word = 0x05060708;
+        world().clear_calls();
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(requests, bad_class, testing::Bool(),
+                         [](const auto &param) { return param.param ? "create" : "update"; });
+
+TEST_P(bad_class, is_refused_by_the_conversion)
+{
+    c.hd->class_id = 15;
+    EXPECT_EQ(request(0), 22u);
+    EXPECT_TRUE(world().logged("Failed to convert l2vpn_ac_info_t struct:Invalid argument"));
+    const auto reports = world().calls(fn::l2vpn_generic_gen_dbg_ltrace_ctx);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0].where, "l2vpn_ac_info_to_msg");
+    EXPECT_EQ(reports[0].text, "Unable to get info message size for class id 15");
+    EXPECT_EQ(world().calls(fn::calloc_named).size(), 0u);
+}
+
+TEST_P(bad_class, is_refused_without_a_word_when_debugging_is_off)
+{
+    world().set.debug_enabled = false;
+    c.hd->class_id = 15;
+    EXPECT_EQ(request(0), 22u);
+    EXPECT_EQ(world().calls(fn::gen_format_debug_fmt).size(), 0u);
+    EXPECT_EQ(world().calls(fn::l2vpn_generic_gen_dbg_ltrace_ctx).size(), 1u) << "reports are given always";
+}
+
+TEST_P(bad_class, is_refused_once_more_after_the_conversion)
+{
+    world().before(fn::calloc_named, [this] { c.hd->class_id = 15; });
+    EXPECT_EQ(request(0), 22u);
+    const auto reports = world().calls(fn::l2vpn_generic_gen_dbg_ltrace_ctx);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0].where, function());
+    EXPECT_EQ(reports[0].text, "Unable to get info message size for class id 15");
+    EXPECT_FALSE(world().logged("Failed to convert l2vpn_ac_info_t struct:Invalid argument"));
+}
+
+/* Updates have no batches. */
+using bad_class_of_a_create = bad_class;
+
+INSTANTIATE_TEST_SUITE_P(requests, bad_class_of_a_create, testing::Values(true));
+
+TEST_P(bad_class_of_a_create, leaves_an_opened_batch_open)
+{
+    c.hd->class_id = 15;
+    EXPECT_EQ(request(L2VPN_AC_FLAG_CREATE_START), 22u);
+    c.hd->class_id = 4;
+    EXPECT_EQ(l2vpn_ac_create(c.hd, 0, 1, &ifh, &defn, &info), 0u);
+    EXPECT_EQ(l2vpn_ac_create(c.hd, 0, 0, nullptr, nullptr, nullptr), 0u); /* which closes it */
+    const auto sends = world().calls(fn::l2vpn_ipc_ucastv);
+    ASSERT_EQ(sends.size(), 2u);
+    EXPECT_EQ(sends[0].message[15], 0) << "neither mark: the batch was open";
+}
+
 /* --- the context: its state, the seconds of its timer's next start, and its mark --- */
 
 class context : public testing::Test {
