@@ -2,7 +2,7 @@
 
 option(L2VPN_WERROR "Treat warnings as errors" OFF)
 set(L2VPN_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
-option(L2VPN_COVERAGE "Instrument for coverage" OFF)
+option(L2VPN_COVERAGE "Count lines and branches, with clang" OFF)
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
@@ -43,8 +43,12 @@ if(L2VPN_SANITIZE)
     endif()
 endif()
 if(L2VPN_COVERAGE)
-    target_compile_options(l2vpn_build INTERFACE --coverage -O0)
-    target_link_options(l2vpn_build INTERFACE --coverage)
+    # The counters are in a shared mapping of the file, so that those of a program that is killed count too.
+    target_compile_options(l2vpn_build INTERFACE
+        -fprofile-instr-generate=${PROJECT_BINARY_DIR}/coverage/%m%c.profraw -fcoverage-mapping
+        "SHELL:-mllvm -runtime-counter-relocation")
+    target_link_options(l2vpn_build INTERFACE -fprofile-instr-generate)
+    set(L2VPN_UNCOUNTED -fno-profile-instr-generate -fno-coverage-mapping)
 endif()
 
 # l2vpn_version_script(TARGET FILE): exports what FILE lists and nothing else.
@@ -63,7 +67,7 @@ function(l2vpn_gtest name)
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE l2vpn_build ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
     # Tests are compiled more often than they are run: no optimisation, and the large headers once.
-    target_compile_options(${name} PRIVATE -O0)
+    target_compile_options(${name} PRIVATE -O0 ${L2VPN_UNCOUNTED})
     list(LENGTH ARG_SOURCES sources)
     if(sources GREATER 2)
         target_precompile_headers(${name} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
