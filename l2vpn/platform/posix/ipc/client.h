@@ -17,6 +17,8 @@
  *   whenever an event comes.
  * - Before a class was up for the first time its messages queue, later they fail: a peer that came back
  *   knows nothing of what was sent to its predecessor, and only the owner can tell it anew.
+ * - A message that an up link does not take, for lack of room or of memory, ends the link. Both ends would go on
+ *   with different beliefs: the owner says everything anew, but what the lost message took away would stay.
  * - The MTU never changes: callers cut their messages by it before there is a link, so a server that takes
  *   less is no server for this process.
  * - The queue is emptied only when all of it has gone out: if the link breaks before, the whole queue goes

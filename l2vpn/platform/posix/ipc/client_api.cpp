@@ -222,6 +222,9 @@ extern "C" qerrno l2vpn_ipc_ucastv(l2vpn_ipc_client_t client, uint32_t class_id,
         connection = from->connection;
     }
     const qerrno status = connection->send(pieces, count, client->send_timeout_ms);
+    if (status != EOK) {
+        connection->hang_up(status);
+    }
     return status == ENOTCONN && connection->cause() == ENOENT ? qerrno{ENOENT} : status;
 }
 
