@@ -60,8 +60,12 @@ control_server::~control_server()
     }
     event_fd_unwatch(m_watch);
     if (m_fd >= 0) {
+        struct stat there {};
+        if (lstat(m_path.c_str(), &there) == 0 && there.st_dev == m_file.st_dev &&
+            there.st_ino == m_file.st_ino) {
+            unlink(m_path.c_str());
+        }
         ::close(m_fd);
-        remove_socket(m_path);
     }
 }
 
@@ -96,6 +100,9 @@ qerrno control_server::open(const control_options &options, std::string *error)
         m_fd = -1; /* what stands at the path is not ours */
         errno = cause;
         return failed("cannot make");
+    }
+    if (lstat(m_path.c_str(), &m_file) != 0) {
+        return failed("cannot find");
     }
     if (const char *what = set_owner_and_mode(options); *what != '\0') {
         return failed(what);

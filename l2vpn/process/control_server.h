@@ -18,6 +18,7 @@
 #include <chrono>
 #include <list>
 #include <platform/event_loop.h>
+#include <sys/stat.h>
 
 namespace l2vpnd {
 
@@ -87,6 +88,7 @@ private:
     verb_context m_context;
     event_log &m_log;
     std::string m_path;
+    struct stat m_file {}; /* another process may have put its own there since */
     int m_fd = -1;
     event_fd_watch_t *m_watch = nullptr;
     bool m_paused = false; /* no descriptor could be had: not accepting until the next tick */

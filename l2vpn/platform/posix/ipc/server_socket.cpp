@@ -238,7 +238,12 @@ void listening_close(listening &ended)
             same_file(there, ended.file)) {
             unlink(ended.path.c_str());
         }
-        unlink(lock_path(ended.path).c_str());
+        struct stat held {};
+        const std::string lock_file = lock_path(ended.path);
+        if (fstat(ended.lock.get(), &held) == 0 && lstat(lock_file.c_str(), &there) == 0 &&
+            same_file(there, held)) {
+            unlink(lock_file.c_str());
+        }
         ended.lock.reset();
     }
     ended.socket.reset();
