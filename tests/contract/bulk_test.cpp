@@ -394,6 +394,23 @@ TEST_P(bulk, without_acs_takes_null_arrays)
         EXPECT_EQ(lib.remove(hd, 0, 0, nullptr), 0u);
 }
 
+/* --- requests that succeed --- */
+
+TEST_P(bulk, that_is_sent_says_so_and_nothing_else)
+{
+    const auto hd = connect_up(4);
+    acs a(3), none(0);
+    for (acs *const what : {&a, &none}) {
+        world.clear_calls();
+        EXPECT_EQ(request(hd, 0x100, *what), 0u);
+        EXPECT_THAT(world.log(), ElementsAre("Flags from AC_class=4: 0x100 bulk_size=" +
+                                             std::to_string(what->ifh.size())));
+        EXPECT_EQ(called(fn::mgd_timer_leaf_start), 0u);
+    }
+    EXPECT_THAT(notices, IsEmpty());
+    EXPECT_THAT(world.timers(), IsEmpty());
+}
+
 /* --- messages that fail --- */
 
 TEST_P(bulk, whose_message_fails_is_taken_over_while_up)

@@ -382,6 +382,28 @@ TEST_F(inbound, callbacks_that_are_null_are_skipped)
     EXPECT_THAT(kinds(), ElementsAre(notice::status, notice::status, notice::status, notice::status));
 }
 
+/* Each message looks for its own callback, whatever the others are. */
+TEST_F(inbound, a_callback_is_called_though_the_others_are_null)
+{
+    const l2vpn_ac_callback_vector_t all = callbacks;
+    const auto status = all.status_cb;
+    const std::pair<notice::kind, l2vpn_ac_callback_vector_t> only[] = {
+        {notice::prov, {status, all.prov_cb, nullptr, nullptr, nullptr, nullptr, nullptr}},
+        {notice::unprov, {status, nullptr, all.unprov_cb, nullptr, nullptr, nullptr, nullptr}},
+        {notice::bulk_notify, {status, nullptr, nullptr, all.bulk_notify_cb, nullptr, nullptr, nullptr}},
+        {notice::hdr_notify, {status, nullptr, nullptr, nullptr, all.hdr_notify_cb, nullptr, nullptr}}};
+    for (const auto &[kind, vector] : only) {
+        callbacks = vector;
+        const auto hd = connect_up(4);
+        deliver(4, message_of(prov, 1, 0, 32));
+        deliver(4, message_of(unprov, 1, 0, 4));
+        deliver(4, message_of(bulk_notify, 1, 0, 32));
+        deliver(4, message_of(hdr_notify, 1, 0));
+        EXPECT_THAT(kinds(), ElementsAre(kind));
+        ASSERT_EQ(lib.disconnect(hd), 0u);
+    }
+}
+
 /* --- the notice of the flags --- */
 
 TEST_F(inbound, the_flags_notice_follows_the_messages_own_callback)
