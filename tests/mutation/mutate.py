@@ -59,8 +59,8 @@ def listed_survivors(path):
 class Hunt:
     """The verdicts on some mutants, worked out by several workshops."""
 
-    def __init__(self, build, mutants):
-        self.build, self.mutants = build, mutants
+    def __init__(self, build, mutants, record):
+        self.build, self.mutants, self.record = build, mutants, record
         self.verdicts = {}
         self.failure = None
         self.waiting = queue.SimpleQueue()
@@ -74,7 +74,10 @@ class Hunt:
                 workshop.check()
                 while self.failure is None:
                     mutant = self.waiting.get_nowait()
-                    self.verdicts[mutant.id] = workshop.verdict(mutant)
+                    verdict = workshop.verdict(mutant)
+                    self.verdicts[mutant.id] = verdict
+                    if self.record:
+                        print(f'{" ".join(verdict).strip()}: {mutant.id}', file=self.record, flush=True)
                     self.show()
         except queue.Empty:
             pass
@@ -153,7 +156,8 @@ def arguments():
     parser.add_argument('--match', metavar='TEXT', help='only mutants whose description contains this')
     parser.add_argument('--jobs', type=int, default=1, metavar='N', help='how many at a time')
     parser.add_argument('--list', action='store_true', help='names the mutants and tries none')
-    parser.add_argument('--verdicts', type=Path, metavar='FILE', help='writes what came of each mutant')
+    parser.add_argument('--verdicts', type=argparse.FileType('w'), metavar='FILE',
+                        help='writes what comes of each mutant')
     return parser.parse_args()
 
 
@@ -188,11 +192,8 @@ def main():
     resource.setrlimit(resource.RLIMIT_AS, (4 << 30, 4 << 30))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     listed = listed_survivors(SURVIVORS)
-    hunt = Hunt(Build(options.build.resolve(), SOURCES), selected)
+    hunt = Hunt(Build(options.build.resolve(), SOURCES), selected, options.verdicts)
     hunt.run(max(1, options.jobs))
-    if options.verdicts:
-        options.verdicts.write_text(''.join(
-            f'{" ".join(hunt.verdicts[m.id]).strip()}: {m.file}:{m.line}: {m.id}\n' for m in selected))
     faults = report(hunt, listed, known, len(selected) == len(mutants))
     print('\n'.join(faults) if faults else 'every survivor is listed with its reason')
     return 1 if faults else 0
