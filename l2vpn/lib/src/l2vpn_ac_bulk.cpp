@@ -11,6 +11,7 @@
 #include "l2vpn_ac_lock.h"
 #include "l2vpn_ac_wire.h"
 
+#include <algorithm>
 #include <alloca.h>
 #include <cerrno>
 #include <cstdlib>
@@ -62,7 +63,9 @@ qerrno check_on_stack(const request &req, const l2vpn_ac_client_ctx *ctx)
 
 qerrno check_in_mapping(const request &req, const l2vpn_ac_client_ctx *ctx)
 {
-    const size_t size = size_t{req.bulk_size} * sizeof(l2vpn_ac_data_entry_t);
+    /* Where an address has 32 bits the size may not fit; the largest that does is always refused. */
+    const auto size = static_cast<size_t>(
+        std::min(uint64_t{req.bulk_size} * sizeof(l2vpn_ac_data_entry_t), uint64_t{SIZE_MAX}));
     void *const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         return ENOMEM;
