@@ -30,29 +30,44 @@ inline constexpr kind kind_of<l2vpn_ipc_client_t> = kind::client;
 template <>
 inline constexpr kind kind_of<l2vpn_debug_ctx_t *> = kind::debug_ctx;
 
-/* From the top: 8 bits of tag, 20 of generation, 4 of kind, 28 of number, 4 of zero. */
+/*
+ * From the top: tag, generation, 4 bits of kind, number, 4 bits of zero. Where addresses have 32 bits there is
+ * room for fewer worlds and things, and for a shorter tag.
+ */
 struct handle_parts {
-    static constexpr std::uint64_t tag = 0x5a;
+    static constexpr bool wide = sizeof(std::uintptr_t) >= sizeof(std::uint64_t);
+    static constexpr unsigned number_at = 4;
+    static constexpr unsigned kind_at = wide ? 32 : 16;
+    static constexpr unsigned generation_at = kind_at + 4;
+    static constexpr unsigned tag_at = wide ? 56 : 28;
+    static constexpr std::uintptr_t tag = wide ? 0x5a : 0x5;
 
     std::uint32_t generation;
     kind what;
     std::uint32_t number; /* from 1 */
 
-    [[nodiscard]] constexpr std::uint64_t packed() const
+    [[nodiscard]] constexpr std::uintptr_t packed() const
     {
-        return tag << 56 | static_cast<std::uint64_t>(generation & 0xFFFFFu) << 36 |
-               static_cast<std::uint64_t>(what) << 32 | static_cast<std::uint64_t>(number & 0xFFFFFFFu) << 4;
+        return tag << tag_at | part<generation_at, tag_at>(generation) << generation_at |
+               static_cast<std::uintptr_t>(what) << kind_at | part<number_at, kind_at>(number) << number_at;
     }
 
     [[nodiscard]] static constexpr handle_parts unpacked(std::uint64_t value)
     {
-        if (value >> 56 != tag)
+        if (value >> tag_at != tag)
             return {0, kind::none, 0};
-        return {static_cast<std::uint32_t>(value >> 36 & 0xFFFFFu), static_cast<kind>(value >> 32 & 0xFu),
-                static_cast<std::uint32_t>(value >> 4 & 0xFFFFFFFu)};
+        return {static_cast<std::uint32_t>(part<generation_at, tag_at>(value >> generation_at)),
+                static_cast<kind>(value >> kind_at & 0xFu),
+                static_cast<std::uint32_t>(part<number_at, kind_at>(value >> number_at))};
+    }
+
+private:
+    template <unsigned begin, unsigned end>
+    static constexpr std::uintptr_t part(std::uint64_t value)
+    {
+        return static_cast<std::uintptr_t>(value) & ((std::uintptr_t{1} << (end - begin)) - 1);
     }
 };
-static_assert(sizeof(void *) == 8, "handles take 64 bits");
 static_assert(handle_parts::unpacked(handle_parts{77, kind::leaf, 5}.packed()).number == 5);
 
 } // namespace l2vpn::sim

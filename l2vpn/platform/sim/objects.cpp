@@ -30,7 +30,7 @@ void note_size(core *world, wavl_tree_t *tree)
     {
         const std::lock_guard guard(world->lock);
         if (world->last_tree == tree)
-            world->last_tree_nodes = tree->size;
+            world->last_tree_nodes = static_cast<std::size_t>(tree->size);
     }
     pthread_mutex_unlock(&tree->lock);
 }

@@ -77,8 +77,9 @@ void client_arm_timer(l2vpn_ipc_client &client)
     itimerspec when{};
     if (earliest != steady::time_point::max()) {
         const auto since_start = std::max(earliest.time_since_epoch(), steady::duration{1});
-        when.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(since_start).count();
-        when.it_value.tv_nsec = (since_start % std::chrono::seconds{1}).count();
+        when.it_value.tv_sec =
+            static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
+        when.it_value.tv_nsec = static_cast<long>((since_start % std::chrono::seconds{1}).count());
     }
     timerfd_settime(client.timer.get(), TFD_TIMER_ABSTIME, &when, nullptr);
 }

@@ -21,11 +21,12 @@ inline constexpr size_t queue_messages_max = size_t{64} << 10;
 class message_queue {
 public:
     /* EOK: a copy of the pieces was taken. ENOBUFS: it is full. ENOMEM. Otherwise nothing has changed. */
-    qerrno push(const iovec *pieces, uint32_t count, size_t length)
+    qerrno push(const iovec *pieces, uint32_t count, uint64_t size)
     {
-        if (length > queue_bytes_max - bytes_ || messages_.size() == queue_messages_max) {
+        if (size > queue_bytes_max - bytes_ || messages_.size() == queue_messages_max) {
             return ENOBUFS;
         }
+        const auto length = static_cast<size_t>(size);
         try {
             messages_.push_back({std::make_unique_for_overwrite<char[]>(length), length});
         } catch (const std::bad_alloc &) {

@@ -51,8 +51,9 @@ void arm_timer(l2vpn_ipc_server &server)
     itimerspec when{};
     if (next != steady::time_point::max()) {
         const auto since_start = next.time_since_epoch();
-        when.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(since_start).count();
-        when.it_value.tv_nsec = (since_start % std::chrono::seconds{1}).count();
+        when.it_value.tv_sec =
+            static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
+        when.it_value.tv_nsec = static_cast<long>((since_start % std::chrono::seconds{1}).count());
     }
     timerfd_settime(server.timer.get(), TFD_TIMER_ABSTIME, &when, nullptr);
 }

@@ -61,7 +61,7 @@ header new_header(std::span<const std::byte> map)
 template <typename Element>
 std::span<Element> elements(std::span<std::byte> map, const region &where) noexcept
 {
-    return {reinterpret_cast<Element *>(map.data() + where.offset), where.count};
+    return {reinterpret_cast<Element *>(map.data() + where.offset), static_cast<std::size_t>(where.count)};
 }
 
 } // namespace
@@ -82,7 +82,7 @@ void forget_thread_id() noexcept
 std::unique_ptr<ring> ring::create(const std::string &path, std::uint64_t size, qerrno &cause,
                                    std::string &problem)
 {
-    const std::uint64_t file_size = records_offset + size;
+    const auto file_size = static_cast<std::size_t>(records_offset + size);
     new_file file;
     cause = file.make(path, file_size, problem);
     if (cause != EOK) {
@@ -147,7 +147,7 @@ std::uint16_t ring::number_of(const char *what) noexcept
     }
     const std::uint64_t hash = hash_of(what);
     for (std::uint64_t probe = hash; probe != hash + probes; ++probe) {
-        const std::size_t index = probe % texts_.size();
+        const auto index = static_cast<std::size_t>(probe % texts_.size());
         text &entry = texts_[index];
         std::uint64_t holds = 0;
         if (!std::atomic_ref(entry.hash).compare_exchange_strong(holds, hash) && holds != hash) {
@@ -177,7 +177,7 @@ void ring::write(const origin &from, int error, const char *format, va_list valu
     made.cut = done.cut ? 1 : 0;
 
     const std::uint64_t number = std::atomic_ref(header_->next).fetch_add(1, std::memory_order_relaxed);
-    record &slot = records_[number % records_.size()];
+    record &slot = records_[static_cast<std::size_t>(number % records_.size())];
     // Odd: a thread a lap behind is still writing there. Higher: one a lap ahead has been there.
     std::uint64_t holds = std::atomic_ref(slot.sequence).load(std::memory_order_relaxed);
     if (holds % 2 != 0 || holds > being_written(number) ||

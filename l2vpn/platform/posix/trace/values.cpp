@@ -215,7 +215,7 @@ public:
         if (*length == null_string) {
             return "(null)";
         }
-        const std::size_t kept = std::min<std::uint64_t>(*length, words_.size_bytes());
+        const auto kept = static_cast<std::size_t>(std::min<std::uint64_t>(*length, words_.size_bytes()));
         std::string text(reinterpret_cast<const char *>(words_.data()), kept);
         words_ = words_.subspan(std::min(words_.size(), (kept + 7) / 8));
         return text;
