@@ -354,6 +354,16 @@ TEST_F(inbound, a_header_notice_tests_its_flags_as_they_lie)
     EXPECT_EQ(notices[1].second, 0x2u);
 }
 
+TEST_F(inbound, a_header_notice_is_neither_logged_nor_traced)
+{
+    connect_up(4);
+    world.clear_calls();
+    deliver(4, message_of(hdr_notify, 5, 0));
+    EXPECT_THAT(world.log(), IsEmpty());
+    EXPECT_EQ(called(fn::gen_dbg_ltrace_ctx), 0u);
+    EXPECT_EQ(called(fn::gen_ltrace), 0u);
+}
+
 /* With a null callback the header is converted back all the same. */
 TEST_F(inbound, a_header_notice_without_a_callback_still_converts)
 {
