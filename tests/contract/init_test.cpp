@@ -303,6 +303,36 @@ TEST_F(init, keeps_the_stale_parent_after_the_client_tree_has_failed)
     EXPECT_EQ(leaf[0].args[1], parent);
 }
 
+/* Without a parent of the timers their tree is freed, and forgotten. */
+TEST_F(init, forgets_the_tree_when_there_is_no_parent)
+{
+    world.fail(fn::mgd_timer_parent_new, 1, 12);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    ASSERT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 12u);
+    world.fail(fn::event_async_attach_event, 1, 0);
+    ASSERT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 12u);
+    const auto leaf = world.calls(fn::mgd_timer_leaf_new);
+    ASSERT_EQ(leaf.size(), 1u);
+    EXPECT_EQ(leaf[0].args[0], 0u);
+}
+
+TEST_F(init, zeroes_the_record_before_it_is_attached)
+{
+    world.fail(fn::mgd_timer_tree_new, 1, 12);
+    l2vpn_ac_client_hd_t hd = nullptr;
+    ASSERT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 2u);
+    auto *const record = reinterpret_cast<unsigned char *>(
+        static_cast<std::uintptr_t>(world.calls(fn::event_async_attach_event)[0].args[4]));
+    std::memset(record, 0xff, sizeof(event_context_t));
+    bool zeroed = false;
+    world.before(fn::event_async_attach_event, [&] {
+        zeroed = std::count(record, record + sizeof(event_context_t), 0) ==
+                 static_cast<std::ptrdiff_t>(sizeof(event_context_t));
+    });
+    connect(4);
+    EXPECT_TRUE(zeroed);
+}
+
 TEST_F(init, attaches_one_static_record_each_time)
 {
     world.fail(fn::mgd_timer_tree_new, 1, 12);
