@@ -267,7 +267,10 @@ void client_attempt(l2vpn_ipc_client &client, registration &of)
     const auto connection = std::make_shared<link>(std::move(socket));
     const iovec piece{&hello, sizeof hello};
     /* A server that refuses in a hurry has hung up already, but its answer is there to be read. */
-    connection->try_send(&piece, 1);
+    if (const qerrno status = connection->try_send(&piece, 1); status != EOK && status != ENOTCONN) {
+        client_attempt_failed(client, of, LOG_ERR, std::string("cannot greet: ") + qerr_strerror(status));
+        return;
+    }
     {
         const std::lock_guard guard(client.lock);
         if (of.withdrawn) {

@@ -55,13 +55,16 @@ void flush(l2vpn_ipc_peer &peer)
     want_room(peer, !peer.queue.empty());
 }
 
+/* A peer that cannot be told begins anew: it must not wait for what never comes. */
 void answer(l2vpn_ipc_peer &peer, qerrno status)
 {
     const greeting wire =
         greeting_swap({link_magic, link_version, static_cast<uint16_t>(greeting_kind::answer),
                        peer.info.class_id, peer.server.nodeid, peer.info.mtu, status});
     iovec piece{const_cast<greeting *>(&wire), sizeof wire};
-    peer.connection.try_send(&piece, 1);
+    if (const qerrno sent = peer.connection.try_send(&piece, 1); sent != EOK) {
+        peer.connection.hang_up(sent);
+    }
 }
 
 /* False: the peer is gone. */
