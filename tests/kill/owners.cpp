@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 
 namespace kill_test {
 
@@ -28,13 +29,6 @@ ac_arrays arrays_of(const auto &records)
     return made;
 }
 
-/* The library holds on to the first one that it is given. */
-event_mgr_p event_manager()
-{
-    static const event_mgr_p evm = event_mgr_new();
-    return evm;
-}
-
 /* The rows of a request that must succeed. */
 json rows_of(process_test::raw_control &process, const std::string &request)
 {
@@ -47,10 +41,24 @@ json rows_of(process_test::raw_control &process, const std::string &request)
 
 } // namespace
 
+event_mgr_p event_manager()
+{
+    static const event_mgr_p evm = event_mgr_new();
+    return evm;
+}
+
+void configure(const std::string &runtime_dir)
+{
+    setenv("L2VPN_RUNTIME_DIR", runtime_dir.c_str(), 1);
+    setenv("L2VPN_NODEID", "7", 1);
+    setenv("L2VPN_MTU", "8192", 1); /* so that what is said anew takes several messages */
+    setenv("L2VPN_SEND_TIMEOUT_MS", "300", 1);
+}
+
 bool owner::connect(event_mgr_p evm)
 {
-    static l2vpn_ac_callback_vector_t callbacks = {on_status, nullptr, nullptr, nullptr,
-                                                   nullptr,   nullptr, nullptr};
+    static l2vpn_ac_callback_vector_t callbacks = {on_status, on_provision, nullptr, nullptr,
+                                                   nullptr,   nullptr,      nullptr};
     if (l2vpn_ac_process_connect(evm, 0, m_class, &callbacks, &m_hd) != EOK)
         return false;
     const std::lock_guard guard(s_handles);
@@ -64,8 +72,18 @@ qerrno owner::on_status(l2vpn_ac_client_hd_t hd, uint32_t status, uint32_t)
     owner &of = *s_by_handle.at(hd);
     of.m_up = status == L2VPN_AC_STATUS_UP;
     of.m_downs += status == L2VPN_AC_STATUS_DOWN;
-    if (status == L2VPN_AC_STATUS_UP)
+    if (status == L2VPN_AC_STATUS_UP) {
+        of.m_provisioned.clear();
         of.m_anew = true;
+    }
+    return EOK;
+}
+
+qerrno owner::on_provision(l2vpn_ac_client_hd_t hd, uint32_t bulk, ifhtype *ifh, l2vpn_ac_xcid_data_t *,
+                           uint32_t)
+{
+    const std::lock_guard guard(s_handles);
+    s_by_handle.at(hd)->m_provisioned.insert(ifh, ifh + bulk);
     return EOK;
 }
 
@@ -92,6 +110,7 @@ void owner::say_everything()
 
 void owner::create(uint32_t most)
 {
+    const std::lock_guard guard(m_lock);
     ac_arrays acs = m_model.create(most);
     for (size_t i = 0; i < acs.ifh.size(); ++i)
         m_records[acs.ifh[i]] = {acs.defns[i], acs.infos[i]};
@@ -100,6 +119,7 @@ void owner::create(uint32_t most)
 
 void owner::update()
 {
+    const std::lock_guard guard(m_lock);
     ac_arrays acs = m_model.update(handles_an_owner);
     for (size_t i = 0; i < acs.ifh.size(); ++i)
         m_records.at(acs.ifh[i]).info = acs.infos[i];
@@ -108,6 +128,7 @@ void owner::update()
 
 void owner::remove()
 {
+    const std::lock_guard guard(m_lock);
     ac_arrays acs = m_model.remove();
     for (const ifhtype handle : acs.ifh)
         m_records.erase(handle);
@@ -117,13 +138,16 @@ void owner::remove()
 void owner::map_vlans()
 {
     const std::lock_guard guard(m_lock);
-    new_map();
-}
-
-void owner::new_map()
-{
     m_vlans = m_model.vlan_map();
     send_vlans();
+}
+
+bool owner::knows_all_provisioned()
+{
+    const std::lock_guard guard(m_lock);
+    const std::lock_guard told(s_handles);
+    return std::ranges::all_of(m_records,
+                               [&](const auto &each) { return m_provisioned.contains(each.first); });
 }
 
 void owner::step(bool change)
@@ -139,7 +163,7 @@ void owner::step(bool change)
     case 0:
         /* Thousands of VLANs in several messages; one owner is enough. */
         if (m_class == classes.front())
-            new_map();
+            map_vlans();
         break;
     case 1:
     case 2:
@@ -219,10 +243,7 @@ std::string difference(std::list<owner> &owners, process_test::raw_control &proc
 
 fleet::fleet(const std::string &runtime_dir) : m_evm(event_manager())
 {
-    setenv("L2VPN_RUNTIME_DIR", runtime_dir.c_str(), 1);
-    setenv("L2VPN_NODEID", "7", 1);
-    setenv("L2VPN_MTU", "8192", 1); /* so that what is said anew takes several messages */
-    setenv("L2VPN_SEND_TIMEOUT_MS", "300", 1);
+    configure(runtime_dir);
     for (const uint32_t class_id : classes) {
         m_owners.emplace_back(class_id);
         EXPECT_TRUE(m_owners.back().connect(m_evm)) << "class " << class_id;

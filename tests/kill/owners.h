@@ -36,8 +36,14 @@ public:
 
     /* One thing: everything anew if it is due, else, if wanted, a change. */
     void step(bool change);
-    /* A new map of the VLANs: several messages. */
-    void map_vlans();
+    /* The changes. */
+    void create(uint32_t most);
+    void update();
+    void remove();
+    void map_vlans(); /* several messages */
+
+    /* All ACs were told to be provisioned since the latest UP. */
+    bool knows_all_provisioned();
 
     /* As the process must hold it. */
     soak_test::tables intends();
@@ -49,12 +55,10 @@ private:
     };
 
     static qerrno on_status(l2vpn_ac_client_hd_t hd, uint32_t status, uint32_t argument);
+    static qerrno on_provision(l2vpn_ac_client_hd_t hd, uint32_t bulk, ifhtype *ifh,
+                               l2vpn_ac_xcid_data_t *data, uint32_t flags);
     void say_everything();
-    void create(uint32_t most);
-    void update();
-    void remove();
     void send_create(soak_test::ac_arrays &acs);
-    void new_map();
     void send_vlans();
 
     uint32_t m_class;
@@ -62,12 +66,19 @@ private:
     std::atomic<bool> m_up = false;
     std::atomic<bool> m_anew = false;
     std::atomic<uint32_t> m_downs = 0;
+    std::set<uint32_t> m_provisioned; /* the callbacks' own */
 
-    std::mutex m_lock; /* what follows; never taken by a callback */
+    std::recursive_mutex m_lock; /* what follows; never taken by a callback */
     soak_test::model m_model;
     std::map<uint32_t, record> m_records;
     std::vector<l2vpn_msti_vid_map_t> m_vlans;
 };
+
+/* The program's one event manager: the library holds on to it. */
+event_mgr_p event_manager();
+
+/* What the platform reads from the environment, once. */
+void configure(const std::string &runtime_dir);
 
 /* What stands between the owners' intent and what the process says it holds, in words; empty: nothing. ACs of
  * the classes `others` are somebody else's. */
