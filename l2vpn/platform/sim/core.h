@@ -176,7 +176,7 @@ public:
     [[nodiscard]] std::uint32_t number_of(Handle handle) const
     {
         const auto parts = handle_parts::unpacked(reinterpret_cast<std::uintptr_t>(handle));
-        return parts.what == kind_of<Handle> && parts.generation == generation ? parts.number : 0;
+        return handle == handle_of<Handle>(parts.number) ? parts.number : 0;
     }
 
     /* --- calls and their failures (calls.cpp; under the lock) --- */
