@@ -194,7 +194,7 @@ TEST_P(each_locker, announces_its_wait_when_busy)
     for (std::size_t i = 0; i < announcements.size(); ++i) {
         EXPECT_EQ(announcements[i].where, GetParam().where);
         EXPECT_NE(announcements[i].line, 0u);
-        EXPECT_EQ(announcements[i].args[0], reinterpret_cast<std::uint64_t>(tap.tried[i]));
+        EXPECT_EQ(announcements[i].args[0], reinterpret_cast<std::uintptr_t>(tap.tried[i]));
     }
 }
 
