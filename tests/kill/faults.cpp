@@ -32,10 +32,14 @@ bool fails(std::initializer_list<int> possible)
     return true;
 }
 
-template <typename Function>
-Function real(const char *name)
+/* Fails, or does what the call by this name does behind this program. */
+template <typename Result, typename... Arguments>
+Result call(const char *name, std::initializer_list<int> possible, Arguments... arguments)
 {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+    if (fails(possible))
+        return -1;
+    const auto next = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name));
+    return next(arguments...);
 }
 
 } // namespace
@@ -63,28 +67,66 @@ fault_plan &own_plan()
 } // namespace kill_test
 
 using kill_test::any;
-using kill_test::fails;
+using kill_test::call;
 
-/* A call by the same name, which the platform finds before the C library's. */
-#define FAULTY(result, name, parameters, arguments, specifier, possible)                                     \
-    extern "C" __attribute__((visibility("default"))) result name parameters specifier                       \
-    {                                                                                                        \
-        static const auto next = kill_test::real<result(*) parameters>(#name);                               \
-        return fails(possible) ? -1 : next arguments;                                                        \
-    }
+#pragma GCC visibility push(default)
+extern "C" {
 
-FAULTY(int, socket, (int domain, int type, int protocol), (domain, type, protocol), noexcept, any)
-FAULTY(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size), , any)
-FAULTY(int, accept4, (int fd, sockaddr *address, socklen_t *size, int flags), (fd, address, size, flags), ,
-       any)
-FAULTY(ssize_t, sendmsg, (int fd, const msghdr *message, int flags), (fd, message, flags), , any)
-FAULTY(ssize_t, recvmsg, (int fd, msghdr *message, int flags), (fd, message, flags), , any)
-FAULTY(ssize_t, recv, (int fd, void *buffer, size_t size, int flags), (fd, buffer, size, flags), , any)
-FAULTY(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *size),
-       (fd, level, option, value, size), noexcept, any)
-FAULTY(int, setsockopt, (int fd, int level, int option, const void *value, socklen_t size),
-       (fd, level, option, value, size), noexcept, any)
-FAULTY(int, shutdown, (int fd, int how), (fd, how), noexcept, any)
-FAULTY(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout), , {EINTR})
-FAULTY(int, epoll_wait, (int fd, epoll_event *events, int count, int timeout), (fd, events, count, timeout), ,
-       {EINTR})
+int socket(int domain, int type, int protocol) noexcept
+{
+    return call<int>("socket", any, domain, type, protocol);
+}
+
+int connect(int fd, const sockaddr *address, socklen_t size)
+{
+    return call<int>("connect", any, fd, address, size);
+}
+
+int accept4(int fd, sockaddr *address, socklen_t *size, int flags)
+{
+    return call<int>("accept4", any, fd, address, size, flags);
+}
+
+ssize_t sendmsg(int fd, const msghdr *message, int flags)
+{
+    return call<ssize_t>("sendmsg", any, fd, message, flags);
+}
+
+ssize_t recvmsg(int fd, msghdr *message, int flags)
+{
+    return call<ssize_t>("recvmsg", any, fd, message, flags);
+}
+
+ssize_t recv(int fd, void *buffer, size_t size, int flags)
+{
+    return call<ssize_t>("recv", any, fd, buffer, size, flags);
+}
+
+int getsockopt(int fd, int level, int option, void *value, socklen_t *size) noexcept
+{
+    return call<int>("getsockopt", any, fd, level, option, value, size);
+}
+
+int setsockopt(int fd, int level, int option, const void *value, socklen_t size) noexcept
+{
+    return call<int>("setsockopt", any, fd, level, option, value, size);
+}
+
+int shutdown(int fd, int how) noexcept
+{
+    return call<int>("shutdown", any, fd, how);
+}
+
+/* These two fail in no other way. */
+int poll(pollfd *fds, nfds_t count, int timeout)
+{
+    return call<int>("poll", {EINTR}, fds, count, timeout);
+}
+
+int epoll_wait(int fd, epoll_event *events, int count, int timeout)
+{
+    return call<int>("epoll_wait", {EINTR}, fd, events, count, timeout);
+}
+
+} // extern "C"
+#pragma GCC visibility pop

@@ -63,9 +63,10 @@ int main(int argc, char **argv)
         return cannot;
     if (ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) < 0)
         err(cannot, "PTRACE_SETOPTIONS");
-    for (int signal = 0;; signal = 0) {
+    for (int signal = 0;;) {
         if (ptrace(PTRACE_SYSCALL, child, nullptr, signal) < 0)
             err(cannot, "PTRACE_SYSCALL");
+        signal = 0;
         status = wait_for(child);
         if (!WIFSTOPPED(status))
             return 1;
