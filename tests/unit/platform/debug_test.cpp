@@ -160,6 +160,23 @@ TEST(system_log, gets_its_messages_whatever_is_traced)
     EXPECT_THAT(take_log(), ElementsAre("6 type(0x11) file name"));
 }
 
+/* The values of one message are given to everybody who wants it, texts among them. */
+TEST_F(debug_texts, of_the_system_log_are_whole_in_every_sink)
+{
+    for (const char *const sink : {"off", "stderr", "syslog"}) {
+        ASSERT_EQ(platform_debug_set_sink(sink), EOK);
+        const std::string said = said_by([] { vy_syslog(6, "type(0x%x) file %s:%d", 0x11U, "name", 9); });
+        const auto log = take_log();
+        ASSERT_FALSE(log.empty()) << sink;
+        EXPECT_EQ(log.back(), "6 type(0x11) file name:9") << sink;
+        if (std::string_view(sink) == "stderr") {
+            EXPECT_THAT(said, HasSubstr("type(0x11) file name:9\n"));
+        } else {
+            EXPECT_EQ(said, "") << sink;
+        }
+    }
+}
+
 TEST(debug_context, is_there_after_the_initialisation)
 {
     EXPECT_EQ(l2vpn_debug_get_ctx(), nullptr);

@@ -62,7 +62,10 @@ static_assert(kind_names.size() == static_cast<std::size_t>(record_kind::count_)
 void write_text(unsigned channels, const origin &from, const char *format, va_list values) noexcept
 {
     std::array<char, 1024> text{};
-    std::vsnprintf(text.data(), text.size(), format, values);
+    va_list copy; // the caller may give the values once more, to somebody else
+    va_copy(copy, values);
+    std::vsnprintf(text.data(), text.size(), format, copy);
+    va_end(copy);
     const char *name = kind_names[static_cast<std::size_t>(from.kind)];
     const char *function = from.function != nullptr ? from.function : "?";
     const auto id = static_cast<unsigned long long>(from.id);

@@ -166,9 +166,10 @@ std::uint64_t unsigned_value(std::string_view length, va_list *from)
                            : value;
 }
 
-bool put_value(packer &out, const conversion &spec, std::optional<int> precision, int error, va_list *from)
+bool put_value(packer &out, const conversion &directive, std::optional<int> precision, int error,
+               va_list *from)
 {
-    switch (spec.type) {
+    switch (directive.type) {
     case 's':
         return out.put_string(va_arg(*from, const char *), precision);
     case 'p':
@@ -177,18 +178,18 @@ bool put_value(packer &out, const conversion &spec, std::optional<int> precision
         return out.put(static_cast<std::uint64_t>(error));
     case 'd':
     case 'i':
-        return out.put(signed_value(spec.length, from));
+        return out.put(signed_value(directive.length, from));
     case 'c':
         return out.put(static_cast<std::uint64_t>(va_arg(*from, int)));
     default:
         break;
     }
-    if (is_floating(spec.type)) {
+    if (is_floating(directive.type)) {
         const double value =
-            spec.length == "L" ? static_cast<double>(va_arg(*from, long double)) : va_arg(*from, double);
+            directive.length == "L" ? static_cast<double>(va_arg(*from, long double)) : va_arg(*from, double);
         return out.put(std::bit_cast<std::uint64_t>(value));
     }
-    return out.put(unsigned_value(spec.length, from));
+    return out.put(unsigned_value(directive.length, from));
 }
 
 /* Gives words until there are none. */
@@ -235,7 +236,7 @@ std::string formatted(const std::string &format, Values... values)
 }
 
 /* One conversion with its values; nothing when a value is missing. */
-std::optional<std::string> render_one(const conversion &spec, unpacker &from)
+std::optional<std::string> render_one(const conversion &directive, unpacker &from)
 {
     const auto star = [&](bool is_value, std::optional<int> &number) {
         if (!is_value) {
@@ -245,19 +246,19 @@ std::optional<std::string> render_one(const conversion &spec, unpacker &from)
         number = word ? std::clamp(static_cast<int>(static_cast<std::int64_t>(*word)), -widest, widest) : 0;
         return word.has_value();
     };
-    std::optional<int> width = spec.width;
-    std::optional<int> precision = spec.precision;
-    if (!star(spec.width_is_value, width) || !star(spec.precision_is_value, precision)) {
+    std::optional<int> width = directive.width;
+    std::optional<int> precision = directive.precision;
+    if (!star(directive.width_is_value, width) || !star(directive.precision_is_value, precision)) {
         return std::nullopt;
     }
-    std::string start = "%" + std::string(spec.flags);
+    std::string start = "%" + std::string(directive.flags);
     if (width) {
         start += std::to_string(*width); // a negative one reads as the flag - and a width, as it should
     }
     if (precision && *precision >= 0) {
         start += "." + std::to_string(*precision);
     }
-    if (spec.type == 's') {
+    if (directive.type == 's') {
         const auto text = from.string();
         return text ? std::optional(formatted(start + "s", text->c_str())) : std::nullopt;
     }
@@ -265,20 +266,20 @@ std::optional<std::string> render_one(const conversion &spec, unpacker &from)
     if (!word) {
         return std::nullopt;
     }
-    if (spec.type == 'm') {
+    if (directive.type == 'm') {
         const char *text = ::strerrordesc_np(static_cast<int>(*word));
         return formatted(start + "s", text != nullptr ? text : "Unknown error");
     }
-    if (spec.type == 'c') {
+    if (directive.type == 'c') {
         return formatted(start + "c", static_cast<int>(*word));
     }
-    if (spec.type == 'p') {
+    if (directive.type == 'p') {
         return formatted(start + "p", reinterpret_cast<const void *>(static_cast<std::uintptr_t>(*word)));
     }
-    if (is_floating(spec.type)) {
-        return formatted(start + spec.type, std::bit_cast<double>(*word));
+    if (is_floating(directive.type)) {
+        return formatted(start + directive.type, std::bit_cast<double>(*word));
     }
-    return formatted(start + "ll" + spec.type, static_cast<unsigned long long>(*word));
+    return formatted(start + "ll" + directive.type, static_cast<unsigned long long>(*word));
 }
 
 } // namespace
@@ -291,20 +292,20 @@ encoded encode(std::span<std::uint64_t> words, const char *format, int error, va
     bool complete = true;
     reader in(format);
     in.literal();
-    for (auto spec = in.next(); complete && spec; in.literal(), spec = in.next()) {
-        if (spec->type == '%') {
+    for (auto directive = in.next(); complete && directive; in.literal(), directive = in.next()) {
+        if (directive->type == '%') {
             continue;
         }
-        complete = spec->type != 0;
-        if (complete && spec->width_is_value) {
+        complete = directive->type != 0;
+        if (complete && directive->width_is_value) {
             complete = out.put(static_cast<std::uint64_t>(va_arg(from, int)));
         }
-        std::optional<int> precision = spec->precision;
-        if (complete && spec->precision_is_value) {
+        std::optional<int> precision = directive->precision;
+        if (complete && directive->precision_is_value) {
             precision = va_arg(from, int);
             complete = out.put(static_cast<std::uint64_t>(std::int64_t{*precision}));
         }
-        complete = complete && put_value(out, *spec, precision, error, &from);
+        complete = complete && put_value(out, *directive, precision, error, &from);
     }
     va_end(from);
     return {.used = out.used(), .cut = !complete};
@@ -316,12 +317,12 @@ std::string render(std::string_view format, std::span<const std::uint64_t> words
     unpacker from(words);
     reader in(format);
     text += in.literal();
-    for (auto spec = in.next(); spec; spec = in.next()) {
-        if (spec->type == '%') {
+    for (auto directive = in.next(); directive; directive = in.next()) {
+        if (directive->type == '%') {
             text += '%';
         } else {
-            const auto value = spec->type == 0 ? std::nullopt : render_one(*spec, from);
-            text += value ? *value : std::string(spec->text);
+            const auto value = directive->type == 0 ? std::nullopt : render_one(*directive, from);
+            text += value ? *value : std::string(directive->text);
         }
         text += in.literal();
     }
