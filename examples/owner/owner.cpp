@@ -165,10 +165,13 @@ void interface_owner::read_again()
 {
     interface_list interfaces;
     fault_list faults(chosen_.inventory);
-    if (read_inventory(chosen_.inventory, interfaces, faults))
-        return change(interfaces);
-    out_.error("the inventory was written with faults; what was sent stays");
-    faults.print(std::cerr);
+    if (!read_inventory(chosen_.inventory, interfaces, faults)) {
+        out_.error("the inventory was written with faults; what was sent stays");
+        return faults.print(std::cerr);
+    }
+    if (!mtu_has_room(interfaces))
+        return out_.error("the inventory was written with what no message holds; what was sent stays");
+    change(interfaces);
 }
 
 void interface_owner::change(const interface_list &interfaces)

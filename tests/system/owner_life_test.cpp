@@ -261,6 +261,23 @@ TEST_F(owner_life, keeps_large_classes_within_the_mtu_when_a_small_one_connects_
     EXPECT_THAT(owner_->out(), testing::Not(HasSubstr("DOWN")));
 }
 
+TEST_F(owner_life, keeps_what_was_sent_when_a_new_class_has_no_room)
+{
+    write(two_classes);
+    start_process();
+    start_owner({"--watch", "--mtu", "2000"});
+    ASSERT_TRUE(owner_->says("all 3 ACs created"));
+    write(two_classes + line_of("svc", 8, 1, "profile=gold"));
+    ASSERT_TRUE(
+        eventually([this] { return owner_->err().find("what was sent stays") != std::string::npos; }));
+    EXPECT_EQ(owner_->err(),
+              "l2vpn-owner: class 8: an MTU of 2000 has no room for an AC, which takes 2992\n"
+              "l2vpn-owner: the inventory was written with what no message holds; what was sent stays\n");
+    write(two_classes);
+    EXPECT_TRUE(holds_inventory());
+    EXPECT_TRUE(owner_->running());
+}
+
 TEST_F(owner_life, refuses_an_mtu_without_room_for_one_ac)
 {
     write("name,class,handle,fields\n" + line_of("svc", 8, 1, "profile=gold"));

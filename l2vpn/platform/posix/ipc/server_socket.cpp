@@ -70,8 +70,10 @@ qerrno make_directory(const l2vpn_ipc_server_options_t &options, gid_t group_id,
     if (const qerrno status = platform_posix::make_runtime_dir(*error); status != EOK) {
         return status;
     }
+    /* The group gets in whatever the umask took away. */
     if (is_new && options.group != nullptr &&
-        lchown(directory.c_str(), static_cast<uid_t>(-1), group_id) != 0) {
+        (lchown(directory.c_str(), static_cast<uid_t>(-1), group_id) != 0 ||
+         chmod(directory.c_str(), 0750) != 0)) {
         return failed_errno(error, "cannot give " + directory + " to the group " + options.group);
     }
     return EOK;
