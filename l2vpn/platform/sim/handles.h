@@ -30,6 +30,13 @@ inline constexpr kind kind_of<l2vpn_ipc_client_t> = kind::client;
 template <>
 inline constexpr kind kind_of<l2vpn_debug_ctx_t *> = kind::debug_ctx;
 
+/* As much of a value as there is room for between two bits of a handle. */
+template <unsigned begin, unsigned end>
+constexpr std::uintptr_t part(std::uint64_t value)
+{
+    return static_cast<std::uintptr_t>(value) & ((std::uintptr_t{1} << (end - begin)) - 1);
+}
+
 /*
  * From the top: tag, generation, 4 bits of kind, number, 4 bits of zero. Where addresses have 32 bits there is
  * room for fewer worlds and things, and for a shorter tag.
@@ -59,13 +66,6 @@ struct handle_parts {
         return {static_cast<std::uint32_t>(part<generation_at, tag_at>(value >> generation_at)),
                 static_cast<kind>(value >> kind_at & 0xFu),
                 static_cast<std::uint32_t>(part<number_at, kind_at>(value >> number_at))};
-    }
-
-private:
-    template <unsigned begin, unsigned end>
-    static constexpr std::uintptr_t part(std::uint64_t value)
-    {
-        return static_cast<std::uintptr_t>(value) & ((std::uintptr_t{1} << (end - begin)) - 1);
     }
 };
 static_assert(handle_parts::unpacked(handle_parts{77, kind::leaf, 5}.packed()).number == 5);
