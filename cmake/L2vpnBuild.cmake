@@ -57,20 +57,34 @@ function(l2vpn_version_script target file)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${file})
 endfunction()
 
-# l2vpn_gtest(NAME SOURCES... [LIBS...] [TIMEOUT SECONDS] [LABELS...] [COST N]): a GoogleTest program, each
-# of its tests a test of CTest's.
+# l2vpn_test_code(TARGET): how code of tests is compiled. More often than it is run: no optimisation, and the
+# large headers once for all of them.
+function(l2vpn_test_code target)
+    if(NOT TARGET l2vpn_test_headers)
+        file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/test_headers.cpp CONTENT "int main() {}\n")
+        add_executable(l2vpn_test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cpp)
+        target_link_libraries(l2vpn_test_headers PRIVATE l2vpn_build GTest::gmock GTest::gtest)
+        target_compile_options(l2vpn_test_headers PRIVATE -O0 ${L2VPN_UNCOUNTED})
+        target_precompile_headers(l2vpn_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+    endif()
+    target_compile_options(${target} PRIVATE -O0 ${L2VPN_UNCOUNTED})
+    target_precompile_headers(${target} REUSE_FROM l2vpn_test_headers)
+endfunction()
+
+# l2vpn_gtest(NAME SOURCES... [LIBS...] [TIMEOUT SECONDS] [LABELS...] [COST N] [OPTIMISED]): a GoogleTest
+# program, each of its tests a test of CTest's. OPTIMISED is for one that runs for longer than it is compiled.
 function(l2vpn_gtest name)
-    cmake_parse_arguments(ARG "" "TIMEOUT;COST" "SOURCES;LIBS;LABELS" ${ARGN})
+    cmake_parse_arguments(ARG "OPTIMISED" "TIMEOUT;COST" "SOURCES;LIBS;LABELS" ${ARGN})
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 60)
     endif()
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE l2vpn_build ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
-    # Tests are compiled more often than they are run: no optimisation, and the large headers once.
-    target_compile_options(${name} PRIVATE -O0 ${L2VPN_UNCOUNTED})
-    list(LENGTH ARG_SOURCES sources)
-    if(sources GREATER 2)
+    if(ARG_OPTIMISED)
+        target_compile_options(${name} PRIVATE -O1 ${L2VPN_UNCOUNTED})
         target_precompile_headers(${name} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+    else()
+        l2vpn_test_code(${name})
     endif()
     set(properties TIMEOUT ${ARG_TIMEOUT})
     if(ARG_LABELS)

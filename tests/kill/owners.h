@@ -7,8 +7,8 @@
 #ifndef TESTS_KILL_OWNERS_H
 #define TESTS_KILL_OWNERS_H
 
-#include "../process/daemon.h"
-#include "../stress/soak_model.h"
+#include "daemon.h"
+#include "soak_model.h"
 
 #include <platform/event_loop.h>
 

@@ -2,7 +2,7 @@
  * What time does to control connections: the server itself, with the test's own clock.
  */
 #include "../../l2vpn/process/control_server.h"
-#include "../system/child.h"
+#include "child.h"
 #include "support.h"
 
 #include <gtest/gtest.h>

@@ -7,7 +7,7 @@
  * The work is bounded in requests and in time, every wait in time. Each thread has a seed of its own, so what it
  * asks for is the same in every run; how the threads interleave is not.
  */
-#include "../process/daemon.h"
+#include "daemon.h"
 #include "soak_model.h"
 
 #include <l2vpn/l2vpn_ac_api.h>

@@ -4,8 +4,8 @@
 #ifndef TESTS_PROCESS_DAEMON_H
 #define TESTS_PROCESS_DAEMON_H
 
-#include "../system/child.h"
-#include "support.h"
+#include "../process/support.h"
+#include "child.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
