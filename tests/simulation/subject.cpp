@@ -75,6 +75,7 @@ subject::subject(std::uint64_t seed) : world_(seed)
 {
     current = this;
     world_.set.max_handlers = 100000;
+    world_.set.enforce_mtu = false;
     for (std::uint32_t class_id = 0; class_id < class_count; ++class_id) {
         l2vpn::sim::link &link = world_.link_of(class_id);
         link.on_send([this, class_id, &link](byte_view message) {

@@ -67,6 +67,7 @@ player::player(std::uint32_t mtu, const std::optional<plan> &what)
     current = this;
     world_.set.mtu = mtu;
     world_.set.nodeid = nodeid;
+    world_.set.enforce_mtu = false;
     interpose::watch(what);
     if (what)
         apply(*what);

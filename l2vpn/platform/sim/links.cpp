@@ -44,10 +44,10 @@ using pieces_list = std::span<const iovec>;
 
 /* What becomes of a send that nobody has fail. */
 [[nodiscard]] qerrno send_status(core &world, l2vpn_ipc_client_t client, std::uint32_t class_id,
-                                 pieces_list pieces)
+                                 std::uint32_t destination, pieces_list pieces)
 {
     const std::uint32_t number = world.number_of(client);
-    if (!world.clients.contains(number) || !well_formed(pieces))
+    if (!world.clients.contains(number) || destination != L2VPN_IPC_DEST_L2VPN || !well_formed(pieces))
         return EINVAL;
     const registration *registered = world.registered(class_id);
     if (registered == nullptr || registered->client != number)
@@ -62,7 +62,7 @@ using pieces_list = std::span<const iovec>;
 
 /* Both kinds of send. The message is put together only when somebody wants it. */
 qerrno send(fn function, argument_list args, l2vpn_ipc_client_t client, std::uint32_t class_id,
-            pieces_list pieces)
+            std::uint32_t destination, pieces_list pieces)
 {
     const invocation self(function);
     core *const world = self.world();
@@ -70,7 +70,8 @@ qerrno send(fn function, argument_list args, l2vpn_ipc_client_t client, std::uin
         return ENOENT;
     std::unique_lock guard(world->lock);
     ++world->sends;
-    const qerrno status = self.failing() ? self.status() : send_status(*world, client, class_id, pieces);
+    const qerrno status =
+        self.failing() ? self.status() : send_status(*world, client, class_id, destination, pieces);
     const bool sent = !self.failing() && status == EOK;
     link_state &link = world->link_of(class_id);
     const auto handler = sent ? link.on_send : nullptr;
@@ -280,12 +281,12 @@ qerrno l2vpn_ipc_ucast(l2vpn_ipc_client_t client, uint32_t class_id, uint32_t de
 {
     const iovec piece{const_cast<void *>(message), length};
     return send(fn::l2vpn_ipc_ucast, arguments(client, class_id, destination, message, length, options),
-                client, class_id, {&piece, 1});
+                client, class_id, destination, {&piece, 1});
 }
 
 qerrno l2vpn_ipc_ucastv(l2vpn_ipc_client_t client, uint32_t class_id, uint32_t destination,
                         const struct iovec *pieces, uint32_t count, uint32_t options)
 {
     return send(fn::l2vpn_ipc_ucastv, arguments(client, class_id, destination, pieces, count, options),
-                client, class_id, {pieces, pieces == nullptr ? 0 : count});
+                client, class_id, destination, {pieces, pieces == nullptr ? 0 : count});
 }

@@ -180,13 +180,14 @@ TEST(sim_links, malformed_sends_are_refused)
     const iovec nowhere{nullptr, 16};
     const auto refused = static_cast<qerrno>(EINVAL);
     EXPECT_EQ(owner.sends(message_of(15)), refused);
-    EXPECT_EQ(l2vpn_ipc_ucast(owner.client, class_id, 0, nullptr, 16, 0), refused);
-    EXPECT_EQ(l2vpn_ipc_ucast(nullptr, class_id, 0, message.data(), 16, 0), refused);
-    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, 0, nullptr, 1, 0), refused);
-    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, 0, &nowhere, 1, 0), refused);
-    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, 0, pieces.data(), 0, 0), refused);
-    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, 0, pieces.data(), 17, 0), refused);
-    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, 0, pieces.data(), 16, 0), static_cast<qerrno>(EOK));
+    EXPECT_EQ(l2vpn_ipc_ucast(owner.client, class_id, L2VPN_IPC_DEST_L2VPN, nullptr, 16, 0), refused);
+    EXPECT_EQ(l2vpn_ipc_ucast(nullptr, class_id, L2VPN_IPC_DEST_L2VPN, message.data(), 16, 0), refused);
+    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, L2VPN_IPC_DEST_L2VPN, nullptr, 1, 0), refused);
+    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, L2VPN_IPC_DEST_L2VPN, &nowhere, 1, 0), refused);
+    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, L2VPN_IPC_DEST_L2VPN, pieces.data(), 0, 0), refused);
+    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, L2VPN_IPC_DEST_L2VPN, pieces.data(), 17, 0), refused);
+    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, L2VPN_IPC_DEST_L2VPN, pieces.data(), 16, 0),
+              static_cast<qerrno>(EOK));
     EXPECT_EQ(world.link_of(class_id).sent().size(), 1U);
 }
 
@@ -230,11 +231,22 @@ TEST(sim_links, mtu_by_class)
     EXPECT_EQ(l2vpn_ipc_transport_mtu_get(nullptr, class_id, &mtu), static_cast<qerrno>(EINVAL));
     EXPECT_EQ(mtu, 20U);
 
-    EXPECT_EQ(other.sends(message_of(21)), static_cast<qerrno>(EOK));
-    world.set.enforce_mtu = true;
     EXPECT_EQ(other.sends(message_of(21)), static_cast<qerrno>(EMSGSIZE));
     EXPECT_EQ(other.sends(message_of(20)), static_cast<qerrno>(EOK));
     EXPECT_EQ(owner.sends(message_of(21)), static_cast<qerrno>(EOK));
+    world.set.enforce_mtu = false;
+    EXPECT_EQ(other.sends(message_of(21)), static_cast<qerrno>(EOK));
+}
+
+TEST(sim_links, deliver_to_the_process_and_nowhere_else)
+{
+    world world;
+    owner owner(world);
+    const bytes message = message_of(16);
+    EXPECT_EQ(l2vpn_ipc_ucast(owner.client, class_id, 1, message.data(), 16, 0), static_cast<qerrno>(EINVAL));
+    const iovec piece{const_cast<std::uint8_t *>(message.data()), 16};
+    EXPECT_EQ(l2vpn_ipc_ucastv(owner.client, class_id, 0, &piece, 1, 0), static_cast<qerrno>(EINVAL));
+    EXPECT_TRUE(world.link_of(class_id).sent().empty());
 }
 
 TEST(sim_links, endless_sending_ends)

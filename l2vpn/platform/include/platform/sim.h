@@ -220,7 +220,7 @@ struct settings {
                                           the test had fail are recorded always */
     bool record = true;                /* false: count calls, record none, keep no message (for benchmarks) */
     bool shuffle_equal_timers = false; /* timers of equal expiry come in an order drawn from the seed */
-    bool enforce_mtu = false;          /* sends above the MTU fail with EMSGSIZE */
+    bool enforce_mtu = true;           /* sends above the MTU fail with EMSGSIZE */
     std::uint64_t max_sends = 1000000; /* after so many, sends fail with ENOBUFS: no endless sending */
     std::uint64_t max_handlers = 1000000; /* one run() or advance() that calls more throws
                                              std::runtime_error, event_mgr_run() ends with ELOOP */
