@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace process_test;
 namespace fs = std::filesystem;
@@ -14,6 +16,15 @@ namespace {
 system_test::result run_daemon(const std::vector<std::string> &arguments)
 {
     return system_test::run(system_test::binary("l2vpnd"), arguments);
+}
+
+/* Root as it is without its power over files, everybody else as they are. */
+system_test::result run_without_power(const std::string &program, std::vector<std::string> arguments)
+{
+    if (geteuid() != 0)
+        return system_test::run(program, arguments);
+    arguments.insert(arguments.begin(), {"--bounding-set", "-dac_override,-dac_read_search", program});
+    return system_test::run("/usr/bin/setpriv", arguments);
 }
 
 /* Sockets only: an empty folder is all that a clean end leaves. */
@@ -207,6 +218,36 @@ TEST(daemon_start, without_permission_is_one_clear_line)
     EXPECT_EQ(got.status, 1);
     EXPECT_TRUE(is_one_line(got.err));
     EXPECT_NE(got.err.find("/proc/l2vpn"), std::string::npos);
+}
+
+TEST(daemon_start, in_a_folder_that_may_not_be_written_is_one_clear_line)
+{
+    const system_test::temp_dir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0500), 0);
+    const std::string place = dir.file("run");
+    const std::pair<const char *, std::vector<std::string>> programs[] = {
+        {"l2vpnd", {"--runtime-dir", place, "--nodeid", "1"}},
+        {"l2vpnctl", {"--runtime-dir", place, "status"}},
+    };
+    for (const auto &[name, arguments] : programs) {
+        const system_test::result got = run_without_power(system_test::binary(name), arguments);
+        EXPECT_GT(got.status, 0) << name;
+        EXPECT_TRUE(is_one_line(got.err)) << got.err;
+        EXPECT_NE(got.err.find(place), std::string::npos) << got.err;
+    }
+    ASSERT_EQ(chmod(dir.path().c_str(), 0700), 0);
+}
+
+TEST(daemon_start, of_a_socket_that_may_not_be_opened_is_one_clear_line)
+{
+    const system_test::temp_dir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0), 0);
+    const system_test::result got =
+        run_without_power(system_test::binary("l2vpnctl"), {"--runtime-dir", dir.path(), "status"});
+    ASSERT_EQ(chmod(dir.path().c_str(), 0700), 0);
+    EXPECT_GT(got.status, 0);
+    EXPECT_TRUE(is_one_line(got.err)) << got.err;
+    EXPECT_NE(got.err.find("Permission denied"), std::string::npos) << got.err;
 }
 
 TEST(daemon_start, help_and_version)

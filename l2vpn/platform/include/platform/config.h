@@ -12,7 +12,8 @@
  *   L2VPN_SEND_TIMEOUT_MS  how long a send waits for room, 0 to 60000. Default 1000
  *   L2VPN_LOG              where else warnings and errors of the links to the L2VPN process go, beside the
  *                          system's log: syslog (nowhere else) or stderr. Default syslog
- *   L2VPN_DEBUG            where debug texts go: off, stderr or syslog. Default off
+ *   L2VPN_DEBUG            where debug texts go: off, stderr or syslog (the journal's too, where systemd
+ *                          has one). Default off
  *   L2VPN_TRACE            the trace ring: off, or on (a file of its own under the runtime directory,
  *                          NAME-PID.trace; of processes of that name that have ended, the newest 4 are
  *                          kept), or the file's path, which has a slash in it. Default off
