@@ -125,7 +125,7 @@ void after_fork_in_child()
     open_channels.fetch_and(~to_ring);
     monitor_locks_in(nullptr);
     if (ring *parents = current.exchange(nullptr); parents != nullptr) {
-        parents->release_file();
+        parents->leave_file();
     }
     writers.store(0);
     forget_thread_id();

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 #include <ctime>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <utility>
 
@@ -103,6 +104,12 @@ std::unique_ptr<ring> ring::create(const std::string &path, std::uint64_t size, 
         return nullptr;
     }
     return std::unique_ptr<ring>(new ring(path, file.take(), map));
+}
+
+void ring::release_file() noexcept
+{
+    (void)::flock(file_.get(), LOCK_UN);
+    file_.reset();
 }
 
 ring::ring(std::string path, platform_posix::unique_fd file, std::span<std::byte> map)

@@ -55,8 +55,10 @@ public:
     /* What a dying process says, made beforehand: it ends with a newline. */
     [[nodiscard]] const std::string &farewell() const noexcept { return farewell_; }
 
-    /* The file is not in use by this process any more. It stays mapped. */
-    void release_file() noexcept { file_.reset(); }
+    /* The file is not in use by this process any more. It stays mapped, which would keep its lock. */
+    void release_file() noexcept;
+    /* The same in a child, whose parent goes on with the file and its lock. */
+    void leave_file() noexcept { file_.reset(); }
 
 private:
     ring(std::string path, platform_posix::unique_fd file, std::span<std::byte> map);
