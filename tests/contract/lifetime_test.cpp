@@ -121,6 +121,25 @@ TEST_P(disconnected_during, a_request_leaves_other_clients_alone)
     EXPECT_EQ(sent(5).size(), 1u);
 }
 
+/* An address may be a client's before that is connected: a handle of that value meets nobody, and takes
+ * nothing away. Nor does one of any other value. */
+class in_the_making : public contract {};
+
+TEST_F(in_the_making, a_client_is_nobodys_handle)
+{
+    connect(5);
+    qerrno same = 0, other = 0;
+    world.before(fn::mgd_timer_leaf_new, [&] {
+        const auto address = static_cast<std::uint64_t>(world.calls(fn::calloc_named).back().result);
+        same = lib.update(reinterpret_cast<l2vpn_ac_client_hd_t>(address), 0, 0, nullptr, nullptr);
+        other = lib.update(reinterpret_cast<l2vpn_ac_client_hd_t>(this), 0, 0, nullptr, nullptr);
+    });
+    const auto hd = connect(4);
+    EXPECT_EQ(same, 22u);
+    EXPECT_EQ(other, 22u);
+    EXPECT_EQ(lib.update(hd, 0, 0, nullptr, nullptr), 0u);
+}
+
 class timer : public contract {};
 
 TEST_F(timer, of_a_client_that_is_disconnected_while_it_runs)
