@@ -50,28 +50,6 @@ op drawn(random_source &random, std::span<const weight> from)
     return op::run;
 }
 
-constexpr fn failing[] = {
-    fn::platform_get_my_nodeid,
-    fn::calloc_named,
-    fn::event_async_attach_event,
-    fn::mgd_timer_tree_new,
-    fn::mgd_timer_parent_new,
-    fn::mgd_timer_leaf_new,
-    fn::mgd_timer_leaf_set_addl_context,
-    fn::mgd_timer_leaf_get_addl_context,
-    fn::mgd_timer_tree_first_expired,
-    fn::wavl_init,
-    fn::wavl_insert,
-    fn::l2vpn_ipc_client_init,
-    fn::l2vpn_ipc_class_init,
-    fn::l2vpn_ipc_class_deinit,
-    fn::l2vpn_ipc_transport_mtu_get,
-    fn::l2vpn_ipc_ucast,
-    fn::l2vpn_ipc_ucastv,
-    fn::l2vpn_ac_data_sanitize,
-    fn::l2vpn_debug_init,
-};
-
 constexpr fn failing_at_init[] = {
     fn::platform_get_my_nodeid,
     fn::event_async_attach_event,

@@ -12,6 +12,29 @@
 
 namespace simulation {
 
+/* The functions whose failing a scenario may ask for; over many scenarios, all of them do fail. */
+inline constexpr fn failing[] = {
+    fn::platform_get_my_nodeid,
+    fn::calloc_named,
+    fn::event_async_attach_event,
+    fn::mgd_timer_tree_new,
+    fn::mgd_timer_parent_new,
+    fn::mgd_timer_leaf_new,
+    fn::mgd_timer_leaf_set_addl_context,
+    fn::mgd_timer_leaf_get_addl_context,
+    fn::mgd_timer_tree_first_expired,
+    fn::wavl_init,
+    fn::wavl_insert,
+    fn::l2vpn_ipc_client_init,
+    fn::l2vpn_ipc_class_init,
+    fn::l2vpn_ipc_class_deinit,
+    fn::l2vpn_ipc_transport_mtu_get,
+    fn::l2vpn_ipc_ucast,
+    fn::l2vpn_ipc_ucastv,
+    fn::l2vpn_ac_data_sanitize,
+    fn::l2vpn_debug_init,
+};
+
 class generator {
 public:
     explicit generator(std::uint64_t seed);
