@@ -43,10 +43,11 @@ if(L2VPN_SANITIZE)
     endif()
 endif()
 if(L2VPN_COVERAGE)
-    # The counters are in a shared mapping of the file, so that those of a program that is killed count too.
+    # The counters are in a shared mapping of the file, so that those of a program that is killed count too;
+    # they are counted up atomically, or threads and processes that meet would make branches up that never ran.
     target_compile_options(l2vpn_build INTERFACE
         -fprofile-instr-generate=${PROJECT_BINARY_DIR}/coverage/%m%c.profraw -fcoverage-mapping
-        "SHELL:-mllvm -runtime-counter-relocation")
+        -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation")
     target_link_options(l2vpn_build INTERFACE -fprofile-instr-generate)
     set(L2VPN_UNCOUNTED -fno-profile-instr-generate -fno-coverage-mapping)
 endif()
