@@ -1,0 +1,57 @@
+# What `cmake --install` installs: the libraries with their headers and what finds them (pkg-config files and
+# a CMake package), the daemon with its units, the tools. All of it can be moved as a whole afterwards, but for
+# the units: systemd wants absolute paths.
+include(CMakePackageConfigHelpers)
+
+set(L2VPN_UNITDIR lib/systemd/system CACHE STRING "Where systemd's units go, below the prefix or absolute")
+option(L2VPN_MAN "Make man pages of the programs' own help, with help2man" OFF)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/l2vpn_ac)
+set(packaging ${PROJECT_SOURCE_DIR}/packaging)
+set(made ${PROJECT_BINARY_DIR}/packaging)
+
+# --------------------------------------------------------------------------------------------------------
+# Libraries and programs. They find their libraries in the same tree, wherever it is.
+
+set(libraries l2vpn_ac l2vpn_platform l2vpn_sim)
+set(programs l2vpnctl l2vpn-trace)
+file(RELATIVE_PATH from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH from_sbin ${CMAKE_INSTALL_FULL_SBINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+set_target_properties(${libraries} PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${from_bin}")
+set_target_properties(l2vpnd PROPERTIES INSTALL_RPATH "$ORIGIN/${from_sbin}")
+
+install(TARGETS ${libraries} l2vpn_ac_headers l2vpn_platform_headers EXPORT l2vpn_ac FILE_SET HEADERS)
+install(TARGETS ${programs})
+install(TARGETS l2vpnd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+
+# --------------------------------------------------------------------------------------------------------
+# What other builds find them by
+
+foreach(target IN LISTS libraries ITEMS l2vpn_ac_headers l2vpn_platform_headers)
+    string(REGEX REPLACE "^l2vpn_" "" name ${target})
+    set_target_properties(${target} PROPERTIES EXPORT_NAME ${name})
+    add_library(l2vpn::${name} ALIAS ${target})
+endforeach()
+install(EXPORT l2vpn_ac NAMESPACE l2vpn:: FILE l2vpn_ac-targets.cmake DESTINATION ${package_dir})
+configure_package_config_file(${packaging}/l2vpn_ac-config.cmake.in ${made}/l2vpn_ac-config.cmake
+    INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${made}/l2vpn_ac-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${made}/l2vpn_ac-config.cmake ${made}/l2vpn_ac-config-version.cmake DESTINATION ${package_dir})
+
+# l2vpn_pkg_config(LIBRARY DESCRIPTION [REQUIRES]): its file, with every path beside its own.
+file(RELATIVE_PATH to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" to_prefix "${to_prefix}")
+function(l2vpn_pkg_config library description)
+    set(requires ${ARGN})
+    configure_file(${packaging}/library.pc.in ${made}/${library}.pc @ONLY)
+    install(FILES ${made}/${library}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+l2vpn_pkg_config(l2vpn_ac "L2VPN attachment circuit client library" l2vpn_platform)
+l2vpn_pkg_config(l2vpn_platform "The platform of the L2VPN AC client library on Linux")
+l2vpn_pkg_config(l2vpn_sim "The simulated platform of the L2VPN AC client library, for tests")
+
+# --------------------------------------------------------------------------------------------------------
+# What else the programs come with
+
+install(FILES ${packaging}/completion/l2vpnctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)

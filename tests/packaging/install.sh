@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+#
+# install.sh CMAKE BUILD CC CXX: installs a build, moves what was installed to another place, and uses it from
+# there. Nothing in it may remember where it was built or installed.
+
+set -euo pipefail
+shopt -s inherit_errexit
+cmake=$1 build=$2 cc=$3 cxx=$4
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() {
+    printf 'install.sh: %s\n' "$*" >&2
+    exit 1
+}
+
+"$cmake" --install "$build" --prefix "$work/first" >/dev/null
+mv "$work/first" "$work/moved"
+prefix=$work/moved
+lib=$(dirname "$(find "$prefix" -name libl2vpn_ac.so.1)")
+
+missing=()
+for file in bin/l2vpnctl bin/l2vpn-trace sbin/l2vpnd include/l2vpn/l2vpn_ac_api.h include/platform/platform.h \
+    include/platform/sim.h share/bash-completion/completions/l2vpnctl; do
+    if [[ ! -e $prefix/$file ]]; then missing+=("$file"); fi
+done
+for library in l2vpn_ac l2vpn_platform l2vpn_sim; do
+    for file in "lib$library.so" "lib$library.so.1" "pkgconfig/$library.pc"; do
+        if [[ ! -e $lib/$file ]]; then missing+=("$lib/$file"); fi
+    done
+    if ! readelf -d "$lib/lib$library.so" | grep -q "SONAME.*\[lib$library\.so\.1\]"; then
+        fail "lib$library.so has no SONAME lib$library.so.1"
+    fi
+done
+if ((${#missing[@]} > 0)); then fail "not installed: ${missing[*]}"; fi
+
+# In what is text, where it was; in programs and libraries, where the loader is to look.
+if found=$(grep -rIl -e "$work/first" -e "$build" "$prefix"); then fail "these tell of another place: $found"; fi
+for file in "$prefix"/bin/* "$prefix"/sbin/* "$lib"/*.so; do
+    if readelf -d "$file" | grep -E 'R(UN)?PATH' | grep -v -F "[\$ORIGIN"; then fail "$file looks elsewhere"; fi
+done
+
+CMAKE_PREFIX_PATH=$prefix PKG_CONFIG_PATH=$lib/pkgconfig RPATH=$lib PATH=$prefix/bin:$prefix/sbin:$PATH \
+    "$here/use.sh" "$cc" "$cxx" "$cmake" "$here/consumer"
