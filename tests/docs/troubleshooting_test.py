@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""troubleshooting_test.py ROOT: every text that the library, the platform and l2vpnd log has an entry.
+
+The texts are taken from the sources: every string literal that a person would read, but for those named here. An
+entry's lines are the indented ones of the page; a text has one when what never changes in it stands on such a line.
+"""
+
+import pathlib
+import re
+import sys
+
+from faults import Faults
+from texts import ASIDE, fragments, is_for_people, literals
+
+root = pathlib.Path(sys.argv[1])
+FOLDERS = ["lib/src", "platform/common", "platform/posix", "process"]
+
+# Files whose texts are answers, not logs.
+ANSWERS = {
+    "process/options.cpp": "the help, and its one line on a bad command line",
+    "process/control_request.cpp": "what operators are answered: docs/process.md has their codes",
+    "process/verbs.cpp": "the same",
+    "process/verbs_ac.cpp": "the same",
+    "process/verbs_mstp.cpp": "the same",
+    "process/verbs_notify.cpp": "the same",
+}
+# Texts that nobody is shown.
+NOT_LOGGED = {
+    "L2VPN AC Client ctx": "names an allocation",
+    "AC info msg array": "names an allocation",
+    "AC data array": "names an allocation",
+    "nothing wrong": "of no fault",
+    "nothing is wrong": "of no fault",
+    "Unknown error 4294967295": "its length is asked for",
+}
+COMMANDS = ("l2vpnctl ", "journalctl ")
+# Texts made from conditions, not from literals.
+ASSERTIONS = re.compile(r"\bL2VPN_AC_ASSERT\((.*)\);")
+
+
+def entries(page):
+    """The indented lines that begin a block, after an empty line, but for commands."""
+    blocks = re.findall(r"(?:^|\n\n)((?:    \S?[^\n]*\n)+)(?=\n)", page)
+    return [(line[4:], block) for block in blocks for line in block.split("\n") if line.strip()]
+
+
+def main():
+    faults = Faults()
+    page = (root / "docs/troubleshooting.md").read_text()
+    lines = [line for line, _ in entries(page)]
+    used, patterns = set(), []
+    for folder in FOLDERS:
+        for path in sorted((root / "l2vpn" / folder).rglob("*")):
+            name = str(path.relative_to(root / "l2vpn"))
+            if path.suffix not in (".cpp", ".h") or name in ANSWERS:
+                used.add(name)
+                continue
+            source = path.read_text()
+            texts = [text for text in literals(source) if is_for_people(text)]
+            texts += [text for text in ASSERTIONS.findall(ASIDE.sub("", source))]
+            for text in texts:
+                if text in NOT_LOGGED:
+                    used.add(text)
+                    continue
+                parts = fragments(text)
+                if parts:
+                    patterns.append(re.compile(".*?".join(re.escape(part) for part in parts)))
+                    faults.check(any(patterns[-1].search(line) for line in lines),
+                                 f"l2vpn/{name}: '{text}' has no entry in docs/troubleshooting.md")
+    for name in ANSWERS.keys() | NOT_LOGGED.keys():
+        faults.check(name in used, f"'{name}' is no text or file of the sources any more")
+    for line, block in entries(page):
+        faults.check(line.startswith(COMMANDS) or any(pattern.search(line) for pattern in patterns),
+                     f"docs/troubleshooting.md: '{line}' is no text of the sources any more")
+        faults.check(re.search(rf"{re.escape(block)}\n+[A-Z`(-].", page) or line.startswith(COMMANDS),
+                     f"docs/troubleshooting.md: nothing is told of '{line}'")
+    faults.end(least=250)
+
+
+main()
