@@ -1,6 +1,8 @@
 #include "counting_platform.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -9,8 +11,16 @@ namespace {
 
 std::uint32_t s_mtu = 65536;
 counting::counts s_counts;
+counting::outlet *s_outlet;
+struct {
+    std::uint32_t class_id;
+    l2vpn_ipc_msg_cb_t msg_cb;
+    void *cookie;
+} s_registered;
 std::vector<wavl_node_t *> s_nodes;
 wavl_get_key_t s_get_key;
+std::atomic<double> s_longest_wait;
+thread_local std::chrono::steady_clock::time_point s_wait_begin;
 char s_something;
 
 template <typename T>
@@ -33,6 +43,22 @@ counts take()
 void set_mtu(std::uint32_t mtu)
 {
     s_mtu = mtu;
+}
+
+void set_outlet(outlet *to)
+{
+    s_outlet = to;
+}
+
+void deliver(void *message, std::uint32_t length)
+{
+    s_registered.msg_cb(something<l2vpn_ipc_client>(), s_registered.class_id, 0, message, length, 0,
+                        s_registered.cookie);
+}
+
+double longest_wait()
+{
+    return s_longest_wait.exchange(0);
 }
 
 event_mgr_p evm()
@@ -129,9 +155,10 @@ qerrno l2vpn_ipc_client_init(event_mgr_p, const char *, l2vpn_ipc_client_t *clie
     *client = something<l2vpn_ipc_client>();
     return EOK;
 }
-qerrno l2vpn_ipc_class_init(l2vpn_ipc_client_t, uint32_t, uint32_t, l2vpn_ipc_msg_cb_t, l2vpn_ipc_evt_cb_t,
-                            void *, void *)
+qerrno l2vpn_ipc_class_init(l2vpn_ipc_client_t, uint32_t class_id, uint32_t, l2vpn_ipc_msg_cb_t msg_cb,
+                            l2vpn_ipc_evt_cb_t, void *, void *cookie)
 {
+    s_registered = {class_id, msg_cb, cookie};
     return EOK;
 }
 qerrno l2vpn_ipc_class_deinit(l2vpn_ipc_client_t, uint32_t, uint32_t)
@@ -143,19 +170,21 @@ qerrno l2vpn_ipc_transport_mtu_get(l2vpn_ipc_client_t, uint32_t, uint32_t *mtu)
     *mtu = s_mtu;
     return EOK;
 }
-qerrno l2vpn_ipc_ucast(l2vpn_ipc_client_t, uint32_t, uint32_t, const void *, uint32_t length, uint32_t)
-{
-    ++s_counts.messages;
-    s_counts.bytes += length;
-    return EOK;
-}
 qerrno l2vpn_ipc_ucastv(l2vpn_ipc_client_t, uint32_t, uint32_t, const struct iovec *pieces, uint32_t count,
                         uint32_t)
 {
     ++s_counts.messages;
     for (uint32_t i = 0; i < count; ++i)
         s_counts.bytes += pieces[i].iov_len;
+    if (s_outlet != nullptr)
+        s_outlet->put(pieces, count);
     return EOK;
+}
+qerrno l2vpn_ipc_ucast(l2vpn_ipc_client_t client, uint32_t class_id, uint32_t destination,
+                       const void *message, uint32_t length, uint32_t options)
+{
+    const struct iovec piece = {const_cast<void *>(message), length};
+    return l2vpn_ipc_ucastv(client, class_id, destination, &piece, 1, options);
 }
 
 qerrno l2vpn_ac_data_sanitize(uint32_t, const l2vpn_ac_data_entry_t *entries, struct l2vpn_ac_defn *,
@@ -168,8 +197,17 @@ qerrno l2vpn_ac_data_sanitize(uint32_t, const l2vpn_ac_data_entry_t *entries, st
     return EOK;
 }
 
-void ptd_set_mutex_block(pthread_mutex_t *, const char *, uint32_t) {}
-void ptd_unset_mutex_block() {}
+void ptd_set_mutex_block(pthread_mutex_t *, const char *, uint32_t)
+{
+    s_wait_begin = std::chrono::steady_clock::now();
+}
+void ptd_unset_mutex_block()
+{
+    const std::chrono::duration<double, std::nano> waited = std::chrono::steady_clock::now() - s_wait_begin;
+    double longest = s_longest_wait;
+    while (waited.count() > longest && !s_longest_wait.compare_exchange_weak(longest, waited.count()))
+        ;
+}
 
 const gen_dbg_bitset_t *gen_dbg_get_enabled_bitset()
 {

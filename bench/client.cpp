@@ -1,0 +1,54 @@
+#include "client.h"
+
+#include "counting_platform.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+provisioned_fn s_call;
+void *s_context;
+
+qerrno status(l2vpn_ac_client_hd_t, uint32_t, uint32_t)
+{
+    return EOK;
+}
+
+qerrno provisioned(l2vpn_ac_client_hd_t, uint32_t count, ifhtype *handles, l2vpn_ac_xcid_data_t *data,
+                   uint32_t)
+{
+    if (s_call != nullptr)
+        s_call(s_context, count, handles, data);
+    return EOK;
+}
+
+} // namespace
+
+void on_provisioned(provisioned_fn call, void *context)
+{
+    s_call = call;
+    s_context = context;
+}
+
+void must(qerrno status, const char *what)
+{
+    if (status == EOK)
+        return;
+    std::fprintf(stderr, "l2vpn_bench: %s: status %u\n", what, status);
+    std::exit(1);
+}
+
+bench_client::bench_client(uint32_t class_id, uint32_t mtu)
+{
+    static l2vpn_ac_callback_vector_t callbacks = {};
+    callbacks.status_cb = status;
+    callbacks.prov_cb = provisioned;
+    counting::set_mtu(mtu);
+    must(l2vpn_ac_process_connect(counting::evm(), 0, class_id, &callbacks, &handle_), "connect");
+}
+
+bench_client::~bench_client()
+{
+    must(l2vpn_ac_process_disconnect(handle_), "disconnect");
+}

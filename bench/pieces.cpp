@@ -1,0 +1,113 @@
+/*
+ * The small pieces, by Google Benchmark: spanning-tree requests, the conversion of provisioned data, and the
+ * fixed cost of a request.
+ */
+#include "client.h"
+#include "counting_platform.h"
+#include "drain.h"
+#include "job.h"
+#include "messages.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t mtu = 65536;
+
+template <typename T>
+void memcpy_of(benchmark::State &state)
+{
+    const auto count = static_cast<size_t>(state.range(0));
+    const std::vector<T> from(count);
+    std::vector<T> to(count);
+    for (auto _ : state) {
+        memcpy(to.data(), from.data(), count * sizeof(T));
+        benchmark::DoNotOptimize(to.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+template <typename T, qerrno (*request)(l2vpn_ac_client_hd_t, uint32_t, T *, uint32_t)>
+void library(benchmark::State &state)
+{
+    const bench_client client(0, mtu);
+    std::vector<T> records(static_cast<size_t>(state.range(0)));
+    for (auto _ : state)
+        must(request(client.handle(), 0, records.data(), static_cast<uint32_t>(records.size())), "request");
+}
+
+/* To the wire and back, as one writes it down. */
+void plain_vid_map(benchmark::State &state)
+{
+    std::vector<l2vpn_msti_vid_map_t> map(static_cast<size_t>(state.range(0)));
+    for (auto _ : state) {
+        for (int direction = 0; direction < 2; ++direction) {
+            for (l2vpn_msti_vid_map_t &entry : map) {
+                entry.half = __builtin_bswap16(entry.half);
+                entry.half2 = __builtin_bswap16(entry.half2);
+            }
+            benchmark::DoNotOptimize(map.data());
+            benchmark::ClobberMemory();
+        }
+    }
+}
+
+void one_create(benchmark::State &state)
+{
+    const bench_client client(0, mtu);
+    create_job job(0, mtu, 1);
+    for (auto _ : state) {
+        must(l2vpn_ac_create(client.handle(), 0, 1, job.handles.data(), job.definitions.data(),
+                             job.infos.data()),
+             "create");
+    }
+}
+
+void one_delete(benchmark::State &state)
+{
+    const bench_client client(0, mtu);
+    create_job job(0, mtu, 1);
+    for (auto _ : state)
+        must(l2vpn_ac_delete(client.handle(), 0, 1, job.handles.data()), "delete");
+}
+
+void one_send(benchmark::State &state, drain &socket, size_t size)
+{
+    socket.fit(mtu);
+    std::vector<char> message(size);
+    const iovec piece = {message.data(), size};
+    for (auto _ : state)
+        socket.put(&piece, 1);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    using namespace benchmark;
+    drain socket; /* first: it forks */
+    for (const int64_t count : {300, 10000}) {
+        RegisterBenchmark("port request/library", library<l2vpn_mstp_req_t, l2vpn_mstp_port_request>)
+            ->Arg(count);
+        RegisterBenchmark("port request/memcpy", memcpy_of<l2vpn_mstp_req_t>)->Arg(count);
+        RegisterBenchmark("root/library", library<l2vpn_msti_root_t, l2vpn_mstp_root>)->Arg(count);
+        RegisterBenchmark("root/memcpy", memcpy_of<l2vpn_msti_root_t>)->Arg(count);
+    }
+    RegisterBenchmark("VLAN map/library", library<l2vpn_msti_vid_map_t, l2vpn_msti_vid_map>)->Arg(4094);
+    RegisterBenchmark("VLAN map/plain loop", plain_vid_map)->Arg(4094);
+    RegisterBenchmark("create of one/library", one_create)->Arg(1);
+    RegisterBenchmark("delete of one/library", one_delete)->Arg(1);
+    const auto send = [&socket](size_t size) {
+        return [&socket, size](State &state) { one_send(state, socket, size); };
+    };
+    RegisterBenchmark("create of one/sendmsg", send(656))->Arg(1);
+    RegisterBenchmark("delete of one/sendmsg", send(20))->Arg(1);
+
+    Initialize(&argc, argv);
+    if (ReportUnrecognizedArguments(argc, argv))
+        return 2;
+    RunSpecifiedBenchmarks();
+    return 0;
+}

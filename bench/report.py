@@ -1,0 +1,136 @@
+#!/usr/bin/env python3
+"""Tables of what was measured, the goals beside it, and, with --write, the same in docs/performance.md with
+its pictures.
+
+usage: report.py TIMES.json PIECES.json [--write DOCS]
+"""
+
+import json
+import pathlib
+import sys
+
+import goals
+import plots
+
+BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
+
+
+class Run:
+    """What one run measured; times in nanoseconds."""
+
+    def __init__(self, times_path, pieces_path):
+        self.all = json.loads(pathlib.Path(times_path).read_text(encoding="utf-8"))
+        self.machine = self.all["machine"]
+        self.jobs = {}  # (operation, class, MTU, ACs) -> {what: entry}; the last measurement of a job counts
+        for entry in self.all["times"]:
+            job = (entry["operation"], entry["class"], entry["mtu"], entry["acs"])
+            self.jobs.setdefault(job, {})[entry["what"]] = entry
+        measured = json.loads(pathlib.Path(pieces_path).read_text(encoding="utf-8"))["benchmarks"]
+        quartiles = {}
+        for entry in measured:
+            if entry["run_type"] == "iteration":
+                quartiles.setdefault(entry["name"], []).append(entry["cpu_time"])
+        self.pieces = {name: sorted(times)[(len(times) - 1) // 4] for name, times in quartiles.items()}
+
+    def time(self, operation, class_id, mtu, acs, what):
+        entry = self.jobs.get((operation, class_id, mtu, acs), {}).get(what)
+        return entry["ns"] if entry else None
+
+
+def table(header, rows):
+    """Markdown that reads well as text, too: the first column to the left, the others to the right."""
+    cells = [header] + [[str(cell) for cell in row] for row in rows]
+    widths = [max(len(row[i]) for row in cells) for i in range(len(header))]
+
+    def line(row):
+        aligned = [row[0].ljust(widths[0])] + [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
+        return "| " + " | ".join(aligned) + " |"
+
+    rule = "|" + "-" * (widths[0] + 2) + "|" + "|".join("-" * (width + 1) + ":" for width in widths[1:]) + "|"
+    return "\n".join([line(cells[0]), rule] + [line(row) for row in cells[1:]])
+
+
+def number(value):
+    return f"{value:.3f}" if value < 0.1 else f"{value:.2f}" if value < 100 else f"{value:,.0f}"
+
+
+def machine_text(run):
+    machine = run.machine
+    return (f"{machine['processor']}, {machine['processors']} processors ({machine['caches']}), "
+            f"{machine['system']}, {machine['compiler']}.")
+
+
+def goals_table(run):
+    rows = [(name, acs, number(ratio), number(limit), "met" if ratio <= limit else "**not met**")
+            for name, acs, ratio, limit in goals.judged(run)]
+    met = sum(row[4] == "met" for row in rows)
+    return table(["goal", "ACs", "measured", "at most", ""], rows) + f"\n\n{met} of {len(rows)} are met."
+
+
+def spread(entry, acs):
+    return f"{entry['p10'] / acs:.1f} to {entry['p90'] / acs:.1f}"
+
+
+def ratio_tables(run):
+    for operation in ("create", "update", "delete", "provision"):
+        jobs = {job: what for job, what in run.jobs.items() if job[0] == operation and "library" in what}
+        others = list(dict.fromkeys(name for what in jobs.values() for name in what if name != "library"))
+        rows = []
+        for (_, class_id, mtu, acs), what in sorted(jobs.items()):
+            library = what["library"]
+            rows.append([f"class {class_id}, MTU {mtu:,}, {acs:,} ACs", f"{library['ns'] / acs:.1f}",
+                         spread(library, acs)] +
+                        [number(library["ns"] / what[name]["ns"]) if name in what else "" for name in others])
+        if rows:
+            header = [operation, "ns per AC", "10 % to 90 %"] + ["/ " + other for other in others]
+            yield table(header, rows)
+
+
+def owners_text(run):
+    for figure in run.all.get("owners", []):
+        yield (f"{figure['owners']} owners, each on a thread of its own, create, update and delete "
+               f"{figure['acs_each']:,} ACs, all at once: {figure['total_ms']:.0f} ms in all; the longest "
+               f"wait for the library's lock was {figure['longest_wait_ms']:.0f} ms.")
+
+
+def process_text(run):
+    for figure in run.all.get("process", []):
+        yield (f"{figure['acs']:,} ACs of class 0 to l2vpnd: the owner's create took "
+               f"{figure['send_ms']:.0f} ms, of which {figure['send_cpu_ms']:.0f} ms of its own; the process needed "
+               f"{figure['store_cpu_ms']:.0f} ms of its own, and {figure['bytes_per_ac']:.0f} bytes an AC.")
+
+
+def measured(run):
+    parts = ["Measured on: " + machine_text(run), "### Goals", goals_table(run), "### Ratios",
+             "The library's time divided by that of what a column names; below 1 the library is faster. Times "
+             "are lower quartiles of the thread's own time, the spread is the library's."]
+    for text in ratio_tables(run):
+        parts.append(text)
+    scale = list(owners_text(run)) + list(process_text(run))
+    if scale:
+        parts += ["### Scale"] + scale
+    return "\n\n".join(parts)
+
+
+def write(run, docs):
+    path = docs / "performance.md"
+    text = path.read_text(encoding="utf-8")
+    if text.count(BEGIN) != 1 or text.count(END) != 1:
+        sys.exit(f"report.py: {path}: needs one '{BEGIN}' and one '{END}'")
+    before, rest = text.split(BEGIN)
+    after = rest.split(END)[1]
+    path.write_text(before + BEGIN + "\n\n" + measured(run) + "\n\n" + END + after, encoding="utf-8")
+    plots.draw(run, docs)
+
+
+def main(arguments):
+    if len(arguments) not in (2, 4) or (len(arguments) == 4 and arguments[2] != "--write"):
+        sys.exit("usage: report.py TIMES.json PIECES.json [--write DOCS]")
+    run = Run(*arguments[:2])
+    print(measured(run))
+    if len(arguments) == 4:
+        write(run, pathlib.Path(arguments[3]))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])

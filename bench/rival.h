@@ -1,0 +1,47 @@
+/*
+ * What a user would write, or pick, instead of the library. Each is written as its makers advise: room is
+ * reserved, objects and buffers are used again, nothing is copied that need not be.
+ */
+#ifndef BENCH_RIVAL_H
+#define BENCH_RIVAL_H
+
+#include "counting_platform.h"
+#include "job.h"
+
+#include <algorithm>
+#include <memory>
+#include <span>
+
+class rival {
+public:
+    virtual ~rival() = default;
+    virtual const char *name() const = 0;
+
+    /* Encodes the ACs from `first` to before `end` as one message, and puts it out. */
+    virtual void create(const create_job &job, uint32_t first, uint32_t end, counting::outlet &out) = 0;
+
+    /* What create() put out, decoded without haste. The arrays of `read` have the right size. */
+    virtual void read_create(std::span<const std::byte> message, create_job &read, uint32_t first) = 0;
+
+    /* A provision message of the whole job, encoded without haste; `words` because 8-aligned. */
+    virtual std::vector<uint64_t> provision(const provision_job &job, size_t &size) = 0;
+
+    /* Decodes it into arrays that are there; what it does not write in a record is zeroed. False: garbage. */
+    virtual bool read_provision(std::span<const std::byte> message, provision_job &read) = 0;
+};
+
+std::unique_ptr<rival> stream_rival(); /* field by field, into a buffer that grows */
+std::unique_ptr<rival> packed_rival(); /* copies records into a message, and swaps there */
+std::unique_ptr<rival> protobuf_rival();
+std::unique_ptr<rival> flatbuffers_rival();
+std::unique_ptr<rival> capnproto_rival();
+
+/* Of an encoded message that is known to be of a multiple of 8 bytes, or is padded to it. */
+inline std::vector<uint64_t> aligned_copy(const void *message, size_t size)
+{
+    std::vector<uint64_t> words((size + 7) / 8);
+    std::copy_n(static_cast<const std::byte *>(message), size, reinterpret_cast<std::byte *>(words.data()));
+    return words;
+}
+
+#endif
