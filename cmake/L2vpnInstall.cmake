@@ -1,10 +1,9 @@
 # What `cmake --install` installs: the libraries with their headers and what finds them (pkg-config files and
 # a CMake package), the daemon with its units, the tools. All of it can be moved as a whole afterwards, but for
-# the units: systemd wants absolute paths.
+# the unit: systemd wants absolute paths.
 include(CMakePackageConfigHelpers)
 
 set(L2VPN_UNITDIR lib/systemd/system CACHE STRING "Where systemd's units go, below the prefix or absolute")
-option(L2VPN_MAN "Make man pages of the programs' own help, with help2man" OFF)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/l2vpn_ac)
 set(packaging ${PROJECT_SOURCE_DIR}/packaging)
@@ -55,3 +54,19 @@ l2vpn_pkg_config(l2vpn_sim "The simulated platform of the L2VPN AC client librar
 # What else the programs come with
 
 install(FILES ${packaging}/completion/l2vpnctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+file(GLOB manuals CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.[1-8])
+foreach(manual IN LISTS manuals)
+    string(REGEX MATCH "[1-8]$" section ${manual})
+    install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
+
+# The unit names the daemon where it is being installed, which is known only then.
+install(CODE "
+    cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
+    cmake_path(APPEND prefix \"${CMAKE_INSTALL_SBINDIR}\" OUTPUT_VARIABLE sbindir)
+    cmake_path(APPEND prefix \"${CMAKE_INSTALL_SYSCONFDIR}\" OUTPUT_VARIABLE sysconfdir)
+    configure_file(\"${packaging}/systemd/l2vpnd.service.in\" \"${made}/l2vpnd.service\" @ONLY)")
+install(FILES ${made}/l2vpnd.service ${packaging}/systemd/l2vpnd.socket DESTINATION ${L2VPN_UNITDIR})
+install(FILES ${packaging}/systemd/sysusers.conf DESTINATION lib/sysusers.d RENAME l2vpnd.conf)
+install(FILES ${packaging}/systemd/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME l2vpnd.conf)
+install(FILES ${packaging}/systemd/l2vpnd.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/l2vpn)

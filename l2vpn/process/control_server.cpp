@@ -46,6 +46,14 @@ const char *set_owner_and_mode(const control_options &options)
     return chmod(options.path.c_str(), options.mode) == 0 ? "" : "cannot set the mode of";
 }
 
+/* With the cause in errno. */
+qerrno open_failed(const control_options &options, const char *what, std::string *error)
+{
+    const qerrno status = errno != 0 ? static_cast<qerrno>(errno) : EIO;
+    *error = std::string(what) + " the control socket " + options.path + ": " + qerr_strerror(status);
+    return status;
+}
+
 } // namespace
 
 control_server::control_server(event_mgr_p evm, const verb_context &context, event_log &log)
@@ -71,11 +79,24 @@ control_server::~control_server()
 
 qerrno control_server::open(const control_options &options, std::string *error)
 {
-    const auto failed = [&](const char *what) {
-        const qerrno status = errno != 0 ? static_cast<qerrno>(errno) : EIO;
-        *error = std::string(what) + " the control socket " + options.path + ": " + qerr_strerror(status);
-        return status;
-    };
+    m_path = options.path;
+    if (options.listen_fd < 0) {
+        if (const qerrno status = make_socket(options, error); status != EOK) {
+            return status;
+        }
+    } else {
+        m_fd = options.listen_fd;
+        if (fcntl(m_fd, F_SETFL, O_NONBLOCK) != 0) {
+            return open_failed(options, "cannot listen on", error);
+        }
+    }
+    m_watch = event_fd_watch(m_evm, m_fd, EVENT_FD_READ, on_connect, this);
+    return m_watch != nullptr ? EOK : open_failed(options, "cannot watch", error);
+}
+
+qerrno control_server::make_socket(const control_options &options, std::string *error)
+{
+    const auto failed = [&](const char *what) { return open_failed(options, what, error); };
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (options.path.size() >= sizeof address.sun_path) {
@@ -83,7 +104,6 @@ qerrno control_server::open(const control_options &options, std::string *error)
         return failed("cannot make");
     }
     options.path.copy(address.sun_path, sizeof address.sun_path - 1);
-    m_path = options.path;
     if (const qerrno status = remove_socket(m_path); status != EOK) {
         errno = static_cast<int>(status);
         return failed(status == ENOTSOCK ? "something else is in the way of" : "cannot make");
@@ -107,11 +127,7 @@ qerrno control_server::open(const control_options &options, std::string *error)
     if (const char *what = set_owner_and_mode(options); *what != '\0') {
         return failed(what);
     }
-    if (listen(m_fd, 16) != 0) {
-        return failed("cannot listen on");
-    }
-    m_watch = event_fd_watch(m_evm, m_fd, EVENT_FD_READ, on_connect, this);
-    return m_watch != nullptr ? EOK : failed("cannot watch");
+    return listen(m_fd, 16) == 0 ? EOK : failed("cannot listen on");
 }
 
 void control_server::on_connect(event_fd_watch_t * /*watch*/, int /*fd*/, uint32_t /*events*/, void *arg)

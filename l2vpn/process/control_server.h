@@ -24,6 +24,7 @@ namespace l2vpnd {
 
 struct control_options {
     std::string path;
+    int listen_fd = -1; /* a socket that listens at the path already; its file stays when the server goes */
     mode_t mode = 0660;
     const char *group = nullptr; /* null: the process's own */
 };
@@ -69,6 +70,7 @@ private:
     static void on_connect(event_fd_watch_t *watch, int fd, uint32_t events, void *arg);
     static void on_ready(event_fd_watch_t *watch, int fd, uint32_t events, void *arg);
 
+    qerrno make_socket(const control_options &options, std::string *error);
     void accept_one();
     bool make_room();
     void refuse(int fd, const char *why);

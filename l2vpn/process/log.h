@@ -31,6 +31,7 @@ public:
     event_log(sink out, int least_level, now_fn now = clock::now);
 
     void write(topic about, int level, const char *format, ...) PLATFORM_PRINTF(4, 5);
+    void set_least_level(int level) { m_least_level = level; }
     uint64_t suppressed() const { return m_suppressed; }
     uint64_t lost() const { return m_lost; }
 

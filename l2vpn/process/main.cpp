@@ -11,12 +11,14 @@
 #include "control_server.h"
 #include "options.h"
 #include "service.h"
+#include "supervisor.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <new>
 #include <platform/config.h>
@@ -26,6 +28,7 @@
 #include <sys/signalfd.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace l2vpnd;
 
@@ -50,25 +53,64 @@ std::string text_of(int cause)
     return qerr_strerror(static_cast<qerrno>(cause));
 }
 
-/* SIGTERM and SIGINT end the program, SIGHUP is left for later, SIGPIPE is never wanted. */
+/* SIGTERM and SIGINT end the program, SIGHUP has the options read again, SIGPIPE is never wanted. */
 int make_signal_fd()
 {
-    signal(SIGHUP, SIG_IGN);
     signal(SIGPIPE, SIG_IGN);
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
 }
 
+/* What signals ask for. */
+struct requests {
+    bool stop = false;
+    std::function<void()> reload;
+};
+
 void on_signal(event_fd_watch_t * /*watch*/, int fd, uint32_t /*events*/, void *arg)
 {
+    requests &asked = *static_cast<requests *>(arg);
     signalfd_siginfo info{};
-    if (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-        *static_cast<bool *>(arg) = true;
+    if (read(fd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) {
+        return;
     }
+    if (info.ssi_signo == SIGHUP) {
+        asked.reload();
+    } else {
+        asked.stop = true;
+    }
+}
+
+int least_level(const program_options &options)
+{
+    return options.verbose ? LOG_DEBUG : LOG_NOTICE;
+}
+
+/* Takes over what can change while links are open. Bad options change nothing. */
+void reload(int argc, char **argv, const program_options &started_with, l2vpn_process &process,
+            event_log &log)
+try {
+    program_options fresh;
+    if (const std::string wrong = read_again(argc, argv, fresh); !wrong.empty()) {
+        log.write(topic::life, LOG_ERR, "nothing is changed: %s", wrong.c_str());
+        return;
+    }
+    process.set_auto_provision(fresh.process.auto_provision);
+    log.set_least_level(least_level(fresh));
+    log.write(topic::life, LOG_NOTICE, "read the options again: auto-provision is %s, verbose is %s",
+              fresh.process.auto_provision ? "on" : "off", fresh.verbose ? "on" : "off");
+    fresh.process.auto_provision = started_with.process.auto_provision;
+    fresh.verbose = started_with.verbose;
+    if (fresh != started_with) {
+        log.write(topic::life, LOG_WARNING, "other options have changed, and count from the next start on");
+    }
+} catch (const std::bad_alloc &) {
+    log.write(topic::life, LOG_ERR, "nothing is changed: out of memory");
 }
 
 /* As it was given, for people. */
@@ -111,8 +153,9 @@ exit_status serve(event_mgr_p evm, l2vpn_process &process, control_server &contr
     return exit_ok;
 }
 
-exit_status run(program_options &options)
+exit_status run(int argc, char **argv, program_options options)
 {
+    const program_options started_with = options;
     if (!options.runtime_dir.empty()) {
         std::error_code error;
         options.runtime_dir = std::filesystem::absolute(options.runtime_dir, error);
@@ -120,6 +163,11 @@ exit_status run(program_options &options)
             return fail("cannot tell the current directory: " + text_of(error.value()));
         }
         setenv("L2VPN_RUNTIME_DIR", options.runtime_dir.c_str(), 1);
+    }
+    std::string error;
+    passed_sockets passed;
+    if (!take_passed_sockets(&passed, &error)) {
+        return fail(error);
     }
     char service_path[sizeof(sockaddr_un::sun_path)];
     if (const qerrno status = platform_service_path("L2VPN", service_path, sizeof service_path);
@@ -133,32 +181,37 @@ exit_status run(program_options &options)
     }
 
     event_log log(options.to_syslog ? event_log::to_syslog("l2vpnd") : event_log::to_stderr("l2vpnd"),
-                  options.verbose ? LOG_DEBUG : LOG_NOTICE);
+                  least_level(options));
 
-    bool stopping = false;
+    requests asked;
     const int signals = make_signal_fd();
     const std::unique_ptr<event_mgr, free_event_mgr> evm(event_mgr_new());
     if (signals < 0 || evm == nullptr ||
-        event_fd_watch(evm.get(), signals, EVENT_FD_READ, on_signal, &stopping) == nullptr) {
+        event_fd_watch(evm.get(), signals, EVENT_FD_READ, on_signal, &asked) == nullptr) {
         return fail("cannot start: " + text_of(errno));
     }
     l2vpn_debug_init(evm.get()); /* a trace that cannot be written has its line, and nothing ends for it */
 
     service owners(log);
     l2vpn_process process(options.process, owners, log);
+    asked.reload = [&] {
+        tell_reloading();
+        reload(argc, argv, started_with, process, log);
+        tell_ready(owners.path());
+    };
     l2vpn_ipc_server_options_t server{};
     server.nodeid = options.process.nodeid;
     server.mtu = options.mtu;
     server.max_peers = options.process.max_owners + greeting_peers;
-    server.listen_fd = -1;
+    server.listen_fd = passed.owners;
     server.group = options.group.empty() ? nullptr : options.group.c_str();
-    std::string error;
     if (const qerrno status = owners.open(evm.get(), server, process, &error); status != EOK) {
         return fail(error, status == EADDRINUSE ? exit_in_use : exit_failed);
     }
 
     control_options control{};
-    control.path = control_path(owners.path());
+    control.listen_fd = passed.operators;
+    control.path = passed.operators >= 0 ? passed.operators_path : control_path(owners.path());
     control.group = server.group;
     control_server operators(evm.get(), {process, owners.path(), control.path}, log);
     if (operators.open(control, &error) != EOK) {
@@ -167,7 +220,9 @@ exit_status run(program_options &options)
     if (printf("l2vpnd: ready on %s\n", owners.path().c_str()) < 0 || fflush(stdout) != 0) {
         return fail("cannot write to standard output: " + text_of(errno));
     }
-    const exit_status status = serve(evm.get(), process, operators, stopping);
+    tell_ready(owners.path());
+    const exit_status status = serve(evm.get(), process, operators, asked.stop);
+    tell_stopping();
     owners.close();
     return status;
 }
@@ -181,7 +236,7 @@ int main(int argc, char **argv)
         if (const auto status = read_command_line(argc, argv, options)) {
             return *status;
         }
-        return run(options);
+        return run(argc, argv, std::move(options));
     } catch (const std::bad_alloc &) {
         return fail("out of memory");
     } catch (const std::exception &error) {

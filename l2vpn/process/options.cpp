@@ -19,6 +19,9 @@ constexpr uint32_t most_owners = 65536;
 void describe(CLI::App &app, program_options &options)
 {
     app.set_version_flag("--version", "l2vpnd " L2VPN_VERSION, "Print the version");
+    app.set_config("--config", "", "File of options, a line each: NAME = VALUE, without the dashes")
+        ->type_name("FILE");
+    app.allow_config_extras(CLI::config_extras_mode::error);
     app.add_option("--runtime-dir", options.runtime_dir, "Directory of the sockets")
         ->type_name("DIR")
         ->check(
@@ -55,6 +58,13 @@ void describe(CLI::App &app, program_options &options)
         "Numbers may be given in hexadecimal (0x...).");
 }
 
+std::string one_line(const CLI::ParseError &error)
+{
+    std::string line = error.what();
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return line;
+}
+
 } // namespace
 
 std::optional<exit_status> read_command_line(int argc, char **argv, program_options &options)
@@ -70,9 +80,7 @@ std::optional<exit_status> read_command_line(int argc, char **argv, program_opti
     } catch (const CLI::CallForVersion &) {
         std::cout << "l2vpnd " L2VPN_VERSION "\n";
     } catch (const CLI::ParseError &error) {
-        std::string line = error.what();
-        std::replace(line.begin(), line.end(), '\n', ' ');
-        std::cerr << "l2vpnd: " << line << " (see l2vpnd --help)\n";
+        std::cerr << "l2vpnd: " << one_line(error) << " (see l2vpnd --help)\n";
         return exit_usage;
     }
     if (!std::cout.flush()) {
@@ -80,6 +88,18 @@ std::optional<exit_status> read_command_line(int argc, char **argv, program_opti
         return exit_failed;
     }
     return exit_ok;
+}
+
+std::string read_again(int argc, char **argv, program_options &options)
+{
+    CLI::App app;
+    describe(app, options);
+    try {
+        app.parse(argc, argv);
+        return {};
+    } catch (const CLI::ParseError &error) {
+        return one_line(error);
+    }
 }
 
 } // namespace l2vpnd

@@ -22,10 +22,15 @@ struct program_options {
     bool to_syslog = false;
     bool verbose = false;
     process_options process;
+
+    bool operator==(const program_options &other) const = default;
 };
 
 /* Returns nothing when the program is to go on, else what it is to end with: the text was printed. */
 std::optional<exit_status> read_command_line(int argc, char **argv, program_options &options);
+
+/* The same for what the file of options says by now. Empty: done; else a line that says what is wrong. */
+std::string read_again(int argc, char **argv, program_options &options);
 
 } // namespace l2vpnd
 

@@ -37,6 +37,8 @@ struct process_options {
     uint32_t max_owners = 4096;
     uint32_t max_mstp = 1'000'000; /* roots, port states and protections of all owners */
     bool auto_provision = false;
+
+    bool operator==(const process_options &other) const = default;
 };
 
 /* Takes messages to owners; the part of <platform/ipc_server.h> that the process needs. */
@@ -69,6 +71,8 @@ public:
     qerrno send(owner &to, uint32_t type, bytes message);
 
     const process_options &options() const { return m_options; }
+    /* For batches that are completed from now on. */
+    void set_auto_provision(bool wanted) { m_options.auto_provision = wanted; }
     const ac_table &acs() const { return m_acs; }
     const owner_table &owners() const { return m_owners; }
     owner &owner_at(uint32_t slot) { return m_owners.at(slot); }

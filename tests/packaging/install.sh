@@ -34,8 +34,12 @@ for library in l2vpn_ac l2vpn_platform l2vpn_sim; do
 done
 if ((${#missing[@]} > 0)); then fail "not installed: ${missing[*]}"; fi
 
-# In what is text, where it was; in programs and libraries, where the loader is to look.
-if found=$(grep -rIl -e "$work/first" -e "$build" "$prefix"); then fail "these tell of another place: $found"; fi
+# The unit alone says where all was installed: systemd wants to know.
+unit=lib/systemd/system/l2vpnd.service
+if ! grep -q "^ExecStart=$work/first/sbin/l2vpnd " "$prefix/$unit"; then fail "$unit starts something else"; fi
+if found=$(grep -rIl -e "$work/first" -e "$build" "$prefix" | grep -v -F "$unit"); then
+    fail "these tell of another place: $found"
+fi
 for file in "$prefix"/bin/* "$prefix"/sbin/* "$lib"/*.so; do
     if readelf -d "$file" | grep -E 'R(UN)?PATH' | grep -v -F "[\$ORIGIN"; then fail "$file looks elsewhere"; fi
 done
