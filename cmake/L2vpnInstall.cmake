@@ -19,6 +19,7 @@ file(RELATIVE_PATH from_sbin ${CMAKE_INSTALL_FULL_SBINDIR} ${CMAKE_INSTALL_FULL_
 set_target_properties(${libraries} PROPERTIES INSTALL_RPATH "$ORIGIN")
 set_target_properties(${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${from_bin}")
 set_target_properties(l2vpnd PROPERTIES INSTALL_RPATH "$ORIGIN/${from_sbin}")
+set_target_properties(${libraries} ${programs} l2vpnd PROPERTIES BUILD_RPATH_USE_ORIGIN ON)
 
 install(TARGETS ${libraries} l2vpn_ac_headers l2vpn_platform_headers EXPORT l2vpn_ac FILE_SET HEADERS)
 install(TARGETS ${programs})
@@ -55,6 +56,7 @@ l2vpn_pkg_config(l2vpn_sim "The simulated platform of the L2VPN AC client librar
 
 install(FILES ${packaging}/completion/l2vpnctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 file(GLOB manuals CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.[1-8])
+list(FILTER manuals EXCLUDE REGEX /l2vpn-owner) # an example
 foreach(manual IN LISTS manuals)
     string(REGEX MATCH "[1-8]$" section ${manual})
     install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
