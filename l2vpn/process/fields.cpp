@@ -99,6 +99,7 @@ constexpr std::array s_mstp_state = {
 };
 constexpr std::array s_protection = {field{"name", 0, 1, name_len, field_kind::text}, octets("tail", 64, 4),
                                      number("word", 68, 4)};
+constexpr std::array s_vid_map = {number("msti", 0, 2), number("vlan", 2, 2)};
 constexpr std::array s_bulk_notify = {number("word", 0, 4),    number("half", 4, 2),
                                       octets("octets", 6, 2),  number("words", 8, 4, 4),
                                       octets("opaque", 24, 4), number("word2", 28, 4)};
@@ -107,6 +108,26 @@ static_assert(covers(s_msti_root, 0, 8));
 static_assert(covers(s_mstp_state, 0, 96));
 static_assert(covers(s_protection, 0, 72));
 static_assert(covers(s_bulk_notify, 0, 32));
+static_assert(covers(s_vid_map, 0, 4));
+
+constexpr std::array s_data = {number("common", 0, 4, 7)};
+constexpr std::array s_data_half = {number("common", 0, 4, 7), octets("octets", 28, 2),
+                                    number("half", 30, 2)};
+constexpr std::array s_data_halves = {number("common", 0, 4, 7), number("half", 28, 2),
+                                      number("half2", 30, 2)};
+constexpr std::array s_data_class8 = {
+    number("common", 0, 4, 7),   octets("opaque", 28, 36),     number("word", 64, 4),
+    octets("opaque2", 68, 2560), number("words", 2628, 4, 4),  number("word2", 2644, 4),
+    octets("octets", 2648, 4),   number("words2", 2652, 4, 4), number("word3", 2668, 4),
+    number("word4", 2672, 4),
+};
+constexpr std::array s_data_class11 = {number("common", 0, 4, 7), octets("octets", 28, 39)};
+
+static_assert(covers(s_data, 0, 28));
+static_assert(covers(s_data_half, 0, 32));
+static_assert(covers(s_data_halves, 0, 32));
+static_assert(covers(s_data_class8, 0, 2676));
+static_assert(covers(s_data_class11, 0, 67));
 
 /* clang-format off */
 constexpr std::array<field_list, class_count> s_definitions = {
@@ -118,6 +139,11 @@ constexpr std::array<field_list, class_count> s_infos = {
     s_info_half,   s_info_half,  s_info_halves, field_list{}, field_list{}, field_list{},
     s_info_class6, s_info_class7, s_info_class8, field_list{}, field_list{}, s_info_class11,
     field_list{},  field_list{}, field_list{},  field_list{}, s_info_half,  field_list{},
+};
+constexpr std::array<field_list, class_count> s_provisions = {
+    s_data_half,   s_data_half,  s_data_halves, s_data,       s_data,       s_data,
+    s_data,        field_list{}, s_data_class8, field_list{}, s_data,       s_data_class11,
+    s_data,        s_data,       s_data,        field_list{}, s_data_half,  field_list{},
 };
 /* clang-format on */
 
@@ -184,6 +210,15 @@ field_list mstp_protection_fields()
 field_list bulk_notify_fields()
 {
     return s_bulk_notify;
+}
+
+field_list vid_map_fields()
+{
+    return s_vid_map;
+}
+field_list provision_fields(uint32_t class_id)
+{
+    return class_id < class_count ? s_provisions[class_id] : field_list{};
 }
 
 void show_fields(field_list fields, bytes record, size_t longest, json &out)

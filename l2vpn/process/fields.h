@@ -42,6 +42,9 @@ field_list msti_root_fields();
 field_list mstp_state_fields();
 field_list mstp_protection_fields();
 field_list bulk_notify_fields();
+field_list vid_map_fields();
+/* Of the record that provisions an AC; empty for a class without a layout for it. */
+field_list provision_fields(uint32_t class_id);
 
 /* Adds the fields of `record` to `out`, an object. Octets longer than `longest` bytes are left out. */
 void show_fields(field_list fields, bytes record, size_t longest, json &out);

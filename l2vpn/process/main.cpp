@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <grp.h>
 #include <functional>
 #include <memory>
 #include <new>
@@ -26,6 +27,7 @@
 #include <platform/event_loop.h>
 #include <platform/node.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <utility>
@@ -35,6 +37,7 @@ using namespace l2vpnd;
 namespace {
 
 constexpr uint32_t greeting_peers = 64; /* links that are opening, beside the owners */
+constexpr mode_t ring_mode = 0640;
 constexpr int short_wait_ms = 5;
 constexpr int long_wait_ms = 1000;
 
@@ -127,6 +130,21 @@ std::string control_path(const std::string &service_path)
     return service_path.substr(0, service_path.rfind('/') + 1) + "L2VPN.ctl";
 }
 
+/* As much as the sockets, it is for the group's members to read. A process that cannot record serves all the
+ * same: what is wrong has its line. */
+void start_capture(const program_options &options)
+{
+    if (platform_capture_set(options.capture.c_str(), options.capture_size, 0) != EOK) {
+        return;
+    }
+    const char *path = platform_capture_path();
+    const group *readers = options.group.empty() ? nullptr : getgrnam(options.group.c_str());
+    if (*path != '\0' && ((readers != nullptr && chown(path, static_cast<uid_t>(-1), readers->gr_gid) != 0) ||
+                          chmod(path, ring_mode) != 0)) {
+        fprintf(stderr, "l2vpnd: %s: only its owner may read it: %s\n", path, text_of(errno).c_str());
+    }
+}
+
 /* Runs until told to stop. What waits for owners is tried again every few milliseconds while there is any. */
 exit_status serve(event_mgr_p evm, l2vpn_process &process, control_server &control, const bool &stopping)
 {
@@ -208,6 +226,7 @@ exit_status run(int argc, char **argv, program_options options)
     if (const qerrno status = owners.open(evm.get(), server, process, &error); status != EOK) {
         return fail(error, status == EADDRINUSE ? exit_in_use : exit_failed);
     }
+    start_capture(options);
 
     control_options control{};
     control.listen_fd = passed.operators;

@@ -15,6 +15,8 @@ constexpr uint32_t largest_mtu = 1048576;
 constexpr uint32_t largest_nodeid = 0xFFFFFFFEu;
 constexpr uint32_t most_acs = 100'000'000;
 constexpr uint32_t most_owners = 65536;
+constexpr uint32_t smallest_ring = 64; /* KiB */
+constexpr uint32_t largest_ring = 1048576;
 
 void describe(CLI::App &app, program_options &options)
 {
@@ -46,6 +48,20 @@ void describe(CLI::App &app, program_options &options)
     app.add_option("--max-mstp", options.process.max_mstp, "MSTP records that are kept at most")
         ->type_name("N")
         ->check(CLI::Range(uint32_t{1}, most_acs).description(""))
+        ->capture_default_str();
+    app.add_option(
+           "--capture", options.capture,
+           "Ring of the latest messages: on (the runtime directory's l2vpnd-PID.ring), off, or a path "
+           "with a slash in it")
+        ->type_name("WHERE")
+        ->capture_default_str()
+        ->check([](const std::string &where) {
+            const bool good = where == "on" || where == "off" || where.find('/') != std::string::npos;
+            return good ? std::string() : "'" + where + "' is not on, off or a path with a slash in it";
+        });
+    app.add_option("--capture-size", options.capture_size, "Size of that ring")
+        ->type_name("KIB")
+        ->check(CLI::Range(smallest_ring, largest_ring).description(""))
         ->capture_default_str();
     app.add_option("--log", "Where the log goes")
         ->type_name("stderr|syslog")

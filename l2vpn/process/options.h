@@ -19,6 +19,8 @@ struct program_options {
     std::string group;       /* empty: the process's own */
     std::optional<uint32_t> nodeid;
     uint32_t mtu = 0; /* 0: the platform's default */
+    std::string capture = "on";
+    uint32_t capture_size = 16 * 1024; /* KiB */
     bool to_syslog = false;
     bool verbose = false;
     process_options process;

@@ -3,6 +3,7 @@
  */
 #include "verbs.h"
 
+#include <platform/config.h>
 #include <unistd.h>
 
 #ifndef L2VPN_VERSION
@@ -172,6 +173,7 @@ answer_ptr verb_status(const verb_context &context, arguments & /*args*/)
         {"nodeid", o.nodeid},
         {"socket", context.service_path},
         {"control", context.control_path},
+        {"capture", platform_capture_path()},
         {"since", p.since()},
         {"uptime", time(nullptr) - p.since()},
         {"auto_provision", o.auto_provision},

@@ -4,6 +4,7 @@
 #ifndef L2VPNCTL_COMMAND_LINE_H
 #define L2VPNCTL_COMMAND_LINE_H
 
+#include "recordings.h"
 #include "views.h"
 
 #include <chrono>
@@ -19,6 +20,7 @@ struct command {
     const char *rows = nullptr;    /* the list of rows; null: the answer is the result alone */
     const char *summary = nullptr; /* the result beside the rows */
     view_ptr (*view)() = nullptr;
+    void (*run)(const command_line &line) = nullptr; /* does all of it, where it is more than a request */
 };
 
 struct command_line {
@@ -27,6 +29,7 @@ struct command_line {
     bool as_json = false;
     std::string colour = "auto";
     command what;
+    recording_options recordings;
 };
 
 /* Returns nothing when the program is to go on, else what it is to end with: the text was printed. */

@@ -72,6 +72,10 @@ int main(int argc, char **argv)
         if (const auto status = read_command_line(argc, argv, line)) {
             return *status;
         }
+        if (line.what.run != nullptr) {
+            line.what.run(line);
+            return fflush(stdout) == 0 ? exit_ok : exit_failed;
+        }
         control_link link(control_path(line.runtime_dir), line.patience);
         (line.as_json ? ask_for_programs : ask_for_people)(link, line);
         if (fflush(stdout) != 0) {

@@ -17,7 +17,8 @@ protected:
     {
         m_daemon = std::make_unique<system_test::child>(
             system_test::binary("l2vpnd"),
-            std::vector<std::string>{"--runtime-dir", m_dir.path(), "--nodeid", "1", "--auto-provision"},
+            std::vector<std::string>{"--runtime-dir", m_dir.path(), "--nodeid", "1", "--auto-provision",
+                                     "--capture", "off"},
             std::vector<std::string>{"L2VPN_TRACE=" + where});
         ASSERT_TRUE(m_daemon->says("l2vpnd: ready on " + socket_path() + "\n")) << m_daemon->err();
     }

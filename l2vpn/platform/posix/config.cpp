@@ -3,6 +3,7 @@
  * once because the reading happens once, and its default holds. An empty value is as good as none. Set-id
  * programs do not listen to their environment.
  */
+#include "capture/format.h"
 #include "config_internal.h"
 
 #include <platform/config.h>
@@ -63,6 +64,8 @@ constexpr std::array number_rows{
     number_row{"L2VPN_MTU", &configuration::mtu, 16, 1048576, 65536},
     number_row{"L2VPN_SEND_TIMEOUT_MS", &configuration::send_timeout_ms, 0, 60000, 1000},
     number_row{"L2VPN_TRACE_SIZE", &configuration::trace_size_kib, 64, 1048576, 1024},
+    number_row{"L2VPN_CAPTURE_SIZE", &configuration::capture_size_kib, 64, 1048576, 256},
+    number_row{"L2VPN_CAPTURE_SNAP", &configuration::capture_snap, 16, 1048576, capture::one_slot_message},
 };
 
 std::uint32_t number_of(const number_row &row)
@@ -151,13 +154,14 @@ std::string debug_sink()
     return "off";
 }
 
-std::string trace()
+/* Off, on or a file. */
+std::string place(const char *name)
 {
-    const auto text = environment("L2VPN_TRACE");
+    const auto text = environment(name);
     if (!text || *text == "off" || *text == "on" || text->find('/') != std::string_view::npos) {
         return std::string(text.value_or("off"));
     }
-    complain("L2VPN_TRACE", *text, "not off, on or a path with a slash in it; using off");
+    complain(name, *text, "not off, on or a path with a slash in it; using off");
     return "off";
 }
 
@@ -171,7 +175,8 @@ configuration read_environment()
     }
     read.log_to_stderr = log_to_stderr();
     read.debug_sink = debug_sink();
-    read.trace = trace();
+    read.trace = place("L2VPN_TRACE");
+    read.capture = place("L2VPN_CAPTURE");
     return read;
 }
 
@@ -225,10 +230,11 @@ qerrno platform_service_path(const char *service, char *path, size_t size)
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string_view::npos) {
         return EINVAL;
     }
-    const std::string full = l2vpn::platform_posix::config().runtime_dir + "/" + service + ".sock";
-    if (full.size() >= size || full.size() >= sizeof(sockaddr_un::sun_path)) {
+    const std::string &directory = l2vpn::platform_posix::config().runtime_dir;
+    const std::size_t length = directory.size() + name.size() + std::strlen("/.sock");
+    if (length >= size || length >= sizeof(sockaddr_un::sun_path)) {
         return ENAMETOOLONG;
     }
-    std::memcpy(path, full.c_str(), full.size() + 1);
+    std::snprintf(path, size, "%s/%s.sock", directory.c_str(), service);
     return EOK;
 }

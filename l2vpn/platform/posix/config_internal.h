@@ -26,6 +26,9 @@ struct configuration {
     std::string debug_sink;
     std::string trace;
     std::uint32_t trace_size_kib = 0;
+    std::string capture;
+    std::uint32_t capture_size_kib = 0;
+    std::uint32_t capture_snap = 0;
 };
 
 /* The configuration, read from the environment by the first call. Any thread. */

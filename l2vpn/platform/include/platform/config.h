@@ -18,6 +18,11 @@
  *                          NAME-PID.trace; of processes of that name that have ended, the newest 4 are
  *                          kept), or the file's path, which has a slash in it. Default off
  *   L2VPN_TRACE_SIZE       size of the trace ring in KiB, 64 to 1048576. Default 1024
+ *   L2VPN_CAPTURE          the ring of an owner's latest messages: off, or on (a file of its own under the
+ *                          runtime directory, NAME-PID.ring; of processes of that name that have ended, the
+ *                          newest 2 are kept), or the file's path, which has a slash in it. Default off
+ *   L2VPN_CAPTURE_SIZE     size of that ring in KiB, 64 to 1048576. Default 256
+ *   L2VPN_CAPTURE_SNAP     how many bytes of a message it keeps, 16 to 1048576. Default 160
  *
  * A value that cannot be used is reported once on standard error, with the variable's name, and the
  * default is used; only a bad L2VPN_NODEID is an error of platform_get_my_nodeid().
@@ -51,6 +56,19 @@ qerrno platform_trace_set(const char *where);
 /* The path of the trace file in use, or an empty string. Readable until the same thread asks again. Any
  * thread. */
 const char *platform_trace_path(void);
+
+/*
+ * Has a server keep its latest messages in a ring of `size_kib` KiB (64 to 1048576), `snap` bytes of each (0: all
+ * of it, as far as a quarter of the ring takes it). `where` is off, on or a path, as L2VPN_CAPTURE. Owners
+ * have the environment variable.
+ *
+ * EOK; EINVAL: none of these; others as platform_trace_set(), with a line on standard error. A ring that was in
+ * use stays mapped until the process ends. A forked child has no ring. Any thread.
+ */
+qerrno platform_capture_set(const char *where, uint32_t size_kib, uint32_t snap);
+
+/* The path of the ring in use, or an empty string. Readable until the same thread asks again. Any thread. */
+const char *platform_capture_path(void);
 
 /* A place in the program that waited for mutexes, as the lock monitor knows it. */
 typedef struct platform_lock_site {

@@ -4,6 +4,7 @@
  */
 #include "client.h"
 
+#include "../capture/capture.h"
 #include "../config_internal.h"
 
 #include <cerrno>
@@ -118,6 +119,36 @@ uint64_t message_length(const iovec *pieces, uint32_t count)
     return length >= message_min ? length : 0;
 }
 
+/* Writes to `tried` whose message it was, unless it waits now: then it is recorded when it goes out. */
+qerrno send_or_queue(l2vpn_ipc_client &client, uint32_t class_id, const iovec *pieces, uint32_t count,
+                     uint64_t length, registration_ptr &tried)
+{
+    link_ptr connection;
+    {
+        const std::lock_guard guard(client.lock);
+        const registration_ptr from = find_class(client, class_id);
+        if (!from) {
+            return ENOENT;
+        }
+        if (length > from->mtu) {
+            return EMSGSIZE;
+        }
+        if (from->state != link_state::up && !from->was_up) {
+            return from->queue.push(pieces, count, length);
+        }
+        tried = from;
+        if (from->state != link_state::up) {
+            return ENOTCONN;
+        }
+        connection = from->connection;
+    }
+    const qerrno status = connection->send(pieces, count, client.send_timeout_ms);
+    if (status != EOK) {
+        connection->hang_up(status);
+    }
+    return status == ENOTCONN && connection->cause() == ENOENT ? qerrno{ENOENT} : status;
+}
+
 } // namespace
 
 extern "C" qerrno l2vpn_ipc_client_init(event_mgr_p evm, const char *service, l2vpn_ipc_client_t *client)
@@ -130,6 +161,7 @@ extern "C" qerrno l2vpn_ipc_client_init(event_mgr_p evm, const char *service, l2
         return status;
     }
     try {
+        l2vpn::capture::begin_owner();
         return make_client(evm, service, path, client);
     } catch (const std::bad_alloc &) {
         return ENOMEM;
@@ -206,26 +238,13 @@ extern "C" qerrno l2vpn_ipc_ucastv(l2vpn_ipc_client_t client, uint32_t class_id,
     if (client == nullptr || length == 0 || destination != L2VPN_IPC_DEST_L2VPN) {
         return EINVAL;
     }
-    link_ptr connection;
-    {
-        const std::lock_guard guard(client->lock);
-        const registration_ptr from = find_class(*client, class_id);
-        if (!from) {
-            return ENOENT;
-        }
-        if (length > from->mtu) {
-            return EMSGSIZE;
-        }
-        if (from->state != link_state::up) {
-            return from->was_up ? qerrno{ENOTCONN} : from->queue.push(pieces, count, length);
-        }
-        connection = from->connection;
+    registration_ptr tried;
+    const qerrno status = send_or_queue(*client, class_id, pieces, count, length, tried);
+    if (tried) {
+        client_record(*tried, l2vpn::capture::record_kind::message, l2vpn::capture::flow::to_process, status,
+                      pieces, count);
     }
-    const qerrno status = connection->send(pieces, count, client->send_timeout_ms);
-    if (status != EOK) {
-        connection->hang_up(status);
-    }
-    return status == ENOTCONN && connection->cause() == ENOENT ? qerrno{ENOENT} : status;
+    return status;
 }
 
 extern "C" qerrno l2vpn_ipc_ucast(l2vpn_ipc_client_t client, uint32_t class_id, uint32_t destination,

@@ -66,6 +66,11 @@ void tell(const l2vpn_ipc_client &client, registration &of, int level, const std
     }
 }
 
+void record(const registration &of, capture::record_kind kind, qerrno status = EOK)
+{
+    client_record(of, kind, capture::flow::none, status);
+}
+
 /* An established link has ended. */
 void link_down(l2vpn_ipc_client &client, registration &of, qerrno reason)
 {
@@ -83,6 +88,7 @@ void link_down(l2vpn_ipc_client &client, registration &of, qerrno reason)
         schedule(client, of);
     }
     ended->hang_up(reason); /* wakes a sender that waits for room */
+    record(of, capture::record_kind::link_down, reason);
     log_line(client, of, LOG_WARNING,
              std::string("the link is down: ") +
                  (reason == EOK ? "closed by the server" : qerr_strerror(reason)));
@@ -93,6 +99,7 @@ void link_up(l2vpn_ipc_client &client, registration &of)
 {
     of.told.clear();
     of.up_since = steady::now();
+    record(of, capture::record_kind::link_up);
     of.evt_cb(&client, of.server_nodeid, 0, L2VPN_IPC_EVT_CONNECTED, 0, of.cookie);
 }
 
@@ -117,6 +124,7 @@ void flush_queue(l2vpn_ipc_client &client, registration &of)
             status = of.connection->try_send(&message, 1);
             if (status == EOK) {
                 of.deadline = steady::now() + milliseconds(greeting_timeout_ms);
+                client_record(of, capture::record_kind::message, capture::flow::to_process, EOK, &message, 1);
             }
         }
         switch (status) {
@@ -183,6 +191,7 @@ void read_answer(l2vpn_ipc_client &client, registration &of, link &from)
                                   ": set L2VPN_MTU to what the server takes",
                               true);
     } else if (status == EOK && answer.status != EOK) {
+        record(of, capture::record_kind::link_refused, answer.status);
         client_attempt_failed(client, of, LOG_ERR,
                               std::string("the server refuses the class: ") + qerr_strerror(answer.status),
                               true);
@@ -210,11 +219,26 @@ void read_messages(l2vpn_ipc_client &client, registration &of, link &from, uint3
             link_down(client, of, reason);
             return;
         }
+        const iovec message{buffer, received.length};
+        client_record(of, capture::record_kind::message, capture::flow::to_owner, EOK, &message, 1);
         of.msg_cb(&client, of.class_id, 0, buffer, received.length, 0, of.cookie);
     }
 }
 
 } // namespace
+
+void client_record(const registration &of, capture::record_kind kind, capture::flow direction, qerrno status,
+                   const iovec *pieces, uint32_t count)
+{
+    if (capture::is_off()) {
+        return;
+    }
+    static const uint32_t uid = geteuid();
+    capture::record(kind, direction,
+                    {of.class_id, of.nodeid, of.link_number.load(), static_cast<uint32_t>(getpid()), uid,
+                     program_invocation_short_name},
+                    status, pieces, count);
+}
 
 void client_attempt_failed(l2vpn_ipc_client &client, registration &of, int level, const std::string &cause,
                            bool refused)
@@ -278,6 +302,7 @@ void client_attempt(l2vpn_ipc_client &client, registration &of)
         }
         of.connection = connection;
         of.key = next_key(client, of.class_id);
+        of.link_number = client.serial;
         of.state = link_state::greeting;
         of.deadline = steady::now() + milliseconds(greeting_timeout_ms);
         watch_link(client, of, EPOLL_CTL_ADD, EPOLLIN);

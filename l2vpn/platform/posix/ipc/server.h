@@ -15,6 +15,7 @@
 #ifndef PLATFORM_POSIX_IPC_SERVER_H
 #define PLATFORM_POSIX_IPC_SERVER_H
 
+#include "../capture/capture.h"
 #include "link.h"
 #include "message_queue.h"
 
@@ -40,6 +41,7 @@ struct l2vpn_ipc_peer {
     l2vpn_ipc_server &server;
     l2vpn::ipc::link connection;
     l2vpn_ipc_peer_info_t info{};
+    std::array<char, 16> name{}; /* of its program, when its messages are recorded */
     peer_state state = peer_state::greeting;
     event_fd_watch_t *watch = nullptr;
     l2vpn::ipc::message_queue queue;

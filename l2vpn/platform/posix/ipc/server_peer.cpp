@@ -17,9 +17,22 @@ constexpr int packets_a_dispatch = 32; /* of one peer */
 constexpr int sends_a_dispatch = 128;  /* to one peer */
 constexpr uint32_t pieces_max = 1024;  /* what the kernel takes in one call */
 
+void record(const l2vpn_ipc_peer &peer, capture::record_kind kind, capture::flow direction, qerrno status,
+            const iovec *pieces = nullptr, uint32_t count = 0)
+{
+    if (!capture::is_off()) {
+        const l2vpn_ipc_peer_info_t &info = peer.info;
+        capture::record(kind, direction,
+                        {info.class_id, info.nodeid, info.peer_id, static_cast<uint32_t>(info.pid), info.uid,
+                         peer.name.data()},
+                        status, pieces, count);
+    }
+}
+
 void end(l2vpn_ipc_peer &peer, qerrno reason)
 {
     if (peer.state == peer_state::open) {
+        record(peer, capture::record_kind::link_down, capture::flow::none, reason);
         peer.server.callbacks.closed(&peer.server, &peer, reason, peer.server.arg);
     }
     peer_drop(peer);
@@ -53,6 +66,25 @@ void flush(l2vpn_ipc_peer &peer)
         peer.queue.pop();
     }
     want_room(peer, !peer.queue.empty());
+}
+
+/* A message that waits is as good as sent: the peer gets it, or its link ends. */
+qerrno send_or_queue(l2vpn_ipc_peer &peer, const iovec *pieces, uint32_t count, size_t length)
+{
+    if (peer.state == peer_state::open && peer.queue.empty()) {
+        const qerrno status = peer.connection.try_send(pieces, count);
+        if (status != EOK && !must_wait(status)) {
+            peer.connection.hang_up(status);
+        }
+        if (!must_wait(status)) {
+            return status;
+        }
+    }
+    const qerrno status = peer.queue.push(pieces, count, length);
+    if (status == EOK && peer.queue.size() == 1) {
+        want_room(peer, true);
+    }
+    return status;
 }
 
 /* A peer that cannot be told begins anew: it must not wait for what never comes. */
@@ -96,6 +128,9 @@ bool greet(l2vpn_ipc_peer &peer, const void *bytes, const packet &received)
         return false;
     }
     peer.info.mtu = hello.mtu;
+    if (!capture::is_off()) {
+        peer.name = capture::name_of_process(peer.info.pid);
+    }
     status = server.callbacks.accept(&server, &peer, &peer.info, server.arg);
     if (peer.state == peer_state::dropped) {
         return false;
@@ -106,8 +141,15 @@ bool greet(l2vpn_ipc_peer &peer, const void *bytes, const packet &received)
     }
     answer(peer, EOK);
     peer.state = peer_state::open;
+    record(peer, capture::record_kind::link_up, capture::flow::none, EOK);
     flush(peer);
     return true;
+}
+
+void record_received(const l2vpn_ipc_peer &peer, void *buffer, uint32_t length)
+{
+    const iovec message{buffer, length};
+    record(peer, capture::record_kind::message, capture::flow::to_process, EOK, &message, 1);
 }
 
 /* Takes the next packet. False: there is none, or the peer is gone. */
@@ -128,6 +170,7 @@ bool read_packet(l2vpn_ipc_peer &peer)
         if (!open) {
             return greet(peer, buffer, received);
         }
+        record_received(peer, buffer, received.length);
         server.callbacks.message(&server, &peer, buffer, received.length, server.arg);
         return peer.state != peer_state::dropped;
     default:
@@ -172,6 +215,7 @@ void peer_drop(l2vpn_ipc_peer &peer)
 void peer_refuse(l2vpn_ipc_peer &peer, qerrno status, int level, const std::string &why)
 {
     server_log(peer.server, level, peer_name(peer) + " " + why + ": " + qerr_strerror(status));
+    record(peer, capture::record_kind::link_refused, capture::flow::none, status);
     answer(peer, status);
     peer_drop(peer);
 }
@@ -212,19 +256,8 @@ extern "C" qerrno l2vpn_ipc_server_sendv(l2vpn_ipc_server_t server, l2vpn_ipc_pe
     if (peer->state == peer_state::dropped) {
         return ENOTCONN;
     }
-    if (peer->state == peer_state::open && peer->queue.empty()) {
-        const qerrno status = peer->connection.try_send(pieces, count);
-        if (status != EOK && !must_wait(status)) {
-            peer->connection.hang_up(status);
-        }
-        if (!must_wait(status)) {
-            return status;
-        }
-    }
-    const qerrno status = peer->queue.push(pieces, count, length);
-    if (status == EOK && peer->queue.size() == 1) {
-        want_room(*peer, true);
-    }
+    const qerrno status = send_or_queue(*peer, pieces, count, length);
+    record(*peer, l2vpn::capture::record_kind::message, l2vpn::capture::flow::to_owner, status, pieces, count);
     return status;
 }
 

@@ -162,7 +162,7 @@ qerrno open_ring(std::string path)
     const bool own_place = path == "on";
     if (own_place) {
         cause = platform_posix::make_runtime_dir(problem);
-        path = path_of_process(config().runtime_dir, program_invocation_short_name);
+        path = path_of_process(config().runtime_dir, program_invocation_short_name, trace_file);
     }
     std::unique_ptr<ring> opened;
     if (cause == EOK) {
@@ -173,7 +173,7 @@ qerrno open_ring(std::string path)
         return cause;
     }
     if (own_place) {
-        remove_dead(config().runtime_dir, program_invocation_short_name, dead_traces_kept);
+        remove_dead(config().runtime_dir, program_invocation_short_name, dead_traces_kept, trace_file);
     }
     handle_aborts();
     replace_ring(std::move(opened));

@@ -1,4 +1,5 @@
 #include "trace/file.h"
+#include "capture/format.h"
 #include "trace/format.h"
 
 #include <algorithm>
@@ -17,6 +18,15 @@
 #include <vector>
 
 namespace l2vpn::trace {
+
+const file_kind trace_file{magic, ".trace", "trace file"};
+const file_kind ring_file{capture::ring_magic, ".ring", "capture ring"};
+
+static_assert(offsetof(header, magic) == offsetof(file_head, magic) &&
+              offsetof(header, pid) == offsetof(file_head, pid));
+static_assert(offsetof(capture::ring_header, magic) == offsetof(file_head, magic) &&
+              offsetof(capture::ring_header, pid) == offsetof(file_head, pid));
+
 namespace {
 
 using platform_posix::unique_fd;
@@ -49,7 +59,7 @@ int allocate(int fd, std::uint64_t size)
 }
 
 /* Whether what is at `path` now may be replaced. */
-qerrno may_replace(const std::string &path, std::string &problem)
+qerrno may_replace(const std::string &path, const file_kind &kind, std::string &problem)
 {
     const unique_fd old(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!old) {
@@ -65,10 +75,10 @@ qerrno may_replace(const std::string &path, std::string &problem)
     if (found.st_size == 0) {
         return EOK;
     }
-    header head{};
+    file_head head{};
     const ssize_t length = ::read(old.get(), &head, sizeof head);
-    if (length < static_cast<ssize_t>(sizeof head) || head.magic != magic) {
-        return refuse(problem, path, EEXIST, "there already and not a trace file");
+    if (length < static_cast<ssize_t>(sizeof head) || head.magic != kind.magic) {
+        return refuse(problem, path, EEXIST, std::string("there already and not a ") + kind.name);
     }
     if (::flock(old.get(), LOCK_SH | LOCK_NB) < 0) {
         return refuse(problem, path, EBUSY, "in use by process " + std::to_string(head.pid));
@@ -76,10 +86,8 @@ qerrno may_replace(const std::string &path, std::string &problem)
     return EOK;
 }
 
-constexpr std::string_view name_end = ".trace";
-
-/* True for NAME-PID.trace of a process that has ended. */
-bool is_of_dead_process(std::string_view name, std::string_view program)
+/* True for NAME-PID.trace, or whatever the kind ends with, of a process that has ended. */
+bool is_of_dead_process(std::string_view name, std::string_view program, std::string_view name_end)
 {
     const std::string start = std::string(program) + "-";
     if (!name.starts_with(start) || !name.ends_with(name_end) ||
@@ -94,12 +102,14 @@ bool is_of_dead_process(std::string_view name, std::string_view program)
 
 } // namespace
 
-std::string path_of_process(const std::string &directory, std::string_view program)
+std::string path_of_process(const std::string &directory, std::string_view program, const file_kind &kind)
 {
-    return directory + "/" + std::string(program) + "-" + std::to_string(::getpid()) + std::string(name_end);
+    return directory + "/" + std::string(program) + "-" + std::to_string(::getpid()) +
+           std::string(kind.name_end);
 }
 
-void remove_dead(const std::string &directory, std::string_view program, std::size_t keep)
+void remove_dead(const std::string &directory, std::string_view program, std::size_t keep,
+                 const file_kind &kind)
 {
     namespace fs = std::filesystem;
     std::error_code failed;
@@ -110,8 +120,8 @@ void remove_dead(const std::string &directory, std::string_view program, std::si
         std::string ignored;
         std::error_code gone;
         /* A process of another container may have a pid that is nobody's here: its lock tells. */
-        if (is_of_dead_process(at->path().filename().string(), program) &&
-            may_replace(path, ignored) == EOK) {
+        if (is_of_dead_process(at->path().filename().string(), program, kind.name_end) &&
+            may_replace(path, kind, ignored) == EOK) {
             dead.emplace_back(at->last_write_time(gone), path);
         }
     }
@@ -148,7 +158,7 @@ qerrno new_file::make(const std::string &path, std::uint64_t size, std::string &
 
 qerrno new_file::move_in_place(std::string &problem)
 {
-    if (const qerrno status = may_replace(path_, problem); status != EOK) {
+    if (const qerrno status = may_replace(path_, kind_, problem); status != EOK) {
         return status;
     }
     if (::rename(temporary_.c_str(), path_.c_str()) < 0) {

@@ -1,5 +1,5 @@
 /*
- * Making the file of a trace ring.
+ * Making the file of a ring: of a trace, or of recorded messages.
  */
 #ifndef PLATFORM_POSIX_TRACE_FILE_H
 #define PLATFORM_POSIX_TRACE_FILE_H
@@ -8,24 +8,46 @@
 
 #include <platform/qerr.h>
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace l2vpn::trace {
 
-/* Where this process's trace is, unless told otherwise: NAME-PID.trace. */
-[[nodiscard]] std::string path_of_process(const std::string &directory, std::string_view program);
+/* How all these files begin. */
+struct file_head {
+    std::array<char, 8> magic;
+    std::uint32_t version;
+    std::uint32_t byte_order;
+    std::uint64_t file_size;
+    std::uint64_t started_wall;
+    std::uint64_t started_monotonic;
+    std::uint32_t pid;
+};
 
-/* Removes such traces of processes of this name that have ended, but for the newest `keep`. */
-void remove_dead(const std::string &directory, std::string_view program, std::size_t keep);
+struct file_kind {
+    std::array<char, 8> magic;
+    std::string_view name_end;
+    const char *name;
+};
+extern const file_kind trace_file;
+extern const file_kind ring_file;
+
+/* Where this process's file is, unless told otherwise: NAME-PID.trace. */
+[[nodiscard]] std::string path_of_process(const std::string &directory, std::string_view program,
+                                          const file_kind &kind);
+
+/* Removes such files of processes of this name that have ended, but for the newest `keep`. */
+void remove_dead(const std::string &directory, std::string_view program, std::size_t keep,
+                 const file_kind &kind);
 
 /* A file of `size` zero bytes, allocated and locked, under a name of its own beside `path`. It becomes
- * `path` by move_in_place(), which replaces nothing but an empty file and the trace of a process that has
+ * `path` by move_in_place(), which replaces nothing but an empty file and one of its kind of a process that has
  * ended; it is removed again when it was not moved. */
 class new_file {
 public:
-    new_file() = default;
+    explicit new_file(const file_kind &kind) : kind_(kind) {}
     ~new_file();
     new_file(const new_file &) = delete;
     new_file &operator=(const new_file &) = delete;
@@ -38,6 +60,7 @@ public:
     [[nodiscard]] platform_posix::unique_fd take() noexcept { return std::move(fd_); }
 
 private:
+    const file_kind &kind_;
     std::string path_;
     std::string temporary_; /* empty: there is none (any more) */
     platform_posix::unique_fd fd_;

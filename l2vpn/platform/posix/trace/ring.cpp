@@ -84,7 +84,7 @@ std::unique_ptr<ring> ring::create(const std::string &path, std::uint64_t size, 
                                    std::string &problem)
 {
     const auto file_size = static_cast<std::size_t>(records_offset + size);
-    new_file file;
+    new_file file(trace_file);
     cause = file.make(path, file_size, problem);
     if (cause != EOK) {
         return nullptr;

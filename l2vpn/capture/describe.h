@@ -1,0 +1,52 @@
+/*
+ * What a record says, for people and for programs, with the names that the process has for everything.
+ */
+#ifndef L2VPN_CAPTURE_DESCRIBE_H
+#define L2VPN_CAPTURE_DESCRIBE_H
+
+#include "captured.h"
+
+#include "fields.h"
+
+namespace l2vpn::capture {
+
+/* One kind of element behind the header: as many as the message has ACs or records, side by side. */
+struct section {
+    const char *name; /* "handle", "definition", "info", "data", "record" */
+    std::size_t offset;
+    std::uint32_t each; /* bytes */
+};
+
+/* A message as far as it can be relied on. */
+struct reading {
+    const l2vpnd::message_row *row = nullptr; /* null: its type has no name */
+    std::uint32_t type = 0;
+    std::uint32_t words[2] = {0, 0}; /* the header's third and fourth */
+    std::uint32_t count = 0;         /* ACs or records; 0 in a message that is malformed */
+    std::vector<section> sections;
+    const char *fault = nullptr; /* why it is malformed */
+    bool is_cut = false;         /* not all of it was kept */
+};
+
+[[nodiscard]] reading read(const captured &what);
+
+/* The bytes of an element; empty where they were not kept. */
+[[nodiscard]] std::span<const std::uint8_t> element(const captured &what, const section &of,
+                                                    std::uint32_t index);
+
+/* The handles that a message names, as far as they were kept. */
+[[nodiscard]] std::vector<std::uint32_t> handles_of(const captured &what, const reading &message);
+
+/* The name of AC `index` of a CREATE; empty where it was not kept. */
+[[nodiscard]] std::string name_in(const captured &what, const reading &message, std::uint32_t index);
+
+enum class detail : std::uint8_t { none, records };
+
+[[nodiscard]] l2vpnd::json describe(const captured &what, const reading &message, detail how);
+
+/* One line, and with `records` more lines below it; `bytes`: a hexadecimal dump, too. All end with a newline. */
+[[nodiscard]] std::string to_lines(const captured &what, const reading &message, detail how, bool bytes);
+
+} // namespace l2vpn::capture
+
+#endif

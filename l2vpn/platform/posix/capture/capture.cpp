@@ -1,0 +1,189 @@
+/*
+ * Threads. A ring that was in use stays mapped when another takes its place, so that a writer may hold it at
+ * any time; a mutex serialises switching, which is rare.
+ *
+ * Forks. The file belongs to the process that made it: a child has no ring until it asks for one.
+ */
+#include "capture/capture.h"
+#include "config_internal.h"
+#include "trace/file.h"
+
+#include <platform/config.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <pthread.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace l2vpn::capture {
+
+constinit std::atomic<ring *> in_use{nullptr};
+
+namespace {
+
+constexpr std::size_t dead_rings_kept = 2;
+
+struct switchboard {
+    std::mutex lock;
+    bool owner_begun = false;
+    std::vector<std::unique_ptr<ring>> rings;
+};
+
+/* Never destroyed: threads may still send while the process exits. */
+switchboard &board()
+{
+    static switchboard &only = *new switchboard;
+    return only;
+}
+
+void before_fork()
+{
+    board().lock.lock();
+}
+
+void after_fork_in_parent()
+{
+    board().lock.unlock();
+}
+
+void after_fork_in_child()
+{
+    if (ring *parents = in_use.exchange(nullptr); parents != nullptr) {
+        parents->leave_file();
+    }
+    board().owner_begun = false;
+    board().lock.unlock();
+}
+
+[[maybe_unused]] const int fork_handlers =
+    ::pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+
+/* With the lock held. */
+void replace(std::unique_ptr<ring> next)
+{
+    if (ring *previous = in_use.exchange(next.get()); previous != nullptr) {
+        previous->release_file();
+    }
+    if (next != nullptr) {
+        board().rings.push_back(std::move(next));
+    }
+}
+
+/* With the lock held. */
+qerrno open_ring(const std::string &where, observer by, std::uint64_t size, std::uint32_t snap,
+                 std::string &problem)
+{
+    using platform_posix::config;
+    const bool own_place = where == "on";
+    const std::string path =
+        own_place
+            ? trace::path_of_process(config().runtime_dir, program_invocation_short_name, trace::ring_file)
+            : where;
+    qerrno cause = own_place ? platform_posix::make_runtime_dir(problem) : qerrno{EOK};
+    std::unique_ptr<ring> opened;
+    if (cause == EOK) {
+        opened = ring::create(path, by, size, snap, cause, problem);
+    }
+    if (opened == nullptr) {
+        return cause;
+    }
+    if (own_place) {
+        trace::remove_dead(config().runtime_dir, program_invocation_short_name, dead_rings_kept,
+                           trace::ring_file);
+    }
+    replace(std::move(opened));
+    return EOK;
+}
+
+} // namespace
+
+void record(record_kind kind, flow direction, const link_facts &about, qerrno status, const iovec *pieces,
+            std::uint32_t count) noexcept
+{
+    ring *to = in_use.load(std::memory_order_acquire);
+    if (to == nullptr) {
+        return;
+    }
+    record_head head{.kind = kind,
+                     .direction = direction,
+                     .by = {},
+                     .class_id = about.class_id,
+                     .nodeid = about.nodeid,
+                     .pid = about.pid,
+                     .uid = about.uid,
+                     .link = about.link,
+                     .number = 0,
+                     .status = static_cast<std::uint32_t>(status),
+                     .length = 0,
+                     .name = {}};
+    std::memcpy(head.name.data(), about.name, ::strnlen(about.name, head.name.size() - 1));
+    to->write(head, pieces, count);
+}
+
+std::array<char, 16> name_of_process(pid_t pid)
+{
+    std::array<char, 16> name{};
+    const std::string path = "/proc/" + std::to_string(pid) + "/comm";
+    const platform_posix::unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file && ::read(file.get(), name.data(), name.size()) > 0) {
+        std::ranges::replace(name, '\n', '\0');
+    }
+    name.back() = '\0';
+    return name;
+}
+
+void begin_owner()
+{
+    const std::lock_guard guard(board().lock);
+    if (std::exchange(board().owner_begun, true) || in_use.load() != nullptr) {
+        return;
+    }
+    const platform_posix::configuration &config = platform_posix::config();
+    std::string problem;
+    if (config.capture != "off" &&
+        open_ring(config.capture, observer::owner, std::uint64_t{config.capture_size_kib} * 1024,
+                  config.capture_snap, problem) != EOK) {
+        std::fprintf(stderr, "l2vpn: no capture ring: %s\n", problem.c_str());
+    }
+}
+
+} // namespace l2vpn::capture
+
+using namespace l2vpn::capture;
+
+qerrno platform_capture_set(const char *where, uint32_t size_kib, uint32_t snap)
+{
+    if (where == nullptr || size_kib < 64 || size_kib > 1048576) {
+        return EINVAL;
+    }
+    const std::string place = where;
+    const std::lock_guard guard(board().lock);
+    if (place == "off") {
+        replace(nullptr);
+        return EOK;
+    }
+    if (place != "on" && place.find('/') == std::string::npos) {
+        return EINVAL;
+    }
+    std::string problem;
+    const qerrno status = open_ring(place, observer::process, std::uint64_t{size_kib} * 1024, snap, problem);
+    if (status != EOK) {
+        std::fprintf(stderr, "l2vpn: no capture ring: %s\n", problem.c_str());
+    }
+    return status;
+}
+
+const char *platform_capture_path(void)
+{
+    thread_local std::array<char, PATH_MAX> path;
+    const ring *current = in_use.load();
+    std::snprintf(path.data(), path.size(), "%s", current != nullptr ? current->path().c_str() : "");
+    return path.data();
+}

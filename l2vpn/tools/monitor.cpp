@@ -1,0 +1,131 @@
+/*
+ * l2vpnctl monitor: records as lines, for people or, with --json, for programs.
+ */
+#include "command_line.h"
+#include "describe.h"
+#include "recordings.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fnmatch.h>
+
+namespace l2vpnctl {
+
+namespace {
+
+using namespace l2vpn::capture;
+
+uint32_t type_of(const std::string &name)
+{
+    for (uint32_t type = 0; type < l2vpnd::message_types; type++) {
+        const l2vpnd::message_row *row = l2vpnd::find_message(type);
+        if (row->name != nullptr && strcasecmp(row->name, name.c_str()) == 0) {
+            return type;
+        }
+    }
+    throw failure{exit_usage, "no message type '" + name + "'"};
+}
+
+class printer : public record_consumer {
+public:
+    explicit printer(const command_line &line) : m_line(line), m_filter(line.recordings.choice) {}
+
+    bool take(size_t /*source*/, const captured &record, uint64_t lost) override
+    {
+        const recording_options &how = m_line.recordings;
+        if (lost > 0) {
+            write(m_line.as_json ? json({{"lost", lost}}).dump() + "\n"
+                                 : "(" + std::to_string(lost) + " records are missing here)\n");
+        }
+        if (!m_filter.takes(record)) {
+            return true;
+        }
+        const reading message = read(record);
+        const detail more = how.verbose ? detail::records : detail::none;
+        if (m_line.as_json) {
+            json shown = describe(record, message, more);
+            if (how.bytes) {
+                shown["bytes"] = l2vpnd::to_hex(record.message);
+            }
+            write(l2vpnd::to_line(shown) + "\n");
+        } else {
+            write(to_lines(record, message, more, how.bytes));
+        }
+        return ++m_shown != how.count;
+    }
+
+    void idle() override
+    {
+        if (fflush(stdout) != 0) {
+            cannot_write();
+        }
+    }
+
+private:
+    [[noreturn]] static void cannot_write()
+    {
+        throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
+    }
+
+    static void write(const std::string &text)
+    {
+        if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+            cannot_write();
+        }
+    }
+
+    const command_line &m_line;
+    record_filter m_filter;
+    uint64_t m_shown = 0;
+};
+
+} // namespace
+
+record_filter::record_filter(const record_choice &choice)
+    : m_choice(choice), m_handles(choice.handles.begin(), choice.handles.end())
+{
+    if (choice.type) {
+        m_type = type_of(*choice.type);
+    }
+}
+
+/* A message of many ACs is taken when one of them is meant. */
+bool record_filter::takes_name(const captured &record)
+{
+    const reading message = read(record);
+    const std::vector<uint32_t> handles = handles_of(record, message);
+    std::set<uint32_t> &named = m_named[{record.head.nodeid, record.head.class_id}];
+    bool found = false;
+    for (uint32_t i = 0; i < handles.size(); i++) {
+        const std::string name = m_choice.name ? name_in(record, message, i) : std::string();
+        if (!name.empty()) {
+            const bool matches = fnmatch(m_choice.name->c_str(), name.c_str(), 0) == 0;
+            if (matches) {
+                named.insert(handles[i]);
+            } else {
+                named.erase(handles[i]);
+            }
+        }
+        found = found || m_handles.contains(handles[i]) || named.contains(handles[i]);
+    }
+    return found;
+}
+
+bool record_filter::takes(const captured &record)
+{
+    const bool by_ac = m_choice.name || !m_handles.empty();
+    /* Always looked at: names are learnt from records that are not wanted, too. */
+    const bool of_ac = !by_ac || takes_name(record);
+    const reading message = read(record);
+    return of_ac && (!m_choice.owner || *m_choice.owner == record.head.link) &&
+           (!m_choice.class_id || *m_choice.class_id == record.head.class_id) &&
+           (!m_type || (message.row != nullptr && message.type == *m_type));
+}
+
+void monitor(const command_line &line)
+{
+    printer out(line);
+    read_recordings(line, out);
+}
+
+} // namespace l2vpnctl

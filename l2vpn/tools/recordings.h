@@ -1,0 +1,82 @@
+/*
+ * The verbs about recorded messages: monitor shows them, capture writes them to files. They come from the ring of
+ * the running process, which never notices its readers, or from files.
+ */
+#ifndef L2VPNCTL_RECORDINGS_H
+#define L2VPNCTL_RECORDINGS_H
+
+#include "captured.h"
+#include "control_link.h"
+
+#include <map>
+#include <optional>
+#include <set>
+
+namespace l2vpnctl {
+
+struct command_line;
+
+using l2vpn::capture::captured;
+
+/* Which records are wanted. */
+struct record_choice {
+    std::optional<uint64_t> owner;
+    std::optional<uint32_t> class_id;
+    std::optional<std::string> type;
+    std::vector<uint32_t> handles;
+    std::optional<std::string> name;
+};
+
+struct recording_options {
+    std::vector<std::string> files; /* to read: rings, or one pcapng file; none: the running process */
+    bool history = false;           /* of the running process: what its ring holds already, too */
+    uint64_t count = 0;             /* records to be taken at most; 0: no limit */
+    record_choice choice;
+    bool verbose = false;
+    bool bytes = false;
+    std::string write; /* the pcapng file */
+    uint64_t size_mib = 64;
+    uint32_t written_files = 4;
+    bool force = false;
+};
+
+/* Decides for each record; knows the names of the handles whose CREATE it has seen. */
+class record_filter {
+public:
+    /* Throws failure: there is no such type. */
+    explicit record_filter(const record_choice &choice);
+    bool takes(const captured &record);
+
+private:
+    bool takes_name(const captured &record);
+
+    const record_choice &m_choice;
+    std::optional<uint32_t> m_type;
+    std::set<uint32_t> m_handles;
+    std::map<std::pair<uint32_t, uint32_t>, std::set<uint32_t>> m_named; /* by node and class: of this name */
+};
+
+/* What the records go to. */
+class record_consumer {
+public:
+    virtual ~record_consumer() = default;
+    /* Before the first record: where they come from, "l2vpnd-4711". */
+    virtual void begin(const std::vector<std::string> & /*sources*/) {}
+    /* `lost`: records of this source that are missing just before this one. False: no more. */
+    virtual bool take(size_t source, const captured &record, uint64_t lost) = 0;
+    /* Nothing more is there at this moment. */
+    virtual void idle() {}
+    /* Behind the last record: what is missing in all. */
+    virtual void end(size_t /*source*/, uint64_t /*lost*/) {}
+};
+
+/* Gives `to` what is recorded: until there is no more, it has enough, or a signal. Throws failure; what is there
+ * has been given by then. */
+void read_recordings(const command_line &line, record_consumer &to);
+
+void monitor(const command_line &line);
+void capture(const command_line &line);
+
+} // namespace l2vpnctl
+
+#endif
