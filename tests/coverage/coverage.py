@@ -1,20 +1,20 @@
-#!/usr/bin/env python3
+#!/usr/bin/env -S python3 -B
 """Line and branch coverage of what a build's tests ran, held against what is asked of each part.
 
 usage: coverage.py BUILD-DIRECTORY
 
 Of the library every line and every branch must have run, but for those that exceptions.txt names with a
 reason; an exception that is none any more is an error too. Of the other parts a share is asked for. Functions
-that only the compiler runs (constexpr, never called at run time) are left out.
+that only the compiler runs (constexpr, never called at run time) are left out, and named.
 """
 import json
-import subprocess
+import re
 import sys
 from collections import defaultdict
 from pathlib import Path
 
-HERE = Path(__file__).resolve().parent
-ROOT = HERE.parent.parent
+from counters import ROOT, counters_of, exceptions, fail, run
+
 PROFDATA, COV = "llvm-profdata-14", "llvm-cov-14"
 
 # A part, its directories, and the share of its lines and of its branches that must have run; 1: all of them.
@@ -27,32 +27,6 @@ PARTS = [
 ]
 
 
-def fail(text):
-    sys.exit(f"coverage.py: {text}")
-
-
-def run(*command):
-    done = subprocess.run([str(word) for word in command], capture_output=True, text=True)
-    if done.returncode != 0:
-        fail(f"{command[0]}: {done.stderr.strip()}")
-    return done.stdout
-
-
-def counted(path):
-    """Whether a program or library was built with counters."""
-    return "__llvm_covmap" in run("readelf", "--section-headers", "--wide", path)
-
-
-def objects(build):
-    files = [path for folder in ("lib", "bin") for path in sorted((build / folder).iterdir())]
-    files = [path for path in files if path.is_file() and not path.is_symlink() and path.suffix not in (".a", ".sh")]
-    with_counters = [path for path in files if path.read_bytes()[:4] == b"\x7fELF" and counted(path)]
-    if not with_counters:
-        fail(f"{build}: nothing there was built with counters")
-    first, *others = with_counters
-    return [first, *(word for path in others for word in ("-object", path))]
-
-
 def head(text, line):
     """The line that a function's body begins in, with the signature before it."""
     rows = [text[line - 1]]
@@ -63,8 +37,8 @@ def head(text, line):
 
 
 def compile_time(export, source):
-    """The lines of functions that never ran because the compiler runs them."""
-    lines, ran = set(), set()
+    """The functions that never ran because the compiler runs them: by their first line, the lines."""
+    never, ran = {}, set()
     for function in json.loads(export)["data"][0]["functions"]:
         first, _, last = function["regions"][0][:3]
         if function["filenames"][0] != source[0]:
@@ -73,8 +47,8 @@ def compile_time(export, source):
         if function["count"] > 0:
             ran.update(within)
         elif "constexpr" in head(source[1], first):
-            lines.update(within)
-    return lines - ran
+            never[first] = set(within)
+    return {first: within - ran for first, within in never.items() if within - ran}
 
 
 class file_coverage:
@@ -110,25 +84,6 @@ def read_lcov(text):
     return files
 
 
-def read_exceptions():
-    """(file, kind, text of the line): how often it may be missed. Rows: FILE | KIND | TEXT | REASON.
-
-    And those of them that may as well run: where the reason begins with "By chance".
-    """
-    result, by_chance = defaultdict(int), set()
-    path = HERE / "exceptions.txt"
-    for number, row in enumerate(path.read_text().splitlines(), 1):
-        if not row.strip() or row.startswith("#"):
-            continue
-        fields = [field.strip() for field in row.split(" | ")]
-        if len(fields) != 4 or fields[1] not in ("line", "branch") or not fields[3]:
-            fail(f"{path}:{number}: not FILE | line or branch | TEXT | REASON")
-        result[tuple(fields[:3])] += 1
-        if fields[3].startswith("By chance"):
-            by_chance.add(tuple(fields[:3]))
-    return result, by_chance
-
-
 def share(have, of):
     return f"{have / of:7.2%} of {of}" if of else "   none"
 
@@ -136,16 +91,9 @@ def share(have, of):
 def main():
     if len(sys.argv) != 2:
         sys.exit("usage: coverage.py BUILD-DIRECTORY")
-    build = Path(sys.argv[1]).resolve()
-    raw = sorted((build / "coverage").glob("*.profraw")) if (build / "coverage").is_dir() else []
-    if not raw:
-        fail(f"{build}: no counters; build with -DL2VPN_COVERAGE=ON and run the tests")
-    data = build / "coverage" / "all.profdata"
-    run(PROFDATA, "merge", "-o", data, *raw)
-
-    what = [*objects(build), f"-instr-profile={data}"]
-    exceptions, by_chance = read_exceptions()
-    faults = []
+    what = counters_of(Path(sys.argv[1]).resolve(), PROFDATA)
+    excused = exceptions("exceptions.txt", re.compile("line|branch"))
+    faults, compilers = [], []
     for name, folders, asked_lines, asked_branches in PARTS:
         sources = [ROOT / folder for folder in folders]
         files = read_lcov(run(COV, "export", "-format=lcov", *what, *sources))
@@ -155,16 +103,17 @@ def main():
             fail(f"{name}: no source of it was counted")
         total = defaultdict(int)
         for path, file in sorted(files.items()):
-            file.leave_out(compile_time(functions, (path, file.text)))
             relative = str(Path(path).relative_to(ROOT))
+            for first, lines in sorted(compile_time(functions, (path, file.text)).items()):
+                file.leave_out(lines)
+                compilers.append(f"{relative}:{first}: {head(file.text, first).strip()}")
             for kind, line in sorted(file.missed(), key=lambda miss: miss[1]):
-                key = (relative, kind, file.text[line - 1].strip())
-                if exceptions[key] > 0:
-                    exceptions[key] -= 1
+                text = file.text[line - 1].strip()
+                if excused.excuse(relative, kind, text):
                     continue
                 total[kind] += 1
                 if (asked_lines if kind == "line" else asked_branches) == 1:
-                    faults.append(f"{relative}:{line}: {kind} never ran: {key[2]}")
+                    faults.append(f"{relative}:{line}: {kind} never ran: {text}")
             total["lines"] += len(file.lines)
             total["branches"] += len(file.branches)
         lines, branches = total["lines"] - total["line"], total["branches"] - total["branch"]
@@ -173,8 +122,8 @@ def main():
             faults.append(f"{name}: fewer than {asked_lines:.0%} of the lines ran")
         if branches < asked_branches * total["branches"]:
             faults.append(f"{name}: fewer than {asked_branches:.0%} of the branches ran")
-    faults += [f"exceptions.txt: ran, or is not there: {' | '.join(key)}" for key, left in exceptions.items()
-               if left > 0 and key not in by_chance]
+    print("only the compiler runs, and no test counts:", *compilers, sep="\n  ")
+    faults += excused.unused()
     for fault in faults:
         print(fault, file=sys.stderr)
     sys.exit(1 if faults else 0)

@@ -21,8 +21,8 @@ TEST(repository, run_tells_what_it_can_do)
     const result help = run(root + "/run", {"help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.err, "");
-    for (const char *name : {"demo", "test", "bench", "fuzz", "simulate", "mutate", "package", "portable",
-                             "lint", "docs", "setup", "help"})
+    for (const char *name : {"demo", "test", "bench", "fuzz", "simulate", "mutate", "mcdc", "package",
+                             "portable", "lint", "docs", "setup", "help"})
         EXPECT_THAT(help.out, HasSubstr("\n  " + std::string(name) + " "));
 }
 
@@ -31,9 +31,10 @@ TEST(repository, run_refuses_what_it_does_not_know)
     const result unknown = run(root + "/run", {"dance"});
     EXPECT_EQ(unknown.status, 2);
     EXPECT_EQ(unknown.out, "");
-    EXPECT_EQ(unknown.err, "run: unknown subcommand 'dance'\n"
-                           "subcommands: demo, test, fuzz, simulate, mutate, package, portable, lint, bench, "
-                           "docs, setup, help\n");
+    EXPECT_EQ(unknown.err,
+              "run: unknown subcommand 'dance'\n"
+              "subcommands: demo, test, fuzz, simulate, mutate, mcdc, package, portable, lint, bench, "
+              "docs, setup, help\n");
     EXPECT_EQ(run(root + "/run", {}).status, 2);
     EXPECT_EQ(run(root + "/run", {"demo", "--fast"}).status, 2);
     EXPECT_EQ(run(root + "/run", {"test", "--fast"}).status, 2);
