@@ -221,8 +221,10 @@ event_fd_watch_t *l2vpn::platform_posix::watch_uncounted(event_mgr_p evm, int fd
 
 event_mgr_p event_mgr_new(void)
 {
-    std::unique_ptr<event_mgr> evm(new (std::nothrow) event_mgr);
-    if (evm == nullptr) {
+    std::unique_ptr<event_mgr> evm;
+    try {
+        evm = std::make_unique<event_mgr>();
+    } catch (const std::bad_alloc &) {
         errno = ENOMEM;
         return nullptr;
     }

@@ -16,10 +16,11 @@
  */
 #include "common/leaf_table.h"
 #include "event_mgr_internal.h"
-#include "unique_fd.h"
+#include "timer_fd.h"
 
 #include <platform/mgd_timer.h>
 
+#include <chrono>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -43,8 +44,6 @@ struct mgd_timer_tree : leaf_order {
 struct mgd_timer_parent {};
 
 namespace {
-
-constexpr nanoseconds_t second = 1'000'000'000;
 
 struct timers {
     std::mutex lock;
@@ -75,10 +74,10 @@ void set_clock(mgd_timer_tree_t &tree)
     if (wanted == tree.set_to) {
         return;
     }
-    itimerspec setting{};
-    setting.it_value.tv_sec = static_cast<time_t>(wanted / second);
-    setting.it_value.tv_nsec = static_cast<long>(wanted % second);
-    ::timerfd_settime(tree.clock.get(), TFD_TIMER_ABSTIME, &setting, nullptr);
+    using clock = std::chrono::steady_clock;
+    l2vpn::platform_posix::set_timer(tree.clock, wanted == 0
+                                                     ? clock::time_point::max()
+                                                     : clock::time_point(std::chrono::nanoseconds(wanted)));
     tree.set_to = wanted;
 }
 

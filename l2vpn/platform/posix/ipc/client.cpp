@@ -4,11 +4,12 @@
  */
 #include "client.h"
 
+#include "../timer_fd.h"
+
 #include <algorithm>
 #include <array>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
-#include <sys/timerfd.h>
 #include <syslog.h>
 #include <vector>
 
@@ -74,14 +75,7 @@ void client_arm_timer(l2vpn_ipc_client &client)
         return;
     }
     client.armed = earliest;
-    itimerspec when{};
-    if (earliest != steady::time_point::max()) {
-        const auto since_start = std::max(earliest.time_since_epoch(), steady::duration{1});
-        when.it_value.tv_sec =
-            static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
-        when.it_value.tv_nsec = static_cast<long>((since_start % std::chrono::seconds{1}).count());
-    }
-    timerfd_settime(client.timer.get(), TFD_TIMER_ABSTIME, &when, nullptr);
+    platform_posix::set_timer(client.timer, earliest);
 }
 
 link_ptr client_detach_link(const l2vpn_ipc_client &client, registration &of)

@@ -4,6 +4,7 @@
 #include "server.h"
 
 #include "../config_internal.h"
+#include "../timer_fd.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +12,6 @@
 #include <platform/debug.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
 #include <syslog.h>
 
 using namespace l2vpn::ipc;
@@ -48,14 +48,7 @@ void arm_timer(l2vpn_ipc_server &server)
     if (!server.silent.empty()) {
         next = std::min(next, server.silent.front().first);
     }
-    itimerspec when{};
-    if (next != steady::time_point::max()) {
-        const auto since_start = next.time_since_epoch();
-        when.it_value.tv_sec =
-            static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
-        when.it_value.tv_nsec = static_cast<long>((since_start % std::chrono::seconds{1}).count());
-    }
-    timerfd_settime(server.timer.get(), TFD_TIMER_ABSTIME, &when, nullptr);
+    l2vpn::platform_posix::set_timer(server.timer, next);
 }
 
 /* Without a pause, a listening socket that cannot be served would be readable over and over again. */
@@ -147,6 +140,11 @@ bool valid(const l2vpn_ipc_server_options_t *options, const l2vpn_ipc_server_cal
            (options->mtu == 0 || (options->mtu >= message_min && options->mtu <= mtu_max));
 }
 
+/* With all that stands for it elsewhere: its socket's file, and its watches. */
+struct free_server {
+    void operator()(l2vpn_ipc_server_t server) const { l2vpn_ipc_server_free(server); }
+};
+
 /* Everything that can fail, in the order in which it may be undone by freeing the server. */
 qerrno start(l2vpn_ipc_server &server, const char *path, const l2vpn_ipc_server_options_t &options)
 {
@@ -199,7 +197,7 @@ extern "C" qerrno l2vpn_ipc_server_new(event_mgr_p evm, const char *service,
             t_error = std::string("service ") + service + ": " + qerr_strerror(status);
             return status;
         }
-        auto made = std::make_unique<l2vpn_ipc_server>();
+        std::unique_ptr<l2vpn_ipc_server, free_server> made(new l2vpn_ipc_server);
         made->evm = evm;
         made->callbacks = *callbacks;
         made->arg = arg;
@@ -207,9 +205,7 @@ extern "C" qerrno l2vpn_ipc_server_new(event_mgr_p evm, const char *service,
         made->mtu = options->mtu != 0 ? options->mtu : l2vpn::platform_posix::config().mtu;
         made->max_peers = options->max_peers != 0 ? options->max_peers : max_peers_default;
         raise_descriptor_limit(made->max_peers);
-        const qerrno status = start(*made, path, *options);
-        if (status != EOK) {
-            l2vpn_ipc_server_free(made.release());
+        if (const qerrno status = start(*made, path, *options); status != EOK) {
             return status;
         }
         if (options->listen_fd >= 0) {
@@ -219,6 +215,7 @@ extern "C" qerrno l2vpn_ipc_server_new(event_mgr_p evm, const char *service,
         *server = made.release();
         return EOK;
     } catch (const std::bad_alloc &) {
+        t_error = "out of memory"; /* short enough to need none */
         return ENOMEM;
     }
 }
