@@ -1,9 +1,10 @@
 #include "counting_platform.h"
 
+#include "common/core.h"
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -81,7 +82,7 @@ qerrno platform_get_my_nodeid(uint32_t *nodeid)
 
 void *calloc_named(size_t count, size_t size, const char *)
 {
-    return std::calloc(count, size);
+    return l2vpn::platform_core::allocate(count, size);
 }
 
 int event_async_attach_event(event_mgr_p, int, event_async_handler_t, void *, event_context_t *)
@@ -190,11 +191,7 @@ qerrno l2vpn_ipc_ucast(l2vpn_ipc_client_t client, uint32_t class_id, uint32_t de
 qerrno l2vpn_ac_data_sanitize(uint32_t, const l2vpn_ac_data_entry_t *entries, struct l2vpn_ac_defn *,
                               struct l2vpn_ac_info *, uint32_t count)
 {
-    for (uint32_t i = 0; i < count; ++i) {
-        if (entries[i].ifh == 0)
-            return EINVAL;
-    }
-    return EOK;
+    return l2vpn::platform_core::sanitize(entries, count);
 }
 
 void ptd_set_mutex_block(pthread_mutex_t *, const char *, uint32_t)

@@ -1,0 +1,118 @@
+/*
+ * What large allocations ask of the kernel. This program stands in front of madvise().
+ */
+#include <platform/platform.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <vector>
+
+namespace {
+
+struct advice {
+    std::uintptr_t begin;
+    std::size_t size;
+    int kind;
+};
+
+std::vector<advice> *s_given;
+bool s_refuses;
+
+constexpr std::size_t mebibyte = std::size_t{1} << 20;
+
+/* What was asked for while `bytes` bytes were allocated and written; that they were zeros at first. */
+std::vector<advice> advice_for(std::size_t count, std::size_t size, std::uintptr_t &begin)
+{
+    std::vector<advice> given;
+    s_given = &given;
+    auto *const memory = static_cast<unsigned char *>(calloc_named(count, size, "test"));
+    s_given = nullptr;
+    EXPECT_NE(memory, nullptr);
+    if (memory == nullptr)
+        return given;
+    begin = reinterpret_cast<std::uintptr_t>(memory);
+    EXPECT_TRUE(std::all_of(memory, memory + count * size, [](unsigned char byte) { return byte == 0; }));
+    std::fill_n(memory, count * size, 1);
+    free(memory);
+    return given;
+}
+
+} // namespace
+
+/* The sanitizers' allocators end the program where there is no memory, if they are not told otherwise. */
+extern "C" __attribute__((visibility("default"))) const char *__asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+
+extern "C" __attribute__((visibility("default"))) int madvise(void *at, size_t size, int kind) noexcept
+{
+    if (s_given != nullptr)
+        s_given->push_back({reinterpret_cast<std::uintptr_t>(at), size, kind});
+    if (s_refuses) {
+        errno = EINVAL;
+        return -1;
+    }
+    return 0;
+}
+
+namespace {
+
+TEST(large_memory, asks_for_huge_pages_from_4_mebibytes_on)
+{
+    for (const std::size_t size : {4 * mebibyte, 4 * mebibyte + 1, 23 * mebibyte}) {
+        SCOPED_TRACE(size);
+        std::uintptr_t begin = 0;
+        const std::vector<advice> given = advice_for(size, 1, begin);
+        ASSERT_EQ(given.size(), 1u);
+        EXPECT_EQ(given[0].kind, MADV_HUGEPAGE);
+        EXPECT_EQ(given[0].begin % 4096, 0u) << "whole pages only";
+        EXPECT_EQ(given[0].size % 4096, 0u) << "whole pages only";
+        EXPECT_GE(given[0].begin, begin);
+        EXPECT_LE(given[0].begin + given[0].size, begin + size) << "not of memory that is others'";
+        EXPECT_GT(given[0].size, size - 2 * std::size_t{4096}) << "all of it";
+    }
+}
+
+TEST(large_memory, counts_elements_times_their_size)
+{
+    std::uintptr_t begin = 0;
+    EXPECT_EQ(advice_for(2 * mebibyte, 2, begin).size(), 1u);
+    EXPECT_EQ(advice_for(4, mebibyte - 1, begin).size(), 0u);
+}
+
+TEST(large_memory, asks_for_nothing_below)
+{
+    std::uintptr_t begin = 0;
+    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{4096}, 4 * mebibyte - 1}) {
+        SCOPED_TRACE(size);
+        EXPECT_EQ(advice_for(size, 1, begin).size(), 0u);
+    }
+}
+
+TEST(large_memory, is_there_where_the_advice_is_refused)
+{
+    s_refuses = true;
+    std::uintptr_t begin = 0;
+    EXPECT_EQ(advice_for(5 * mebibyte, 1, begin).size(), 1u);
+    s_refuses = false;
+}
+
+TEST(large_memory, that_is_not_there_is_null_and_nothing_is_asked_for)
+{
+    std::vector<advice> given;
+    s_given = &given;
+    EXPECT_EQ(calloc_named(SIZE_MAX / 2, 1, "test"), nullptr);
+    s_given = nullptr;
+    EXPECT_EQ(given.size(), 0u);
+}
+
+} // namespace
