@@ -1,6 +1,6 @@
 /*
- * The text of a status. strerror_r() of the C library gives a static string for the numbers it knows; for
- * the others a text is made in a buffer of the calling thread's. Statuses are unsigned and errno numbers
+ * The text of a status. strerrordesc_np() of the C library gives a static string for the numbers it knows, and
+ * no other; for those a text is made in a buffer of the calling thread's. Statuses are unsigned and errno numbers
  * are ints: what does not fit an int is unknown too, and prints as the unsigned number it is.
  */
 #include "common/core.h"

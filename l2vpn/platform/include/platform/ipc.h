@@ -95,10 +95,12 @@ qerrno l2vpn_ipc_transport_mtu_get(l2vpn_ipc_client_t client, uint32_t class_id,
  * EMSGSIZE   longer than the MTU
  * ENOTCONN   the link was up and is down
  * ENOBUFS    the queue of a link that was never up is full
+ * ENOMEM     no memory to queue it, or to send it
  * ETIMEDOUT  the peer made no room in time; nothing was sent
  * others     the transport's own errno; nothing was sent
  *
- * The last two end the link: L2VPN_IPC_EVT_DISCONNECTED follows, with that status, and a new link is opened.
+ * ETIMEDOUT, and ENOMEM and others of the transport, end a link that is up: L2VPN_IPC_EVT_DISCONNECTED follows,
+ * with that status, and a new link is opened. A queue that has no room is not touched.
  */
 qerrno l2vpn_ipc_ucast(l2vpn_ipc_client_t client, uint32_t class_id, uint32_t destination,
                        const void *message, uint32_t length, uint32_t options);
