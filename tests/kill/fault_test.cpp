@@ -1,14 +1,11 @@
 /*
  * An owner connects, hands over, changes, deletes, maps VLANs and is told what was provisioned; in each run one
- * socket call fails, the next one in each, in the owner's process or in l2vpnd, until there is no such call.
- * Whatever happened, the process then holds what the owner intends, once, and the owner knows what was
- * provisioned; and l2vpnd lives.
+ * call fails, the next one in each, in the owner's process or in l2vpnd, once or from there on, until there is
+ * no such call. Whatever happened, when nothing fails any more the process comes to hold what the owner
+ * intends, once, and the owner knows what was provisioned; and l2vpnd lives.
  */
-#include "faults.h"
+#include "fault_test.h"
 #include "fleet_test.h"
-
-#include <cerrno>
-#include <cstring>
 
 using namespace kill_test;
 using std::chrono::steady_clock;
@@ -17,24 +14,26 @@ namespace {
 
 constexpr uint32_t owned_class = 2;
 
-class faulty_calls : public testing::TestWithParam<int> {
-protected:
-    static void SetUpTestSuite()
-    {
-        s_dir = new system_test::temp_dir;
-        configure(s_dir->path());
-    }
-    static void TearDownTestSuite() { delete std::exchange(s_dir, nullptr); }
+/* The platform reads its configuration once, so there is one directory for all tests. */
+const system_test::temp_dir &directory()
+{
+    static const system_test::temp_dir dir;
+    return dir;
+}
 
+class faulty_calls : public testing::Test {
+protected:
     void SetUp() override
     {
-        const std::string plan = s_dir->file("plan");
+        configure(directory().path());
+        setenv("L2VPN_LOG", "stderr", 1);
+        ASSERT_NE(event_manager(), nullptr);
+        const std::string plan = directory().file("plan");
         m_daemon_plan = map_plan(plan.c_str());
-        m_daemon = std::make_unique<child>(
-            L2VPN_FAULTY_DAEMON, std::vector<std::string>{"--runtime-dir", s_dir->path(), "--auto-provision"},
-            std::vector<std::string>{std::string(plan_variable) + "=" + plan});
-        ASSERT_TRUE(m_daemon->says("l2vpnd: ready on ")) << m_daemon->err();
-        m_control = std::make_unique<process_test::raw_control>(s_dir->file("L2VPN.ctl"));
+        m_daemon_plan->disarm();
+        m_daemon = std::make_unique<faulty_daemon>(directory().path(), plan);
+        ASSERT_TRUE(m_daemon->program.says("l2vpnd: ready on ")) << m_daemon->program.err();
+        m_control = std::make_unique<process_test::raw_control>(directory().file("L2VPN.ctl"));
     }
 
     /* Does what events there are until the condition holds. */
@@ -49,27 +48,68 @@ protected:
         return true;
     }
 
-    /* The owner's life. Says everything anew as soon as it is told to, like any owner. */
-    void live(owner &one)
+    std::unique_ptr<faulty_daemon> m_daemon;
+    std::unique_ptr<process_test::raw_control> m_control;
+    fault_plan *m_daemon_plan = nullptr;
+};
+
+/* The library is set up once in a program's life, however often that has failed before. */
+TEST_F(faulty_calls, of_the_set_up_are_told_at_once_and_it_can_be_repeated)
+{
+    injected all;
+    for (int calls = 1;; ++calls) {
+        SCOPED_TRACE(calls);
+        owner one(owned_class);
+        own_plan().arm(ENOMEM, calls, false);
+        const bool connected = one.connect(event_manager());
+        own_plan().disarm();
+        all.add(own_plan());
+        if (connected) {
+            EXPECT_EQ(one.disconnect(), 0u);
+            break;
+        }
+        ASSERT_EQ(own_plan().all_failed(), 1);
+    }
+    EXPECT_EQ(all.missing({call::epoll_create1, call::timerfd_create, call::socket, call::epoll_ctl}, ENOMEM),
+              "");
+}
+
+/* Or it would be waited for an answer that nobody sees. */
+TEST_F(faulty_calls, to_watch_a_link_are_told_and_the_link_is_tried_again)
+{
+    owner one(owned_class);
+    ASSERT_TRUE(one.connect(event_manager()));
+    testing::internal::CaptureStderr();
+    own_plan().arm(ENOMEM, 1, false, call::epoll_ctl);
+    EXPECT_TRUE(until([&] { return one.up(); }));
+    EXPECT_EQ(own_plan().all_failed(), 1);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("the link cannot be watched: "), std::string::npos);
+    EXPECT_EQ(one.disconnect(), 0u);
+}
+
+class each_faulty_call : public faulty_calls, public testing::WithParamInterface<failure> {
+protected:
+    /* The owner's life. Says everything anew as soon as it is told to, like any owner. Where calls go on
+     * failing, one is enough to go on by. */
+    void live(owner &one, const fault_plan &plan)
     {
-        const auto settle = [&] {
+        const auto settle = [&](const std::function<bool()> &more) {
+            const int before = plan.all_failed();
             return until([&] {
                 one.step(false);
-                return one.settled();
+                return (one.settled() && more()) || (GetParam().lasting && plan.all_failed() > before);
             });
         };
-        ASSERT_TRUE(settle()) << "it is not told UP";
+        const auto at_all = [] { return true; };
+        ASSERT_TRUE(settle(at_all)) << "it is not told UP";
         one.create(30);
         one.update();
-        ASSERT_TRUE(settle());
+        ASSERT_TRUE(settle(at_all));
         one.remove();
         one.create(5);
         one.map_vlans();
-        ASSERT_TRUE(settle());
-        ASSERT_TRUE(until([&] {
-            one.step(false);
-            return one.settled() && one.knows_all_provisioned();
-        })) << "something provisioned is not told";
+        ASSERT_TRUE(settle([&] { return one.knows_all_provisioned(); }))
+            << "something provisioned is not told";
     }
 
     void expect_all_well(std::list<owner> &owners)
@@ -81,56 +121,70 @@ protected:
                 text = difference(owners, *m_control);
             return text.empty();
         });
-        ASSERT_TRUE(same) << text << m_daemon->err();
+        ASSERT_TRUE(same) << text << m_daemon->program.err();
     }
 
-    /* Fails the first call, the second, and so on. */
-    void fail_each(fault_plan &plan)
+    /* One owner's life with a failure from the `first` call on. True: it has come to that. */
+    bool fail_from(fault_plan &plan, int first, call only)
     {
-        int calls = 0;
-        for (bool reached = true; reached; ++calls) {
-            SCOPED_TRACE(std::string(strerror(GetParam())) + " at call " + std::to_string(calls + 1));
-            std::list<owner> owners;
-            owners.emplace_back(owned_class);
-            plan.arm(GetParam(), calls + 1);
-            if (!owners.front().connect(event_manager())) {
-                plan.disarm(); /* the platform could not be set up, which is told at once */
-                ASSERT_TRUE(plan.fired);
-                continue;
-            }
-            live(owners.front());
-            plan.disarm();
-            reached = plan.fired;
-            ASSERT_FALSE(HasFatalFailure());
-            ASSERT_NO_FATAL_FAILURE(expect_all_well(owners));
-            ASSERT_EQ(owners.front().disconnect(), 0u);
-            owners.clear();
-            ASSERT_TRUE(m_daemon->running()) << m_daemon->err();
-            ASSERT_TRUE(eventually([&] { return difference(owners, *m_control).empty(); }));
+        SCOPED_TRACE(name_of(GetParam()) + " at call " + std::to_string(first) +
+                     (only != call::count_ ? std::string(" of ") + name_of(only) : ""));
+        std::list<owner> owners;
+        owners.emplace_back(owned_class);
+        plan.arm(GetParam().error, first, GetParam().lasting, only);
+        const bool connected = owners.front().connect(event_manager());
+        if (connected)
+            live(owners.front(), plan);
+        plan.disarm();
+        m_all.add(plan);
+        const bool reached = plan.all_failed() > 0;
+        if (!connected) { /* the platform could not be set up, which is told at once */
+            EXPECT_TRUE(reached);
+            return reached;
         }
-        RecordProperty("calls", calls - 1);
-        EXPECT_GT(calls, 10) << "the owner's life has more calls than these";
+        if (!HasFatalFailure())
+            expect_all_well(owners);
+        EXPECT_EQ(owners.front().disconnect(), 0u);
+        owners.clear();
+        EXPECT_TRUE(m_daemon->program.running()) << m_daemon->program.err();
+        EXPECT_TRUE(eventually([&] { return difference(owners, *m_control).empty(); }));
+        return reached;
     }
 
-    static system_test::temp_dir *s_dir;
-    std::unique_ptr<child> m_daemon;
-    std::unique_ptr<process_test::raw_control> m_control;
-    fault_plan *m_daemon_plan = nullptr;
+    /* Once: the first call of all, the second, and so on. Lasting: each function, and what goes through a link
+     * also in the middle of its life. */
+    void fail_each(fault_plan &plan, std::initializer_list<call> expected)
+    {
+        if (GetParam().lasting) {
+            for (const call which : expected)
+                if (can_fail(which, GetParam().error) && !HasFailure())
+                    fail_from(plan, 1, which);
+            for (const call which : {call::sendmsg, call::recvmsg})
+                fail_from(plan, 4, which);
+        } else {
+            for (int first = 1; fail_from(plan, first, call::count_) && !HasFailure(); ++first) {
+            }
+        }
+        EXPECT_EQ(m_all.missing(expected, GetParam().error), "") << "never failed";
+    }
+
+    injected m_all;
 };
 
-system_test::temp_dir *faulty_calls::s_dir;
-
-TEST_P(faulty_calls, of_an_owner_lose_nothing)
+TEST_P(each_faulty_call, of_an_owner_lose_nothing)
 {
-    fail_each(own_plan());
+    fail_each(own_plan(), {call::socket, call::connect, call::sendmsg, call::recvmsg, call::getsockopt,
+                           call::setsockopt, call::epoll_wait, call::epoll_ctl, call::inotify_add_watch});
 }
 
-TEST_P(faulty_calls, of_the_process_lose_nothing)
+TEST_P(each_faulty_call, of_the_process_lose_nothing)
 {
-    fail_each(*m_daemon_plan);
+    fail_each(*m_daemon_plan, {call::accept4, call::sendmsg, call::recvmsg, call::getsockopt,
+                               call::setsockopt, call::epoll_wait, call::epoll_ctl});
 }
 
-INSTANTIATE_TEST_SUITE_P(each, faulty_calls, testing::Values(EINTR, EAGAIN, EPIPE, ENOBUFS),
-                         [](const auto &of) { return std::string(strerrorname_np(of.param)); });
+/* Lasting, EMFILE meets what ENOMEM meets. */
+INSTANTIATE_TEST_SUITE_P(with, each_faulty_call, testing::ValuesIn(failures, std::end(failures) - 1),
+                         [](const auto &of) { return name_of(of.param); });
 
 } // namespace

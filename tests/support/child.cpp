@@ -6,9 +6,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <spawn.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <thread>
@@ -21,6 +21,7 @@ namespace system_test {
 namespace {
 
 constexpr std::chrono::milliseconds poll_interval{10};
+constexpr int cannot_run = 127;
 
 std::vector<char *> pointers(std::vector<std::string> &texts)
 {
@@ -30,6 +31,22 @@ std::vector<char *> pointers(std::vector<std::string> &texts)
         list.push_back(text.data());
     list.push_back(nullptr);
     return list;
+}
+
+/* The child's side of a fork, where other threads may have held any lock: system calls alone. A program does
+ * not outlive the test that started it, however that ends. */
+[[noreturn]] void become(pid_t parent, const char *out, const char *err, char *const *argv, char *const *envp)
+{
+    constexpr int flags = O_WRONLY | O_CREAT | O_APPEND;
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent &&
+        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) >= 0 &&
+        dup2(open(out, flags, S_IRUSR | S_IWUSR), STDOUT_FILENO) >= 0 &&
+        dup2(open(err, flags, S_IRUSR | S_IWUSR), STDERR_FILENO) >= 0) {
+        execve(argv[0], argv, envp);
+    }
+    constexpr char text[] = "the program cannot be run\n";
+    (void)!write(STDERR_FILENO, text, sizeof text - 1);
+    _exit(cannot_run);
 }
 
 } // namespace
@@ -83,18 +100,16 @@ child::child(const std::string &program, const std::vector<std::string> &argumen
         if (!std::string(*entry).starts_with("L2VPN_"))
             variables.emplace_back(*entry);
 
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
     const std::string out = files_.file("out");
     const std::string err = files_.file("err");
-    posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_addopen(&files, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    const int error = posix_spawn(&pid_, program.c_str(), &files, nullptr, pointers(words).data(),
-                                  pointers(variables).data());
-    posix_spawn_file_actions_destroy(&files);
-    if (error != 0)
-        throw std::system_error(error, std::generic_category(), program);
+    const std::vector<char *> argv = pointers(words);
+    const std::vector<char *> envp = pointers(variables);
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ < 0)
+        throw std::system_error(errno, std::generic_category(), program);
+    if (pid_ == 0)
+        become(parent, out.c_str(), err.c_str(), argv.data(), envp.data());
 }
 
 child::~child()

@@ -123,6 +123,12 @@ void raw_control::send(const std::string &text)
     }
 }
 
+bool raw_control::readable() const
+{
+    pollfd ready{m_fd, POLLIN, 0};
+    return !m_in.empty() || poll(&ready, 1, 0) == 1;
+}
+
 void raw_control::end_sending()
 {
     shutdown(m_fd, SHUT_WR);

@@ -59,6 +59,8 @@ public:
     /* Reads up to the line with "ok", which it returns; rows are appended to `rows`. */
     json answer(json *rows = nullptr);
     bool ended();
+    /* Something is there to be read, be it the end. */
+    bool readable() const;
     void end_sending();
 
 private:

@@ -29,12 +29,13 @@ uint64_t next_key(l2vpn_ipc_client &client, uint32_t class_id)
     return uint64_t{client.serial} << 32 | class_id;
 }
 
-void watch_link(const l2vpn_ipc_client &client, const registration &of, int operation, uint32_t events)
+/* Only what is added can fail. */
+bool watch_link(const l2vpn_ipc_client &client, const registration &of, int operation, uint32_t events)
 {
     epoll_event event{};
     event.events = events;
     event.data.u64 = of.key;
-    epoll_ctl(client.epoll.get(), operation, of.connection->fd(), &event);
+    return epoll_ctl(client.epoll.get(), operation, of.connection->fd(), &event) == 0;
 }
 
 /* The next attempt, later each time. Under the lock. */
@@ -295,6 +296,7 @@ void client_attempt(l2vpn_ipc_client &client, registration &of)
         client_attempt_failed(client, of, LOG_ERR, std::string("cannot greet: ") + qerr_strerror(status));
         return;
     }
+    qerrno status = EOK;
     {
         const std::lock_guard guard(client.lock);
         if (of.withdrawn) {
@@ -305,7 +307,11 @@ void client_attempt(l2vpn_ipc_client &client, registration &of)
         of.link_number = client.serial;
         of.state = link_state::greeting;
         of.deadline = steady::now() + milliseconds(greeting_timeout_ms);
-        watch_link(client, of, EPOLL_CTL_ADD, EPOLLIN);
+        status = watch_link(client, of, EPOLL_CTL_ADD, EPOLLIN) ? qerrno{EOK} : static_cast<qerrno>(errno);
+    }
+    if (status != EOK) {
+        client_attempt_failed(client, of, LOG_ERR,
+                              std::string("the link cannot be watched: ") + qerr_strerror(status));
     }
 }
 

@@ -1,0 +1,171 @@
+/*
+ * l2vpnd while its start fails, and the connections of its control socket while they do: one call, the next
+ * one in each run, once or from there on.
+ */
+#include "fault_test.h"
+
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+
+using namespace kill_test;
+using process_test::json;
+
+namespace {
+
+class faulty : public testing::TestWithParam<failure> {
+protected:
+    void SetUp() override { m_plan->disarm(); }
+
+    /* Begins one, and waits until it is ready or has ended. */
+    std::unique_ptr<faulty_daemon> begin()
+    {
+        auto daemon = std::make_unique<faulty_daemon>(m_dir.path(), m_plan_file);
+        EXPECT_TRUE(eventually([&] { return daemon->is_ready() || !daemon->program.running(); }))
+            << "it hangs";
+        return daemon;
+    }
+
+    static bool answers(process_test::raw_control &control, const std::string &verb)
+    {
+        control.send(R"({"verb":")" + verb + "\"}\n");
+        const json end = control.answer();
+        return end.is_object() && end.value("ok", false);
+    }
+
+    /* A daemon that is ready does what it is for, and leaves nothing when it ends. */
+    void expect_works(faulty_daemon &daemon) const
+    {
+        process_test::raw_control control(m_dir.file("L2VPN.ctl"));
+        EXPECT_TRUE(answers(control, "status")) << daemon.program.err();
+        const process_test::raw_peer owner(m_dir.file("L2VPN.sock"), 4);
+        daemon.program.send_signal(SIGTERM);
+        EXPECT_EQ(daemon.program.wait(), 0) << daemon.program.err();
+        EXPECT_EQ(left_behind(), "");
+    }
+
+    std::string left_behind() const
+    {
+        std::string names;
+        for (const auto &file : std::filesystem::directory_iterator(m_dir.path()))
+            if (file.path() != m_plan_file)
+                names += file.path().filename().string() + " ";
+        return names;
+    }
+
+    system_test::temp_dir m_dir;
+    std::string m_plan_file = m_dir.file("plan");
+    fault_plan *m_plan = map_plan(m_plan_file.c_str());
+    injected m_all;
+};
+
+class faulty_start : public faulty {
+protected:
+    /* Leaves the files of a process that was killed. */
+    void leave_files()
+    {
+        const auto killed = begin();
+        killed->program.send_signal(SIGKILL);
+        ASSERT_EQ(killed->program.wait(), -SIGKILL);
+        ASSERT_NE(left_behind(), "");
+    }
+
+    void fail_each(bool stale, std::initializer_list<call> expected)
+    {
+        int starts = 0;
+        for (bool reached = true; reached; ++starts) {
+            SCOPED_TRACE(name_of(GetParam()) + " at call " + std::to_string(starts + 1));
+            if (stale)
+                leave_files();
+            m_plan->arm(GetParam().error, starts + 1, GetParam().lasting);
+            const auto daemon = begin();
+            m_plan->disarm();
+            m_all.add(*m_plan);
+            reached = m_plan->all_failed() > 0;
+            if (daemon->is_ready()) {
+                ASSERT_NO_THROW(expect_works(*daemon));
+            } else {
+                EXPECT_GT(daemon->program.wait(), 0);
+                EXPECT_TRUE(process_test::is_one_line(daemon->program.err()));
+                EXPECT_TRUE(daemon->program.err().starts_with("l2vpnd: ")) << daemon->program.err();
+                /* Who could not lock the lock file does not know whose it is. */
+                const bool not_locked = m_plan->failed[static_cast<size_t>(call::flock)] > 0;
+                EXPECT_TRUE(stale || left_behind() == (not_locked ? "L2VPN.sock.lock " : ""))
+                    << left_behind();
+                const auto next = begin();
+                ASSERT_TRUE(next->is_ready()) << next->program.err();
+                ASSERT_NO_THROW(expect_works(*next));
+            }
+            ASSERT_FALSE(HasFailure());
+        }
+        EXPECT_EQ(m_all.missing(expected, GetParam().error), "")
+            << "failed in none of " << starts << " starts";
+    }
+};
+
+/* It starts and works, or ends with a line that says why; the next one is not hindered. */
+TEST_P(faulty_start, ends_in_one_line_or_works)
+{
+    fail_each(false, {call::socket, call::bind, call::listen, call::epoll_create1, call::epoll_ctl,
+                      call::eventfd, call::timerfd_create, call::signalfd, call::open, call::flock});
+}
+
+TEST_P(faulty_start, over_the_files_of_one_that_was_killed_ends_in_one_line_or_works)
+{
+    fail_each(true, {call::connect, call::socket, call::bind, call::listen, call::open, call::flock});
+}
+
+INSTANTIATE_TEST_SUITE_P(each, faulty_start, testing::ValuesIn(failures),
+                         [](const auto &of) { return name_of(of.param); });
+
+/* A connection is answered whole, or it ends; the next one is answered. */
+class faulty_control : public faulty {
+protected:
+    /* Has the other end read all and hung up, so that nothing of this connection counts for the next one. */
+    static void hang_up(process_test::raw_control &control)
+    {
+        control.end_sending();
+        EXPECT_TRUE(control.ended());
+    }
+};
+
+TEST_P(faulty_control, connections_are_answered_or_ended)
+{
+    const auto daemon = begin();
+    ASSERT_TRUE(daemon->is_ready()) << daemon->program.err();
+    int connections = 0;
+    for (bool reached = true; reached; ++connections) {
+        SCOPED_TRACE(name_of(GetParam()) + " at call " + std::to_string(connections + 1));
+        m_plan->arm(GetParam().error, connections + 1, GetParam().lasting);
+        {
+            process_test::raw_control control(m_dir.file("L2VPN.ctl"));
+            control.send("{\"id\":1,\"verb\":\"status\"}\n{\"id\":2,\"verb\":\"show counters\"}\n");
+            const auto goes_on = [&] {
+                return control.readable() || (GetParam().lasting && m_plan->all_failed() >= 2);
+            };
+            EXPECT_TRUE(eventually(goes_on)) << "it hangs";
+            m_plan->disarm();
+            for (int id = 1; id <= 2; ++id) {
+                const json end = control.answer();
+                const bool whole = end.is_object() && end.value("ok", false) && end["id"] == id;
+                ASSERT_TRUE(whole || control.ended()) << end;
+            }
+            hang_up(control);
+        }
+        m_all.add(*m_plan);
+        reached = m_plan->all_failed() > 0;
+        process_test::raw_control control(m_dir.file("L2VPN.ctl"));
+        ASSERT_TRUE(answers(control, "status")) << daemon->program.err();
+        hang_up(control);
+    }
+    EXPECT_EQ(m_all.missing({call::accept4, call::recv, call::send, call::epoll_ctl, call::epoll_wait},
+                            GetParam().error),
+              "")
+        << "failed in none of " << connections << " connections";
+    expect_works(*daemon);
+}
+
+INSTANTIATE_TEST_SUITE_P(each, faulty_control, testing::ValuesIn(failures),
+                         [](const auto &of) { return name_of(of.param); });
+
+} // namespace
