@@ -236,6 +236,7 @@ exit_status run(int argc, char **argv, program_options options)
     if (operators.open(control, &error) != EOK) {
         return fail(error);
     }
+    start_capture(options); /* no owner is served before the loop below runs */
     if (printf("l2vpnd: ready on %s\n", owners.path().c_str()) < 0 || fflush(stdout) != 0) {
         return fail("cannot write to standard output: " + text_of(errno));
     }

@@ -1,0 +1,290 @@
+/*
+ * Recorded messages as operators get them: l2vpnd's ring, dead or alive, an owner's ring, and l2vpnctl's verbs.
+ */
+#include "daemon.h"
+
+#include <csignal>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+using namespace process_test;
+using testing::HasSubstr;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class recorded : public daemon_test {
+protected:
+    std::string ring() const { return ask({"status"}).value("capture", ""); }
+
+    system_test::result monitor(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), "monitor");
+        return ctl(arguments);
+    }
+
+    /* The records, a JSON object each. */
+    std::vector<json> rows(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.end(), {"--json", "-v"});
+        const system_test::result done = monitor(arguments);
+        EXPECT_EQ(done.status, 0) << done.err;
+        std::vector<json> found;
+        std::istringstream lines(done.out);
+        for (std::string line; std::getline(lines, line);) {
+            found.push_back(json::parse(line));
+        }
+        return found;
+    }
+
+    /* An owner of class 3 with two ACs, which are provisioned, and a message that is none. */
+    std::string make_history()
+    {
+        start({"--auto-provision"});
+        raw_peer &owner = m_owner.emplace(peer(3));
+        EXPECT_TRUE(owner.send(create(3, {0x11, 0x12})));
+        EXPECT_TRUE(owner.receive());
+        EXPECT_TRUE(owner.send(header(99, 0, 0).bytes()));
+        EXPECT_TRUE(has_dropped("type", 1));
+        return ring();
+    }
+
+    void expect_one_line(const system_test::result &done, int status, const std::string &text)
+    {
+        EXPECT_EQ(done.status, status) << done.err;
+        EXPECT_TRUE(is_one_line(done.err));
+        EXPECT_THAT(done.err, HasSubstr(text));
+        EXPECT_EQ(done.out, "");
+    }
+
+private:
+    std::optional<raw_peer> m_owner; /* stays, or its going would be the last record */
+};
+
+} // namespace
+
+TEST_F(recorded, everything_is_in_the_ring_of_a_process_that_was_killed)
+{
+    const std::string path = make_history();
+    m_daemon->send_signal(SIGKILL);
+    ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+    const std::vector<json> found = rows({"--read", path});
+    ASSERT_EQ(found.size(), 4U);
+    EXPECT_EQ(found[0]["kind"], "up");
+    EXPECT_EQ(found[1]["type"], "CREATE");
+    EXPECT_EQ(found[1]["direction"], "to_process");
+    EXPECT_EQ(found[1]["count"], 2);
+    EXPECT_EQ(found[1]["flag_names"], json({"begin", "end"}));
+    EXPECT_EQ(found[1]["length"], 16 + 2 * (4 + 616 + 16));
+    EXPECT_EQ(found[1]["records"][1]["handle"], 0x12);
+    EXPECT_TRUE(found[1]["records"][1].contains("definition"));
+    EXPECT_EQ(found[2]["type"], "PROV");
+    EXPECT_EQ(found[2]["direction"], "to_owner");
+    EXPECT_EQ(found[2]["status"], 0);
+    EXPECT_EQ(found[2]["records"][0]["data"]["common"][2], 0x11);
+    EXPECT_EQ(found[3]["type"], 99);
+    EXPECT_EQ(found[3]["malformed"], "unknown message type");
+    for (size_t i = 0; i < found.size(); i++) {
+        EXPECT_EQ(found[i]["number"], i);
+        EXPECT_EQ(found[i]["owner"], 1);
+        EXPECT_EQ(found[i]["class"], 3);
+        EXPECT_EQ(found[i]["pid"], getpid());
+    }
+}
+
+TEST_F(recorded, a_ring_becomes_a_pcapng_file_that_says_the_same)
+{
+    const std::string path = make_history();
+    const std::string file = m_dir.file("x.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", path}).status, 0);
+    EXPECT_EQ(rows({"--read", file}), rows({"--read", path}));
+    EXPECT_EQ(rows({"--read", file}), rows({"--history", "--count", "4"})) << "and so does the process";
+}
+
+TEST_F(recorded, lines_are_for_people)
+{
+    const std::string path = make_history();
+    const std::string all = monitor({"--read", path}).out;
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 4);
+    EXPECT_THAT(all, HasSubstr(" class 3 UP\n"));
+    EXPECT_THAT(all, HasSubstr(" class 3 -> CREATE 2 ACs [begin,end] 1288 bytes\n"));
+    EXPECT_THAT(all, HasSubstr(" class 3 <- PROV 2 ACs 80 bytes\n"));
+    EXPECT_THAT(all, HasSubstr(" class 3 -> type 99 16 bytes MALFORMED: unknown message type\n"));
+    const std::string more = monitor({"--read", path, "-v", "-x", "--type", "prov"}).out;
+    EXPECT_THAT(more, HasSubstr("    handle=0x00000011 data=(common=1:"));
+    EXPECT_THAT(more, HasSubstr("    00000  00 00 00 03 00 00 00 07 00 00 00 02 00 00 00 00\n"));
+}
+
+TEST_F(recorded, records_are_chosen)
+{
+    start();
+    raw_peer one = peer(3);
+    raw_peer other = peer(4);
+    ASSERT_TRUE(one.send(create(3, {0x11}, 3)));
+    ASSERT_TRUE(other.send(create(4, {0x12}, 3)));
+    ASSERT_TRUE(holds(2));
+    ASSERT_TRUE(other.send(remove({0x12})));
+    ASSERT_TRUE(holds(1));
+    const std::string path = ring();
+    const std::string name = acs()[0]["name"];
+    const auto count = [&](const std::vector<std::string> &choice) {
+        std::vector<std::string> arguments = {"--read", path};
+        arguments.insert(arguments.end(), choice.begin(), choice.end());
+        return rows(arguments).size();
+    };
+    EXPECT_EQ(count({}), 5U);
+    EXPECT_EQ(count({"--owner", "2"}), 3U);
+    EXPECT_EQ(count({"--class", "3"}), 2U);
+    EXPECT_EQ(count({"--type", "DELETE"}), 1U);
+    EXPECT_EQ(count({"--handle", "0x12"}), 2U);
+    EXPECT_EQ(count({"--handle", "0x12", "--type", "CREATE"}), 1U);
+    EXPECT_EQ(count({"--name", name, "--class", "3"}), 1U);
+    EXPECT_EQ(count({"--name", "nobody*"}), 0U);
+    EXPECT_EQ(count({"--count", "2"}), 2U);
+}
+
+TEST_F(recorded, a_running_process_is_followed)
+{
+    start();
+    const std::string file = m_dir.file("live.pcapng");
+    system_test::child seen(system_test::binary("l2vpnctl"),
+                            {"monitor", "--runtime-dir", m_dir.path(), "--history", "--count", "3"});
+    system_test::child kept(system_test::binary("l2vpnctl"),
+                            {"capture", "--runtime-dir", m_dir.path(), "--history", "-w", file});
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(seen.says(" class 3 UP\n"));
+    ASSERT_TRUE(owner.send(create(3, {0x11})));
+    owner.close();
+    EXPECT_EQ(seen.wait(), 0) << seen.err();
+    EXPECT_THAT(seen.out(), HasSubstr("-> CREATE 1 AC "));
+    EXPECT_THAT(seen.out(), HasSubstr(" class 3 DOWN\n"));
+    ASSERT_TRUE(eventually([&] { return fs::exists(file) && rows({"--read", file}).size() == 3; }));
+    kept.send_signal(SIGINT);
+    EXPECT_EQ(kept.wait(), 0) << kept.err();
+    EXPECT_EQ(kept.err(), "") << "no progress is shown where there is no terminal";
+    EXPECT_EQ(rows({"--read", file}).size(), 3U);
+}
+
+TEST_F(recorded, the_end_of_the_process_ends_what_follows_it)
+{
+    start();
+    system_test::child seen(system_test::binary("l2vpnctl"),
+                            {"monitor", "--runtime-dir", m_dir.path(), "--history"});
+    const raw_peer owner = peer(3);
+    ASSERT_TRUE(seen.says(" class 3 UP\n"));
+    m_daemon->send_signal(SIGKILL);
+    EXPECT_EQ(seen.wait(), 4);
+    EXPECT_THAT(seen.err(), HasSubstr("the process that was followed has ended: l2vpnd-"));
+}
+
+TEST_F(recorded, captures_are_bounded)
+{
+    start();
+    raw_peer owner = peer(8);
+    const octets message = create(8, handles_from(0x100, 20));
+    constexpr uint64_t messages = 50;
+    for (uint64_t i = 0; i < messages; i++) {
+        ASSERT_TRUE(owner.send(message));
+    }
+    ASSERT_TRUE(eventually([&] { return totals()["received"].value("CREATE", uint64_t{0}) == messages; }));
+    const std::string file = m_dir.file("x.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", ring(), "--size", "1", "--files", "2"}).status, 0);
+    const uint64_t room = (1 << 20) + message.size() + 1024;
+    EXPECT_LE(fs::file_size(file), room);
+    EXPECT_LE(fs::file_size(file + ".1"), room);
+    EXPECT_FALSE(fs::exists(file + ".2"));
+    const std::vector<json> older = rows({"--read", file + ".1"});
+    const std::vector<json> newer = rows({"--read", file});
+    EXPECT_EQ(newer.back()["number"], messages);
+    EXPECT_EQ(newer.front()["number"], older.back()["number"].get<uint64_t>() + 1);
+
+    const std::string full = m_dir.file("full.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", full, "--from-ring", ring(), "--size", "1", "--files", "1"}).status, 0);
+    EXPECT_LE(fs::file_size(full), room);
+    EXPECT_EQ(rows({"--read", full}).front()["number"], 0);
+}
+
+TEST_F(recorded, the_ring_of_the_process_is_as_large_as_it_is_told)
+{
+    start({"--capture-size", "64"});
+    const std::string path = ring();
+    EXPECT_EQ(fs::file_size(path), 4096 + 64 * 1024);
+    struct stat found {};
+    ASSERT_EQ(stat(path.c_str(), &found), 0);
+    EXPECT_EQ(found.st_mode & 0777U, 0640U);
+    raw_peer owner = peer(3);
+    for (uint64_t i = 0; i < 2000; i++) {
+        ASSERT_TRUE(owner.send(header(0, 0, 0).bytes()));
+    }
+    ASSERT_TRUE(eventually([&] { return totals()["received"].value("JOIN", uint64_t{0}) == 2000; }));
+    EXPECT_EQ(fs::file_size(path), 4096 + 64 * 1024);
+    const std::string file = m_dir.file("x.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", path}).status, 0);
+    const json first = rows({"--read", path}).front();
+    EXPECT_EQ(first, json({{"lost", 2001 - 256}})) << "256 slots of 2001 records";
+}
+
+TEST_F(recorded, a_process_that_keeps_no_ring_says_so)
+{
+    start({"--capture", "off"});
+    EXPECT_EQ(ring(), "");
+    expect_one_line(monitor({}), 1, "the process keeps no ring of its messages");
+    EXPECT_EQ(stop(), 0);
+    expect_one_line(monitor({}), 3, "L2VPN.ctl");
+}
+
+TEST_F(recorded, a_ring_that_cannot_be_made_stops_nothing)
+{
+    start({"--capture", m_dir.file("no/ring")});
+    EXPECT_EQ(ring(), "");
+    EXPECT_EQ(m_daemon->err(),
+              "l2vpn: no capture ring: " + m_dir.file("no/ring") + ": No such file or directory\n");
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(owner.send(create(3, {1})));
+    EXPECT_TRUE(holds(1));
+}
+
+TEST_F(recorded, bad_input_has_one_clear_line)
+{
+    start();
+    const std::string text = m_dir.write("text", "not a capture");
+    const std::string there = m_dir.write("there.pcapng", "precious");
+    const std::string no_folder = m_dir.file("no/x.pcapng");
+    expect_one_line(monitor({"--read", m_dir.file("none")}), 1, m_dir.file("none") + ": No such file");
+    expect_one_line(monitor({"--read", text}), 1, text + ": not a pcapng file");
+    expect_one_line(monitor({"--read", m_dir.path()}), 1, m_dir.path() + ": Is a directory");
+    expect_one_line(monitor({"--type", "NONE"}), 2, "no message type 'NONE'");
+    expect_one_line(monitor({"--class", "18"}), 2, "18");
+    expect_one_line(ctl({"capture"}), 2, "--write");
+    expect_one_line(ctl({"capture", "-w", there}), 1, there + ": there already (--force replaces it)");
+    EXPECT_EQ(system_test::read_file(there), "precious");
+    expect_one_line(ctl({"capture", "-w", no_folder}), 1, no_folder + ": No such file or directory");
+    expect_one_line(ctl({"capture", "-w", m_dir.file("y"), "--from-ring", m_dir.file("none")}), 1,
+                    "none: No such");
+    expect_one_line(ctl({"capture", "-w", "/dev/full", "--force", "--count", "1", "--from-ring", ring()}), 1,
+                    "/dev/full: cannot write: No space left on device");
+}
+
+TEST_F(recorded, an_owner_keeps_the_beginnings_of_its_messages)
+{
+    start({"--auto-provision"});
+    const std::string path = m_dir.file("owner.ring");
+    const system_test::result done =
+        system_test::run(system_test::binary("l2vpn-owner"),
+                         {"-i", L2VPN_EXAMPLES "/inventory.csv", "-r", m_dir.path(), "--once"},
+                         {"L2VPN_CAPTURE=" + path, "L2VPN_CAPTURE_SIZE=64"});
+    ASSERT_EQ(done.status, 0) << done.err;
+    EXPECT_EQ(fs::file_size(path), 4096 + 64 * 1024);
+    const std::vector<json> found = rows({"--read", path, "--type", "CREATE"});
+    ASSERT_GE(found.size(), 9U) << "one a class";
+    for (const json &row : found) {
+        EXPECT_EQ(row["observer"], "owner");
+        EXPECT_EQ(row["program"], "l2vpn-owner");
+        EXPECT_EQ(row["recorded"], 160);
+        EXPECT_GT(row["length"], 160);
+        EXPECT_FALSE(row.contains("malformed"));
+        EXPECT_TRUE(row["records"][0].contains("handle"));
+    }
+}

@@ -1,0 +1,173 @@
+/*
+ * pcapng files: what is written is read, in either byte order; a file that breaks off gives what it holds.
+ */
+#include "child.h"
+#include "pcapng_reader.h"
+#include "pcapng_writer.h"
+
+#include <gtest/gtest.h>
+#include <sstream>
+
+using namespace l2vpn::capture;
+
+namespace {
+
+captured record(uint64_t number, size_t length)
+{
+    captured made{};
+    made.time = 1'700'000'000'123'456'789 + number;
+    made.head.kind = record_kind::message;
+    made.head.direction = flow::to_owner;
+    made.head.by = observer::process;
+    made.head.number = number;
+    made.head.length = static_cast<uint32_t>(length);
+    made.message.assign(length, static_cast<uint8_t>(number));
+    return made;
+}
+
+struct outcome {
+    std::vector<captured> records;
+    pcapng_summary summary;
+    std::string refusal;
+};
+
+outcome read(const std::string &content)
+{
+    outcome out;
+    std::istringstream file(content);
+    try {
+        out.summary = read_pcapng(file, [&out](captured &&one) { out.records.push_back(std::move(one)); });
+    } catch (const bad_file &bad) {
+        out.refusal = bad.what();
+    }
+    return out;
+}
+
+class pcapng : public testing::Test {
+protected:
+    /* Three records, two of them behind five that were lost. */
+    std::string make()
+    {
+        pcapng_writer writer(m_path, false, "test");
+        EXPECT_EQ(writer.add_interface("l2vpnd-1"), 0U);
+        writer.add(0, record(0, 16), 0);
+        writer.add(0, record(6, 33), 5);
+        writer.add(0, record(7, 40), 0);
+        writer.add_statistics(0, 9, 6);
+        writer.flush();
+        EXPECT_EQ(writer.size(), system_test::read_file(m_path).size());
+        return system_test::read_file(m_path);
+    }
+
+    system_test::temp_dir m_dir;
+    std::string m_path = m_dir.file("x.pcapng");
+};
+
+/* A block as a machine of the other byte order writes it. */
+std::string big_block(uint32_t type, const std::string &body)
+{
+    const auto word = [](uint32_t value) {
+        std::string bytes(4, '\0');
+        put_number(reinterpret_cast<uint8_t *>(bytes.data()), value);
+        return bytes;
+    };
+    const auto length = static_cast<uint32_t>(body.size() + 12);
+    return word(type) + word(length) + body + word(length);
+}
+
+} // namespace
+
+TEST_F(pcapng, what_is_written_is_read)
+{
+    const outcome got = read(make());
+    EXPECT_EQ(got.refusal, "");
+    ASSERT_EQ(got.records.size(), 3U);
+    EXPECT_EQ(got.records[1].time, 1'700'000'000'123'456'795U);
+    EXPECT_EQ(got.records[1].head.number, 6U);
+    EXPECT_EQ(got.records[1].message, std::vector<uint8_t>(33, 6));
+    EXPECT_EQ(got.summary.lost, 6U);
+    EXPECT_EQ(got.summary.records, 3U);
+    EXPECT_EQ(got.summary.ends_early, "");
+}
+
+TEST_F(pcapng, a_file_cut_anywhere_gives_what_it_holds_and_says_where_it_ends)
+{
+    const std::string whole = make();
+    size_t most = 0;
+    for (size_t length = 0; length < whole.size(); length++) {
+        const outcome got = read(whole.substr(0, length));
+        EXPECT_GE(got.records.size(), most);
+        most = std::max(most, got.records.size());
+        if (length < 12) {
+            EXPECT_EQ(got.refusal, length == 0 ? "empty, not a pcapng file" : "not a pcapng file");
+        } else {
+            EXPECT_EQ(got.refusal, "") << length;
+            EXPECT_TRUE(got.summary.ends_early.empty() ||
+                        got.summary.ends_early.starts_with("breaks off at byte " + std::to_string(length) +
+                                                           ", in the block at byte "))
+                << got.summary.ends_early;
+        }
+    }
+    EXPECT_EQ(most, 3U);
+    EXPECT_EQ(read(whole.substr(0, whole.size() - 1)).summary.lost, 5U) << "as the packets say";
+    EXPECT_NE(read(whole.substr(0, whole.size() - 1)).summary.ends_early, "");
+}
+
+TEST_F(pcapng, the_other_byte_order_and_other_clocks_are_read)
+{
+    using namespace std::string_literals;
+    std::array<uint8_t, head_length> head{};
+    put_head(record(4, 0).head, head.data());
+    const std::string packet(head.begin(), head.end());
+    const std::string section =
+        big_block(0x0A0D0D0A, "\x1a\x2b\x3c\x4d\0\1\0\0\xff\xff\xff\xff\xff\xff\xff\xff"s);
+    /* Without a resolution, time counts in microseconds. */
+    const std::string interface = big_block(1, "\0\x93\0\0\0\0\0\0"s);
+    const std::string foreign = big_block(1, "\0\1\0\0\0\0\0\0"s);
+    const std::string times = "\0\0\0\0\0\0\0\7\0\0\0\x40\0\0\0\x40"s;
+    const outcome got = read(section + interface + foreign + big_block(6, "\0\0\0\0"s + times + packet) +
+                             big_block(6, "\0\0\0\1"s + times + packet) + big_block(99, "anything"));
+    EXPECT_EQ(got.refusal, "");
+    ASSERT_EQ(got.records.size(), 1U);
+    EXPECT_EQ(got.records[0].time, 7000U);
+    EXPECT_EQ(got.records[0].head.number, 4U);
+    EXPECT_EQ(got.summary.foreign, 1U);
+}
+
+TEST_F(pcapng, a_record_of_another_version_is_refused_by_name)
+{
+    std::string file = make();
+    const size_t at = file.find(std::string("\0\1\1\2\1\0\0\x40", 8));
+    ASSERT_NE(at, std::string::npos);
+    file[at + 1] = 2;
+    EXPECT_EQ(read(file).refusal, "has records of version 2; this program reads version 1");
+}
+
+TEST_F(pcapng, damage_is_named_with_its_place)
+{
+    const std::string whole = make();
+    std::string file = whole;
+    file[4] = 3;
+    EXPECT_EQ(read(file).refusal, "damaged: the block at byte 0 has an impossible length");
+    file = whole;
+    file[8] = 0;
+    EXPECT_EQ(read(file).refusal, "damaged: the block at byte 0 has no byte-order mark");
+    file = whole;
+    file[12] = 2;
+    EXPECT_EQ(read(file).refusal, "a pcapng file of version 2; this program reads version 1");
+    EXPECT_EQ(read("something that is no capture at all").refusal, "not a pcapng file");
+}
+
+TEST_F(pcapng, a_file_that_is_there_is_replaced_only_when_told_so)
+{
+    m_dir.write("x.pcapng", "precious");
+    try {
+        const pcapng_writer writer(m_path, false, "test");
+        FAIL() << "it was replaced";
+    } catch (const bad_file &bad) {
+        EXPECT_STREQ(bad.what(), "there already (--force replaces it)");
+    }
+    EXPECT_EQ(system_test::read_file(m_path), "precious");
+    const pcapng_writer writer(m_path, true, "test");
+    EXPECT_EQ(read(system_test::read_file(m_path)).refusal, "");
+}
