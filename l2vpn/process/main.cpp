@@ -226,7 +226,6 @@ exit_status run(int argc, char **argv, program_options options)
     if (const qerrno status = owners.open(evm.get(), server, process, &error); status != EOK) {
         return fail(error, status == EADDRINUSE ? exit_in_use : exit_failed);
     }
-    start_capture(options);
 
     control_options control{};
     control.listen_fd = passed.operators;

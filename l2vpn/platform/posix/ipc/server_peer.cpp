@@ -257,7 +257,8 @@ extern "C" qerrno l2vpn_ipc_server_sendv(l2vpn_ipc_server_t server, l2vpn_ipc_pe
         return ENOTCONN;
     }
     const qerrno status = send_or_queue(*peer, pieces, count, length);
-    record(*peer, l2vpn::capture::record_kind::message, l2vpn::capture::flow::to_owner, status, pieces, count);
+    record(*peer, l2vpn::capture::record_kind::message, l2vpn::capture::flow::to_owner, status, pieces,
+           count);
     return status;
 }
 
