@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <sys/stat.h>
@@ -222,7 +223,7 @@ qerrno make_runtime_dir(std::string &problem)
 } // namespace l2vpn::platform_posix
 
 qerrno platform_service_path(const char *service, char *path, size_t size)
-{
+try {
     if (service == nullptr || path == nullptr) {
         return EINVAL;
     }
@@ -237,4 +238,6 @@ qerrno platform_service_path(const char *service, char *path, size_t size)
     }
     std::snprintf(path, size, "%s/%s.sock", directory.c_str(), service);
     return EOK;
+} catch (const std::bad_alloc &) { /* to read the configuration */
+    return ENOMEM;
 }

@@ -3,7 +3,6 @@
  */
 #include "harness.h"
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -78,32 +77,6 @@ TEST_F(room, is_taken_whole_or_not_at_all_by_messages_of_odd_sizes)
         ASSERT_TRUE(server.answer());
         ASSERT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_CONNECTED) == ups + 1; }));
     }
-}
-
-TEST_F(room, is_waited_for)
-{
-    constexpr uint32_t more_than_fit = 100;
-    std::atomic<uint32_t> sent{0};
-    std::atomic<qerrno> status{EINPROGRESS};
-    std::thread sender([&] {
-        qerrno last = EOK;
-        while (last == EOK && sent < more_than_fit) {
-            last = one.send(message(sent, 65536));
-            sent += last == EOK;
-        }
-        status = last;
-    });
-    uint32_t received = 0;
-    bytes packet;
-    EXPECT_TRUE(on.until([&] {
-        for (; server.peer.receive(&packet) && packet == message(received, 65536); ++received) {
-        }
-        return status != EINPROGRESS && received == sent;
-    }));
-    sender.join();
-    EXPECT_EQ(status, qerrno{EOK});
-    EXPECT_EQ(received, more_than_fit);
-    EXPECT_EQ(one.count(L2VPN_IPC_EVT_DISCONNECTED), 0u);
 }
 
 TEST_F(room, is_waited_for_no_longer_because_of_signals)

@@ -253,4 +253,37 @@ TEST_F(waiting_sender, does_not_keep_messages_from_coming)
     sender.join();
 }
 
+TEST(threads, wait_for_room)
+{
+    const loop on;
+    raw_server server{on, test_name()};
+    owner one{new_client(on, test_name()), 5};
+    ASSERT_EQ(one.start(), qerrno{EOK});
+    ASSERT_TRUE(server.take_hello());
+    ASSERT_TRUE(server.answer());
+    ASSERT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_CONNECTED) == 1; }));
+    constexpr uint32_t more_than_fit = 100;
+    std::atomic<uint32_t> sent{0};
+    std::atomic<qerrno> status{EINPROGRESS};
+    std::thread sender([&] {
+        qerrno last = EOK;
+        while (last == EOK && sent < more_than_fit) {
+            last = one.send(message(sent, 65536));
+            sent += last == EOK;
+        }
+        status = last;
+    });
+    uint32_t received = 0;
+    bytes packet;
+    EXPECT_TRUE(on.until([&] {
+        for (; server.peer.receive(&packet) && packet == message(received, 65536); ++received) {
+        }
+        return status != EINPROGRESS && received == sent;
+    }));
+    sender.join();
+    EXPECT_EQ(status, qerrno{EOK});
+    EXPECT_EQ(received, more_than_fit);
+    EXPECT_EQ(one.count(L2VPN_IPC_EVT_DISCONNECTED), 0u);
+}
+
 } // namespace

@@ -38,7 +38,7 @@
 PLATFORM_BEGIN_DECLS
 
 /* Writes the NUL-terminated path of a service's socket to `path`. EINVAL: no plain file name;
- * ENAMETOOLONG: longer than `size` or than a socket address takes. Any thread. */
+ * ENAMETOOLONG: longer than `size` or than a socket address takes; ENOMEM. Any thread. */
 qerrno platform_service_path(const char *service, char *path, size_t size);
 
 /* Turns debug texts on or off while running; `sink` as L2VPN_DEBUG. EINVAL: no such sink. Any thread. */
