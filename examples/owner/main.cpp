@@ -39,6 +39,11 @@ int compare_with(const std::string &path, const char *verb, const Intended &inte
 {
     if (path == "-")
         return compare_with(std::cin, "standard input", verb, intended);
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored)) {
+        std::cerr << "l2vpn-owner: " << path << ": is a directory, not a file\n";
+        return owner::exit_bad_input;
+    }
     std::ifstream file(path);
     return compare_with(file, path, verb, intended);
 }

@@ -1,11 +1,42 @@
 #include "options.h"
 
 #include "field.h"
+#include "text.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdlib>
 #include <iostream>
 
 namespace owner {
+
+namespace {
+
+constexpr uint32_t smallest_mtu = 16;
+constexpr uint32_t largest_mtu = 1048576;
+
+// Read as the platform does, which would only warn of a bad one: this program counts on the number, too.
+std::string read_mtu_of_environment(uint32_t &mtu)
+{
+    const char *text = std::getenv("L2VPN_MTU");
+    if (text == nullptr || *text == '\0')
+        return {};
+    uint64_t number = 0;
+    const std::string fault = parse_number(text, smallest_mtu, largest_mtu, number);
+    if (!fault.empty())
+        return "L2VPN_MTU: " + fault;
+    mtu = static_cast<uint32_t>(number);
+    return {};
+}
+
+int refuse(std::string line)
+{
+    std::ranges::replace(line, '\n', ' ');
+    std::cerr << "l2vpn-owner: " << line << " (--help lists the options)\n";
+    return exit_bad_input;
+}
+
+} // namespace
 
 bool parse_options(int argc, char **argv, options &chosen, int &exit_status)
 {
@@ -23,14 +54,14 @@ bool parse_options(int argc, char **argv, options &chosen, int &exit_status)
     app.add_option("-i,--inventory", chosen.inventory, "The inventory, a CSV file")
         ->required()
         ->type_name("FILE");
-    app.add_option("-r,--runtime-dir", chosen.runtime_dir, "Directory of the process's socket")
-        ->envname("L2VPN_RUNTIME_DIR")
+    app.add_option("-r,--runtime-dir", chosen.runtime_dir,
+                   "Directory of the process's socket; else $L2VPN_RUNTIME_DIR, else the platform's")
         ->type_name("DIR");
-    app.add_option("-m,--mtu", chosen.mtu, "Largest message, in bytes")
-        ->envname("L2VPN_MTU")
-        ->check(CLI::Range(16U, 1048576U))
-        ->capture_default_str()
-        ->type_name("BYTES");
+    const CLI::Option *const mtu =
+        app.add_option("-m,--mtu", chosen.mtu, "Largest message, in bytes; else $L2VPN_MTU")
+            ->check(CLI::Range(smallest_mtu, largest_mtu))
+            ->capture_default_str()
+            ->type_name("BYTES");
     CLI::Option *const mstp =
         app.add_option("--mstp", chosen.mstp, "An MSTP scenario to send after the interfaces")
             ->type_name("FILE");
@@ -72,9 +103,14 @@ bool parse_options(int argc, char **argv, options &chosen, int &exit_status)
         exit_status = 0;
         return false;
     } catch (const CLI::ParseError &error) {
-        std::cerr << "l2vpn-owner: " << error.what() << " (--help lists the options)\n";
-        exit_status = exit_bad_input;
+        exit_status = refuse(error.what());
         return false;
+    }
+    if (mtu->count() == 0) {
+        if (const std::string fault = read_mtu_of_environment(chosen.mtu); !fault.empty()) {
+            exit_status = refuse(fault);
+            return false;
+        }
     }
     return true;
 }

@@ -6,17 +6,19 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <platform/config.h>
 #include <sys/signalfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 #include <vector>
 
 namespace owner {
 
 namespace {
+
+constexpr uint32_t seconds_to_next_connect = 1;
 
 // Any code but the library's own, 128.
 constexpr int work_code = 1;
@@ -29,6 +31,13 @@ lists_by_class divide(const interface_list &interfaces)
     for (const interface_ptr &entry : interfaces)
         lists[entry->class_id].push_back(entry);
     return lists;
+}
+
+// As it was given, for people.
+std::string runtime_dir()
+{
+    const char *given = std::getenv("L2VPN_RUNTIME_DIR");
+    return given != nullptr && *given == '/' ? given : "the default directory";
 }
 
 } // namespace
@@ -47,11 +56,8 @@ interface_owner::~interface_owner()
 {
     sessions_.clear();
     event_fd_unwatch(signal_watch_);
-    event_fd_unwatch(deadline_watch_);
     if (signal_fd_ >= 0)
         (void)close(signal_fd_);
-    if (deadline_fd_ >= 0)
-        (void)close(deadline_fd_);
 }
 
 int interface_owner::run(const interface_list &interfaces)
@@ -85,7 +91,7 @@ bool interface_owner::start(const interface_list &interfaces)
         return false;
     char path[PATH_MAX];
     if (const qerrno status = platform_service_path("L2VPN", path, sizeof path); status != EOK) {
-        out_.error(std::string("no path for the process's socket: ") + qerr_strerror(status));
+        out_.error("no path for the process's socket in " + runtime_dir() + ": " + qerr_strerror(status));
         return false;
     }
     evm_ = event_mgr_new();
@@ -119,13 +125,11 @@ bool interface_owner::watch_signals()
 
 bool interface_owner::start_deadline()
 {
-    deadline_fd_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    itimerspec when{};
-    when.it_value.tv_sec = chosen_.timeout_seconds;
-    if (deadline_fd_ < 0 || timerfd_settime(deadline_fd_, 0, &when, nullptr) < 0)
-        return failed("cannot start a timer");
-    deadline_watch_ = event_fd_watch(evm_, deadline_fd_, EVENT_FD_READ, on_deadline, this);
-    return deadline_watch_ != nullptr || failed("cannot start a timer");
+    const auto give_up = [this] {
+        report_unfinished();
+        end(exit_failed);
+    };
+    return deadline_.start(evm_, chosen_.timeout_seconds, give_up) || failed("cannot start a timer");
 }
 
 /*
@@ -146,18 +150,32 @@ bool interface_owner::connect(const interface_list &interfaces)
                        [&](uint32_t class_id) { return add_session(class_id, std::move(lists[class_id])); });
 }
 
+// False: it is there, but not connected.
 bool interface_owner::add_session(uint32_t class_id, interface_list interfaces)
 {
     auto one = std::make_unique<session>(around_, class_id);
     (void)one->set_interfaces(std::move(interfaces));
     if (scenario_ != nullptr && scenario_->class_id == class_id)
         one->set_scenario(scenario_);
-    if (const qerrno status = one->connect(evm_); status != EOK) {
+    const qerrno status = one->connect(evm_);
+    if (status != EOK)
         out_.error("class " + std::to_string(class_id) + ": cannot connect: " + qerr_strerror(status));
-        return false;
-    }
     sessions_[class_id] = std::move(one);
-    return true;
+    return status == EOK;
+}
+
+// The classes that are connected go on meanwhile.
+void interface_owner::connect_later()
+{
+    const auto connect_all = [this] {
+        bool missing = false;
+        for (const auto &[class_id, one] : sessions_)
+            missing = (!one->connected() && one->connect(evm_) != EOK) || missing;
+        if (missing)
+            connect_later();
+    };
+    if (!connect_timer_.start(evm_, seconds_to_next_connect, connect_all))
+        (void)failed("cannot start a timer");
 }
 
 // A file with a fault changes nothing.
@@ -189,7 +207,7 @@ void interface_owner::change(const interface_list &interfaces)
     for (auto &[class_id, entries] : lists) {
         all.created += entries.size();
         if (!add_session(class_id, std::move(entries)))
-            return end(exit_failed);
+            connect_later();
     }
     out_.line("inventory changed: " + std::to_string(all.created) + " to create, " +
               std::to_string(all.updated) + " to update, " + std::to_string(all.replaced) + " to replace, " +
@@ -264,13 +282,6 @@ void interface_owner::on_signal(event_fd_watch_t *, int, uint32_t, void *arg)
     auto *const self = static_cast<interface_owner *>(arg);
     self->out_.line("disconnecting");
     self->end(0);
-}
-
-void interface_owner::on_deadline(event_fd_watch_t *, int, uint32_t, void *arg)
-{
-    auto *const self = static_cast<interface_owner *>(arg);
-    self->report_unfinished();
-    self->end(exit_failed);
 }
 
 } // namespace owner

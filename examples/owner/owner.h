@@ -12,6 +12,7 @@
 #include "file_watch.h"
 #include "options.h"
 #include "session.h"
+#include "timer.h"
 
 #include <map>
 #include <memory>
@@ -39,6 +40,7 @@ private:
     bool start_deadline();
     bool connect(const interface_list &interfaces);
     bool add_session(uint32_t class_id, interface_list interfaces);
+    void connect_later();
     void work();
     void read_again();
     void change(const interface_list &interfaces);
@@ -48,7 +50,6 @@ private:
 
     static void on_work(event_context_t *context, void *arg);
     static void on_signal(event_fd_watch_t *watch, int fd, uint32_t events, void *arg);
-    static void on_deadline(event_fd_watch_t *watch, int fd, uint32_t events, void *arg);
 
     options chosen_;
     console &out_;
@@ -56,9 +57,9 @@ private:
     event_mgr_p evm_ = nullptr;
     event_context_t work_context_{};
     int signal_fd_ = -1;
-    int deadline_fd_ = -1;
     event_fd_watch_t *signal_watch_ = nullptr;
-    event_fd_watch_t *deadline_watch_ = nullptr;
+    timer deadline_;
+    timer connect_timer_; // for classes that could not be connected
     file_watch inventory_watch_;
     bool work_posted_ = false;
     bool all_reported_ = false;

@@ -57,6 +57,7 @@ public:
     void set_scenario(mstp_scenario *scenario) { scenario_ = scenario; }
 
     uint32_t class_id() const { return class_id_; }
+    bool connected() const { return handle_ != nullptr; }
     bool up() const { return up_; }
     bool has_work() const { return !tasks_.empty() || scenario_due_; }
     bool batch_open() const { return batch_open_; }

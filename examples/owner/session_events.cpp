@@ -72,11 +72,13 @@ qerrno session::connect(event_mgr_p evm)
     callbacks.bulk_notify_cb = bulk_notify_cb;
     callbacks.hdr_notify_cb = hdr_notify_cb;
     const qerrno status = l2vpn_ac_process_connect(evm, 0, class_id_, &callbacks, &handle_);
-    if (status == EOK) {
-        s_sessions[handle_] = this;
-        around_.limits_class = class_id_;
+    if (status != EOK) {
+        handle_ = nullptr;
+        return status;
     }
-    return status;
+    s_sessions[handle_] = this;
+    around_.limits_class = class_id_;
+    return EOK;
 }
 
 void session::disconnect()

@@ -294,7 +294,7 @@ TEST_F(owner_input, names_what_cannot_be_compared)
     EXPECT_EQ(none.err, "l2vpn-owner: " + dir_.file("none") + ": No such file or directory\n");
     const result folder = system_test::run(owner, {"-i", inventory, "--compare", dir_.path()});
     EXPECT_EQ(folder.status, 2);
-    EXPECT_THAT(folder.err, StartsWith("l2vpn-owner: " + dir_.path() + ": is not what "));
+    EXPECT_EQ(folder.err, "l2vpn-owner: " + dir_.path() + ": is a directory, not a file\n");
 }
 
 TEST_F(owner_input, lists_the_fields)
@@ -330,8 +330,31 @@ INSTANTIATE_TEST_SUITE_P(each, bad_options,
                                          bad_option{{"-i", "x", "--colour"}, "--colour"},
                                          bad_option{{"-i", "x", "--mtu", "15"}, "--mtu"},
                                          bad_option{{"-i", "x", "--mtu", "many"}, "--mtu"},
+                                         bad_option{{"-i", "x", "--mtu", "1\n2"}, "--mtu"},
+                                         bad_option{{"-i", "x", "--col\nour"}, "--col our"},
                                          bad_option{{"-i", "x", "--timeout", "3"}, "--once"},
                                          bad_option{{"-i", "x", "--compare", "y", "--once"}, "--compare"},
                                          bad_option{{"-i", "x", "--compare-mstp", "y"}, "--mstp"}));
+
+TEST_F(owner_input, refuses_a_bad_mtu_of_the_environment_unless_the_option_gives_another)
+{
+    const std::string owner = system_test::binary("l2vpn-owner");
+    const std::string inventory = dir_.write("inventory.csv", header + "a,3,1,mtu=64\n");
+    for (const char *bad : {"15", "1048577", "many", "-1", "16 ", "0x"}) {
+        const std::string variable = "L2VPN_MTU=" + std::string(bad);
+        const result got = system_test::run(owner, {"-i", inventory, "--print-expected"}, {variable});
+        EXPECT_EQ(got.status, 2) << bad;
+        EXPECT_THAT(got.err, StartsWith("l2vpn-owner: L2VPN_MTU: '" + std::string(bad) + "' is "));
+        EXPECT_EQ(std::count(got.err.begin(), got.err.end(), '\n'), 1) << got.err;
+        const result told =
+            system_test::run(owner, {"-i", inventory, "--print-expected", "--mtu", "2000"}, {variable});
+        EXPECT_EQ(told.status, 0) << told.err;
+    }
+    for (const char *good : {"", "16", "1048576", "0x1000"}) {
+        const std::string variable = "L2VPN_MTU=" + std::string(good);
+        const result got = system_test::run(owner, {"-i", inventory, "--print-expected"}, {variable});
+        EXPECT_EQ(got.status, 0) << good << got.err;
+    }
+}
 
 } // namespace

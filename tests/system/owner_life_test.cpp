@@ -129,7 +129,7 @@ TEST_F(owner_life, creates_everything_anew_after_each_restart)
 
 TEST_F(owner_life, survives_a_process_that_dies_in_the_middle_of_a_large_inventory)
 {
-    write(many_of_class_3(20000));
+    write(many_of_class_3(8000));
     start_process();
     start_owner();
     ASSERT_TRUE(owner_->says("class 3: UP"));
@@ -138,7 +138,7 @@ TEST_F(owner_life, survives_a_process_that_dies_in_the_middle_of_a_large_invento
     const std::size_t before = owner_->out().size();
     start_process();
     ASSERT_TRUE(eventually([&] {
-        return owner_->out().find("all 20000 ACs created", before) != std::string::npos;
+        return owner_->out().find("all 8000 ACs created", before) != std::string::npos;
     })) << owner_->out()
         << owner_->err();
     EXPECT_TRUE(holds_inventory());
@@ -278,6 +278,37 @@ TEST_F(owner_life, keeps_what_was_sent_when_a_new_class_has_no_room)
     EXPECT_TRUE(owner_->running());
 }
 
+TEST_F(owner_life, goes_on_without_a_new_class_that_cannot_connect_and_tries_again)
+{
+    write(two_classes);
+    start_process();
+    const std::vector<std::string> arguments{"-i", inventory(), "--runtime-dir", dir_.path(), "--watch"};
+    owner_ = std::make_unique<child>(binary("owner_without_class_11"), arguments);
+    ASSERT_TRUE(owner_->says("all 3 ACs created"));
+    write(two_classes + line_of("d", 11, 1, "circuit=1,tunnel=2") + line_of("e", 3, 3, "speed=10"));
+    ASSERT_TRUE(owner_->says("class 3: created 1 AC in 1 request")) << owner_->out();
+    ASSERT_TRUE(owner_->says("all 5 ACs created")) << owner_->out() << owner_->err();
+    EXPECT_EQ(owner_->err(), "l2vpn-owner: class 11: cannot connect: Cannot allocate memory\n");
+    EXPECT_TRUE(holds_inventory());
+}
+
+// Owner, process and tools read the variable alike: what is no absolute path is told, and does not count.
+TEST_F(owner_life, takes_a_relative_directory_of_the_environment_as_the_process_does)
+{
+    write(two_classes);
+    const std::vector<std::string> relative{"L2VPN_RUNTIME_DIR=here"};
+    // With an MTU that no process agrees to, should one run there.
+    const child owner(binary("l2vpn-owner"), {"-i", inventory(), "--mtu", "1048576"}, relative);
+    const std::string warning = "l2vpn: L2VPN_RUNTIME_DIR=here: not an absolute path; using ";
+    ASSERT_TRUE(owner.says("for the L2VPN process at ")) << owner.err();
+    EXPECT_THAT(owner.err(), testing::StartsWith(warning));
+    const result tool = system_test::run(binary("l2vpnctl"), {"status"}, relative);
+    EXPECT_THAT(tool.err, testing::StartsWith(warning));
+    const std::string used = tool.err.substr(warning.size(), tool.err.find('\n') - warning.size());
+    EXPECT_THAT(owner.err(), HasSubstr(warning + used + "\n"));
+    EXPECT_THAT(owner.out(), HasSubstr(" at " + used + "/"));
+}
+
 TEST_F(owner_life, refuses_an_mtu_without_room_for_one_ac)
 {
     write("name,class,handle,fields\n" + line_of("svc", 8, 1, "profile=gold"));
@@ -307,7 +338,8 @@ TEST_F(owner_life, refuses_a_runtime_directory_that_no_socket_fits)
     const result got = system_test::run(
         binary("l2vpn-owner"), {"-i", inventory(), "--runtime-dir", "/tmp/" + std::string(120, 'x')});
     EXPECT_EQ(got.status, 1);
-    EXPECT_EQ(got.err, "l2vpn-owner: no path for the process's socket: File name too long\n");
+    EXPECT_EQ(got.err, "l2vpn-owner: no path for the process's socket in /tmp/" + std::string(120, 'x') +
+                           ": File name too long\n");
 }
 
 TEST_F(owner_life, shows_what_the_process_sends)
