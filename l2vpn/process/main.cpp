@@ -18,8 +18,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <grp.h>
 #include <functional>
+#include <grp.h>
 #include <memory>
 #include <new>
 #include <platform/config.h>
@@ -145,7 +145,9 @@ void start_capture(const program_options &options)
     }
 }
 
-/* Runs until told to stop. What waits for owners is tried again every few milliseconds while there is any. */
+/* Runs until told to stop. What waits for owners is tried again soon after anything has happened, because a link
+ * that takes more is an event, too; and every second, for what found no memory. So an owner that does not read
+ * has the process sleep. */
 exit_status serve(event_mgr_p evm, l2vpn_process &process, control_server &control, const bool &stopping)
 {
     using clock = control_server::clock;
@@ -161,7 +163,7 @@ exit_status serve(event_mgr_p evm, l2vpn_process &process, control_server &contr
         if (now - ticked >= std::chrono::milliseconds(short_wait_ms)) {
             ticked = now;
             process.send_all_waiting();
-            wait = process.anything_waits() ? short_wait_ms : long_wait_ms;
+            wait = long_wait_ms;
         }
         if (now - swept >= std::chrono::seconds(1)) {
             swept = now;

@@ -84,6 +84,12 @@ qerrno l2vpn_process::tell_some(owner &to)
     const bool provision = store.head(waiting.first).wanted;
     const uint32_t most = provision ? provision_limit(cls, to.info.mtu) : unprovision_limit(to.info.mtu);
 
+    if (most == 0) {
+        /* No message on this link holds an AC: none was told of, and none is. */
+        move(to, waiting.first, ac_stage::settled);
+        return EOK;
+    }
+
     std::vector<uint32_t> slots;
     slots.reserve(std::min(most, waiting.count));
     for (uint32_t slot = waiting.first; slot != no_slot && slots.size() < most;

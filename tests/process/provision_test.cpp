@@ -100,6 +100,22 @@ TEST(provisioning, needs_a_link_wide_enough_for_one_ac)
     EXPECT_FALSE(b.process.anything_waits());
 }
 
+/* Its owner was told of no AC, so there is none to take back; whoever wants to comes to an end. */
+TEST(provisioning, says_nothing_on_a_link_too_narrow_for_a_handle)
+{
+    bench b;
+    owner *wide = b.connect(3);
+    b.process.received(*wide, create(3, {1, 2}));
+    wide->info.mtu = 19;
+    for (const bool provisioned : {false, true}) {
+        b.process.want(*wide, b.process.acs().store(3).find(7, 1), provisioned);
+        b.process.send_waiting(*wide);
+        EXPECT_TRUE(sent(b, *wide).empty());
+        EXPECT_FALSE(b.process.anything_waits());
+        EXPECT_EQ(b.ac(3, 1).stage, ac_stage::settled);
+    }
+}
+
 TEST(provisioning, waits_for_the_end_of_the_batch)
 {
     bench b({.auto_provision = true});
