@@ -17,7 +17,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <new>
 #include <pthread.h>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -68,11 +70,12 @@ void after_fork_in_child()
 /* With the lock held. */
 void replace(std::unique_ptr<ring> next)
 {
-    if (ring *previous = in_use.exchange(next.get()); previous != nullptr) {
-        previous->release_file();
-    }
+    ring *current = next.get();
     if (next != nullptr) {
         board().rings.push_back(std::move(next));
+    }
+    if (ring *previous = in_use.exchange(current); previous != nullptr) {
+        previous->release_file();
     }
 }
 
@@ -102,6 +105,23 @@ qerrno open_ring(const std::string &where, observer by, std::uint64_t size, std:
     return EOK;
 }
 
+/* A process without a ring is as good as any other, so long as people know. With the lock held. */
+qerrno open_or_say(const char *where, observer by, std::uint32_t size_kib, std::uint32_t snap)
+{
+    std::string problem;
+    qerrno status = ENOMEM;
+    try {
+        status = open_ring(where, by, std::uint64_t{size_kib} * 1024, snap, problem);
+    } catch (const std::bad_alloc &) {
+        problem.clear();
+    }
+    if (status != EOK) {
+        std::fprintf(stderr, "l2vpn: no capture ring: %s\n",
+                     problem.empty() ? qerr_strerror(status) : problem.c_str());
+    }
+    return status;
+}
+
 } // namespace
 
 void record(record_kind kind, flow direction, const link_facts &about, qerrno status, const iovec *pieces,
@@ -129,9 +149,10 @@ void record(record_kind kind, flow direction, const link_facts &about, qerrno st
 
 std::array<char, 16> name_of_process(pid_t pid)
 {
+    std::array<char, 32> path{};
+    std::snprintf(path.data(), path.size(), "/proc/%d/comm", static_cast<int>(pid));
     std::array<char, 16> name{};
-    const std::string path = "/proc/" + std::to_string(pid) + "/comm";
-    const platform_posix::unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const platform_posix::unique_fd file(::open(path.data(), O_RDONLY | O_CLOEXEC));
     if (file && ::read(file.get(), name.data(), name.size()) > 0) {
         std::ranges::replace(name, '\n', '\0');
     }
@@ -146,11 +167,8 @@ void begin_owner()
         return;
     }
     const platform_posix::configuration &config = platform_posix::config();
-    std::string problem;
-    if (config.capture != "off" &&
-        open_ring(config.capture, observer::owner, std::uint64_t{config.capture_size_kib} * 1024,
-                  config.capture_snap, problem) != EOK) {
-        std::fprintf(stderr, "l2vpn: no capture ring: %s\n", problem.c_str());
+    if (config.capture != "off") {
+        open_or_say(config.capture.c_str(), observer::owner, config.capture_size_kib, config.capture_snap);
     }
 }
 
@@ -163,21 +181,16 @@ qerrno platform_capture_set(const char *where, uint32_t size_kib, uint32_t snap)
     if (where == nullptr || size_kib < 64 || size_kib > 1048576) {
         return EINVAL;
     }
-    const std::string place = where;
+    const std::string_view place = where;
     const std::lock_guard guard(board().lock);
     if (place == "off") {
         replace(nullptr);
         return EOK;
     }
-    if (place != "on" && place.find('/') == std::string::npos) {
+    if (place != "on" && place.find('/') == std::string_view::npos) {
         return EINVAL;
     }
-    std::string problem;
-    const qerrno status = open_ring(place, observer::process, std::uint64_t{size_kib} * 1024, snap, problem);
-    if (status != EOK) {
-        std::fprintf(stderr, "l2vpn: no capture ring: %s\n", problem.c_str());
-    }
-    return status;
+    return open_or_say(where, observer::process, size_kib, snap);
 }
 
 const char *platform_capture_path(void)
