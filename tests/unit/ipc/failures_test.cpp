@@ -240,23 +240,24 @@ TEST_F(client_failures, a_message_that_finds_no_memory_in_the_queue_is_not_taken
 struct opening_failure {
     const char *call;
     int cause;
+    unsigned at = 1;
 };
 
 void PrintTo(const opening_failure &of, std::ostream *out)
 {
-    *out << of.call << " " << of.cause;
+    *out << of.call << " " << of.at << " " << of.cause;
 }
 
 class link_failures : public client_failures, public testing::WithParamInterface<opening_failure> {};
 
 TEST_P(link_failures, a_link_opens_all_the_same)
 {
-    const auto [call, cause] = GetParam();
+    const auto [call, cause, at] = GetParam();
     recording_server server;
     ASSERT_EQ(server.start(on, service), qerrno{EOK});
     owner one(new_client(on, service), 5);
     ASSERT_EQ(one.start(), qerrno{EOK});
-    order ordered(call, cause);
+    order ordered(call, cause, at);
     ordered.begin();
     EXPECT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_CONNECTED) == 1; }));
     ordered.end();
@@ -270,7 +271,8 @@ INSTANTIATE_TEST_SUITE_P(
     each, link_failures,
     testing::Values(opening_failure{"socket", EMFILE}, opening_failure{"connect", EAGAIN},
                     opening_failure{"connect", ENOENT}, opening_failure{"connect", EACCES},
-                    opening_failure{"getsockopt", ENOBUFS}, opening_failure{"epoll_ctl", ENOSPC},
+                    opening_failure{"getsockopt", ENOBUFS}, opening_failure{"getsockopt", ENOBUFS, 3},
+                    opening_failure{"epoll_ctl", ENOSPC}, opening_failure{"epoll_ctl", ENOSPC, 2},
                     opening_failure{"accept4", EMFILE}, opening_failure{"accept4", EINTR},
                     opening_failure{"accept4", ECONNABORTED}, opening_failure{"epoll_wait", EINTR}));
 

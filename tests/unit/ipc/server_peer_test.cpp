@@ -45,6 +45,37 @@ struct peer_test : testing::Test {
     raw_socket socket;
 };
 
+TEST_F(peer_test, is_sent_nothing_by_a_call_without_arguments)
+{
+    bytes sent = message(1);
+    const iovec piece{sent.data(), sent.size()};
+    EXPECT_EQ(l2vpn_ipc_server_sendv(nullptr, peer(), &piece, 1), qerrno{EINVAL});
+    EXPECT_EQ(l2vpn_ipc_server_sendv(server.handle, nullptr, &piece, 1), qerrno{EINVAL});
+    EXPECT_EQ(l2vpn_ipc_server_sendv(server.handle, peer(), nullptr, 1), qerrno{EINVAL});
+    EXPECT_EQ(l2vpn_ipc_server_queued(server.handle, nullptr), 0U);
+    l2vpn_ipc_server_close(server.handle, nullptr);
+    on.drain();
+    bytes packet;
+    EXPECT_FALSE(socket.receive(&packet));
+    EXPECT_TRUE(server.closed.empty());
+}
+
+/* Until its callback is over a peer that was closed can be named, and nothing goes to it. */
+TEST_F(peer_test, is_sent_nothing_after_it_was_closed)
+{
+    qerrno status = EOK;
+    server.message_hook = [&](l2vpn_ipc_peer_t from, uint32_t) {
+        l2vpn_ipc_server_close(server.handle, from);
+        status = server.send(from, message(2));
+        l2vpn_ipc_server_close(server.handle, from);
+    };
+    ASSERT_TRUE(socket.send(message(1)));
+    ASSERT_TRUE(on.until([&] { return !server.received.empty(); }));
+    EXPECT_EQ(status, qerrno{ENOTCONN});
+    EXPECT_TRUE(on.until([&] { return socket.at_end(); }));
+    EXPECT_TRUE(server.closed.empty());
+}
+
 TEST_F(peer_test, is_sent_messages_of_16_bytes_to_its_mtu)
 {
     bytes sent = message(1, mtu + 1);

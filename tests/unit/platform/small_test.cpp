@@ -1,3 +1,4 @@
+#include <platform/config.h>
 #include <platform/platform.h>
 
 #include <cerrno>
@@ -12,6 +13,19 @@
 #include <vector>
 
 namespace {
+
+TEST(service_path, needs_a_name_and_room)
+{
+    char path[108];
+    EXPECT_EQ(platform_service_path(nullptr, path, sizeof path), qerrno{EINVAL});
+    EXPECT_EQ(platform_service_path("name", nullptr, sizeof path), qerrno{EINVAL});
+    ASSERT_EQ(platform_service_path("name", path, sizeof path), qerrno{EOK});
+    const std::string whole = path;
+    EXPECT_TRUE(whole.ends_with("/name.sock")) << whole;
+    EXPECT_EQ(platform_service_path("name", path, whole.size()), qerrno{ENAMETOOLONG});
+    EXPECT_EQ(platform_service_path("name", path, whole.size() + 1), qerrno{EOK});
+    EXPECT_EQ(path, whole);
+}
 
 TEST(status_text, says_what_the_number_means)
 {

@@ -1,6 +1,7 @@
 #include "trace/values.h"
 
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <gtest/gtest.h>
@@ -53,6 +54,37 @@ TEST(trace_values, come_out_as_printf_prints_them)
     EXPECT_AS_PRINTF("%p", static_cast<const void *>("x"));
     EXPECT_AS_PRINTF("%.3d|%.0d", 5, 7);
     EXPECT_AS_PRINTF("%s", "");
+}
+
+TEST(trace_values, are_printed_in_every_length)
+{
+    EXPECT_AS_PRINTF("%td %zd %ld %jd", std::ptrdiff_t{-1}, ssize_t{-2}, -3L, std::intmax_t{-5});
+    EXPECT_AS_PRINTF("%tx %zx %lx %jx %llx", std::ptrdiff_t{1}, std::size_t{2}, 3UL, std::uintmax_t{5}, 6ULL);
+    EXPECT_EQ(through(8, "%qd %qx", -4LL, 10ULL).text, "-4 a");
+    EXPECT_AS_PRINTF("%.*f|%.*s|%.*d", -1, 1.5, -1, "all of it", -1, 7);
+}
+
+/* Words that end in the middle of a conversion: it comes out as it stands, and so does all behind it. */
+TEST(trace_values, that_are_missing_leave_their_conversion_as_it_stands)
+{
+    const char *format = "%*d, %.*f and %d";
+    const std::array<std::uint64_t, 5> words{6, 1, 2, std::bit_cast<std::uint64_t>(1.5), 3};
+    EXPECT_EQ(render(format, words), "     1, 1.50 and 3");
+    EXPECT_EQ(render(format, std::span(words).first(0)), format);
+    EXPECT_EQ(render(format, std::span(words).first(1)), format);
+    EXPECT_EQ(render(format, std::span(words).first(2)), "     1, %.*f and %d");
+    EXPECT_EQ(render(format, std::span(words).first(3)), "     1, %.*f and %d");
+    EXPECT_EQ(render(format, std::span(words).first(4)), "     1, 1.50 and %d");
+}
+
+/* However little room there is, what fits is told, and that the rest is cut. */
+TEST(trace_values, of_stars_without_room_are_cut)
+{
+    EXPECT_TRUE(through(0, "%*d", 6, 1).cut);
+    EXPECT_TRUE(through(1, "%*d", 6, 1).cut);
+    EXPECT_TRUE(through(0, "%.*d", 6, 1).cut);
+    EXPECT_TRUE(through(1, "%*.*d", 6, 3, 1).cut);
+    EXPECT_FALSE(through(3, "%*.*d", 6, 3, 1).cut);
 }
 
 TEST(trace_values, short_types_keep_their_width)
