@@ -35,7 +35,8 @@ has libl2vpn-ac-dev usr/include/l2vpn/l2vpn_ac_api.h usr/include/platform/platfo
     usr/share/man/man3/l2vpn_ac_create.3.gz usr/share/man/man7/l2vpn_ac.7.gz
 has l2vpnd usr/sbin/l2vpnd usr/bin/l2vpnctl usr/bin/l2vpn-trace lib/systemd/system/l2vpnd.service \
     lib/systemd/system/l2vpnd.socket usr/lib/sysusers.d/l2vpnd.conf usr/lib/tmpfiles.d/l2vpnd.conf \
-    etc/l2vpn/l2vpnd.conf usr/share/bash-completion/completions/l2vpnctl usr/share/man/man8/l2vpnd.8.gz
+    etc/l2vpn/l2vpnd.conf "$multiarch/wireshark/plugins/l2vpn.lua" \
+    usr/share/bash-completion/completions/l2vpnctl usr/share/man/man8/l2vpnd.8.gz
 if [[ ${DEB_BUILD_OPTIONS-} != *noautodbgsym* ]]; then
     for package in libl2vpn-ac1 libl2vpn-sim1 l2vpnd; do
         symbols=$(dpkg-deb --fsys-tarfile "$(file_of "$package-dbgsym")" | tar -t)
