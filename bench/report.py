@@ -21,10 +21,10 @@ class Run:
     def __init__(self, times_path, pieces_path):
         self.all = json.loads(pathlib.Path(times_path).read_text(encoding="utf-8"))
         self.machine = self.all["machine"]
-        self.jobs = {}  # (operation, class, MTU, ACs) -> {what: entry}; the last measurement of a job counts
+        self.jobs = {}  # (operation, class, MTU, ACs) -> {what: entry}; what was measured together stays
         for entry in self.all["times"]:
             job = (entry["operation"], entry["class"], entry["mtu"], entry["acs"])
-            self.jobs.setdefault(job, {})[entry["what"]] = entry
+            self.jobs.setdefault(job, {}).setdefault(entry["what"], entry)
         measured = json.loads(pathlib.Path(pieces_path).read_text(encoding="utf-8"))["benchmarks"]
         quartiles = {}
         for entry in measured:
