@@ -191,6 +191,24 @@ TEST_F(wavl, a_deleted_node_can_be_inserted_again)
     EXPECT_EQ(wavl_search(&tree, &only.node, 0), nullptr);
 }
 
+TEST_F(wavl, a_root_that_loses_its_last_child_is_a_leaf_again)
+{
+    for (const int other : {0, 2}) {
+        item root{.key = 1};
+        item child{.key = other};
+        item next{.key = 2 - other};
+        ASSERT_EQ(wavl_insert(&tree, &root.node), &root.node);
+        ASSERT_EQ(wavl_insert(&tree, &child.node), &child.node);
+        wavl_delete(&tree, &child.node);
+        EXPECT_EQ(keys(), std::vector<int>{1});
+        ASSERT_EQ(wavl_insert(&tree, &next.node), &next.node);
+        EXPECT_EQ(keys().size(), 2U);
+        wavl_delete(&tree, &next.node);
+        wavl_delete(&tree, &root.node);
+        EXPECT_TRUE(keys().empty());
+    }
+}
+
 /* Handles are looked up by their address: nothing may be read there, so the page is not even mapped. */
 TEST(wavl_by_address, a_node_that_does_not_exist_is_searched_for_and_deleted_without_reading_it)
 {
