@@ -24,7 +24,7 @@ def main():
     led_to = set()
     for page in pages:
         text = re.sub(r"^```.*?^```|^    .*?$|`[^`\n]*`(?!\])", "", page.read_text(), flags=re.M | re.S)
-        for target in re.findall(r"(?<!!)\[[^\]]*\]\(([^)\s]+)\)", text):
+        for target in re.findall(r"\]\(([^)\s]+)\)", text):
             if "://" in target:
                 continue
             path, _, anchor = target.partition("#")
