@@ -245,7 +245,7 @@ TEST_F(rings, a_damaged_record_is_counted_and_the_others_are_read)
 {
     {
         const auto to = make(1 << 16);
-        for (const size_t length : {20, 30, 40}) {
+        for (const size_t length : {size_t{20}, size_t{30}, size_t{40}}) {
             write(*to, message(length));
         }
     }
