@@ -131,6 +131,7 @@ class Workshop:
                 return 'does not link'
         else:
             env['L2VPN_AC_LIBRARY'] = str(self.directory / Path(LIBRARY).name)
+            env['LD_LIBRARY_PATH'] = str(self.build.directory / Path(LIBRARY).parent) # it looks beside itself
         status = run([str(program), *hunter[1:]], seconds, cwd=self.directory, env=env)
         return 'passes' if status == 0 else 'fails' if status is not None else 'hangs'
 
