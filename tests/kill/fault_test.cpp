@@ -152,7 +152,7 @@ protected:
     }
 
     /* The first call of each function. Then, once: the first call of all, the second, and so on; how they follow
-     * each other is chance. Lasting: what goes through a link also in the middle of its life. */
+     * each other is chance. Waiting, which has no end, twenty times. Lasting: what goes through a link also in the middle of its life. */
     void fail_each(fault_plan &plan, std::initializer_list<call> expected)
     {
         for (const call which : expected)
@@ -163,6 +163,10 @@ protected:
                 fail_from(plan, 4, which);
         } else {
             for (int first = 1; !HasFailure() && fail_from(plan, first, call::count_); ++first) {
+            }
+            if (can_fail(call::epoll_wait, GetParam().error)) {
+                for (int first = 2; first <= 20 && !HasFailure(); ++first)
+                    fail_from(plan, first, call::epoll_wait);
             }
         }
         EXPECT_EQ(m_all.missing(expected, GetParam().error), "") << "never failed";
