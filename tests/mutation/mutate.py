@@ -8,12 +8,14 @@ What survives stands in survivors.txt with its reason, or this fails.
 import argparse
 import collections
 import hashlib
+import math
 import queue
 import resource
 import signal
 import sys
 import tempfile
 import threading
+import time
 from pathlib import Path
 
 import operators
@@ -59,8 +61,9 @@ def listed_survivors(path):
 class Hunt:
     """The verdicts on some mutants, worked out by several workshops."""
 
-    def __init__(self, build, mutants, record):
+    def __init__(self, build, mutants, record, minutes=None):
         self.build, self.mutants, self.record = build, mutants, record
+        self.until = time.monotonic() + 60 * minutes if minutes else math.inf
         self.verdicts = {}
         self.failure = None
         self.waiting = queue.SimpleQueue()
@@ -72,7 +75,7 @@ class Hunt:
             with tempfile.TemporaryDirectory(prefix='l2vpn-mutate-') as directory:
                 workshop = Workshop(self.build, Path(directory))
                 workshop.check()
-                while self.failure is None:
+                while self.failure is None and time.monotonic() < self.until:
                     mutant = self.waiting.get_nowait()
                     verdict = workshop.verdict(mutant)
                     self.verdicts[mutant.id] = verdict
@@ -105,6 +108,7 @@ class Hunt:
             print('\r', end='\x1b[K')
         if self.failure is not None:
             raise self.failure
+        self.mutants = [m for m in self.mutants if m.id in self.verdicts]
 
     def counts(self):
         return collections.Counter(verdict for verdict, _ in list(self.verdicts.values()))
@@ -156,9 +160,11 @@ def arguments():
     parser = argparse.ArgumentParser(prog='mutate', description=__doc__)
     parser.add_argument('--build', type=Path, required=True, metavar='DIRECTORY', help='made by ninja')
     parser.add_argument('--sample', type=int, metavar='N', help='only N mutants, drawn at random')
-    parser.add_argument('--seed', type=int, default=1, metavar='S', help='of the sample')
+    parser.add_argument('--seed', type=int, default=1, metavar='S', help='what mutants are drawn by')
     parser.add_argument('--file', metavar='NAME', help='only mutants of this source')
     parser.add_argument('--match', metavar='TEXT', help='only mutants whose description contains this')
+    parser.add_argument('--minutes', type=int, metavar='N',
+                        help='no new mutant after so many minutes; those tried are drawn at random')
     parser.add_argument('--jobs', type=int, default=1, metavar='N', help='how many at a time')
     parser.add_argument('--list', action='store_true', help='names the mutants and tries none')
     parser.add_argument('--verdicts', type=argparse.FileType('w'), metavar='FILE',
@@ -175,9 +181,11 @@ def chosen(options, mutants):
     if options.file and options.file not in {path.name for path in SOURCES.iterdir()}:
         raise Broken(f'--file: the library has no source {options.file}')
     mutants = [m for m in mutants if options.file in (None, m.file) and (options.match or '') in m.id]
-    if options.sample is not None:
-        if options.sample < 1:
-            raise Broken('--sample: at least one mutant')
+    if options.sample is not None and options.sample < 1:
+        raise Broken('--sample: at least one mutant')
+    if options.minutes is not None and options.minutes < 1:
+        raise Broken('--minutes: at least one minute')
+    if options.sample or options.minutes:
         mutants = sorted(mutants, key=lambda m: lot(options.seed, m))[:options.sample]
     if not mutants:
         raise Broken('there are no such mutants')
@@ -197,9 +205,9 @@ def main():
     resource.setrlimit(resource.RLIMIT_AS, (4 << 30, 4 << 30))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     listed = listed_survivors(SURVIVORS)
-    hunt = Hunt(Build(options.build.resolve(), SOURCES), selected, options.verdicts)
+    hunt = Hunt(Build(options.build.resolve(), SOURCES), selected, options.verdicts, options.minutes)
     hunt.run(max(1, options.jobs))
-    faults = report(hunt, listed, known, len(selected) == len(mutants))
+    faults = report(hunt, listed, known, len(hunt.mutants) == len(mutants))
     print('\n'.join(faults) if faults else 'every survivor is listed with its reason')
     return 1 if faults else 0
 

@@ -4,12 +4,22 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <unistd.h>
 
 namespace simulation {
 
 namespace {
 
 char place[96] = "nothing is being run\n";
+std::string taken;
+
+/* The alarm is on for as long as this lives. */
+struct time_limit {
+    time_limit() { alarm(scenario_limit_s); }
+    ~time_limit() { alarm(0); }
+    time_limit(const time_limit &) = delete;
+    time_limit &operator=(const time_limit &) = delete;
+};
 
 std::optional<parting> compared(std::size_t number, const std::vector<event> &expected,
                                 const std::vector<event> &actual)
@@ -32,9 +42,16 @@ const char *being_run()
     return place;
 }
 
+const char *steps_so_far()
+{
+    return taken.c_str();
+}
+
 std::optional<parting> run(const scenario &what, const std::vector<step> &steps, coverage &seen,
                            std::ostream *trace)
 {
+    const time_limit limit;
+    taken.clear();
     subject tested(what.seed);
     model expected(what.seed, what.mistake, seen);
     for (std::size_t i = 0; i < steps.size(); ++i) {
@@ -42,6 +59,7 @@ std::optional<parting> run(const scenario &what, const std::vector<step> &steps,
                       static_cast<unsigned long long>(what.seed), i);
         if (trace != nullptr)
             *trace << i << "  " << to_string(steps[i]) << std::endl;
+        taken += "  " + std::to_string(i) + "  " + to_string(steps[i]) + "\n";
         tested.take(steps[i]);
         const std::vector<event> happened = tested.events();
         expected.take(steps[i], tested.handed_over());

@@ -25,6 +25,9 @@ struct scenario {
     fault mistake = fault::none;
 };
 
+/* A scenario takes milliseconds. One that takes longer than this is raised SIGALRM. */
+inline constexpr unsigned scenario_limit_s = 120;
+
 /* Takes the steps, writes each and its events to `trace` when there is one. */
 [[nodiscard]] std::optional<parting> run(const scenario &what, const std::vector<step> &steps, coverage &seen,
                                          std::ostream *trace = nullptr);
@@ -36,8 +39,9 @@ struct scenario {
 [[nodiscard]] std::vector<step> shortened(std::vector<step> steps,
                                           const std::function<bool(const std::vector<step> &)> &fails);
 
-/* What is being run at the moment, for whoever has to report a crash; a static text. */
+/* What is being run at the moment, and its steps so far, for whoever has to report a crash: nothing is allocated. */
 [[nodiscard]] const char *being_run();
+[[nodiscard]] const char *steps_so_far();
 
 } // namespace simulation
 

@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <iostream>
@@ -27,10 +28,13 @@ constexpr std::size_t steps_to_show = 12;
 /* With fewer scenarios than this it is no fault when something did not happen. */
 constexpr std::uint64_t seeds_that_cover = 500;
 
+constexpr std::uint64_t most_seeds = 1'000'000'000'000;
+
 struct options {
     std::uint64_t first = 1;
     std::uint64_t seeds = 2000;
     std::uint32_t steps = 60;
+    std::uint32_t minutes = 0;
     bool verbose = false;
 };
 
@@ -50,8 +54,18 @@ void on_crash(int signal)
     std::raise(signal);
 }
 
+void on_alarm(int)
+{
+    constexpr char text[] = "a scenario takes no end; its steps so far:\n";
+    (void)!write(STDERR_FILENO, text, sizeof text - 1);
+    (void)!write(STDERR_FILENO, steps_so_far(), std::strlen(steps_so_far()));
+    say_where();
+    _exit(1);
+}
+
 void watch_for_crashes()
 {
+    std::signal(SIGALRM, on_alarm);
     std::signal(SIGABRT, on_crash);
     if (__sanitizer_set_death_callback != nullptr)
         return __sanitizer_set_death_callback(say_where);
@@ -108,9 +122,13 @@ void explain(const scenario &what, const std::vector<step> &steps, const parting
 
 int simulate(const options &given, const char *program)
 {
+    using clock = std::chrono::steady_clock;
+    const auto until = clock::now() + std::chrono::minutes(given.minutes);
     coverage seen;
     std::uint64_t failed = 0;
-    for (std::uint64_t seed = given.first; seed < given.first + given.seeds; ++seed) {
+    std::uint64_t seeds = 0;
+    for (; seeds < given.seeds && (given.minutes == 0 || clock::now() < until); ++seeds) {
+        const std::uint64_t seed = given.first + seeds;
         const std::vector<step> steps = generate(seed, given.steps);
         const scenario what{seed};
         if (given.verbose)
@@ -136,11 +154,11 @@ int simulate(const options &given, const char *program)
             std::cout << line << "\n";
     }
     const std::vector<std::string> missing =
-        given.seeds < seeds_that_cover ? std::vector<std::string>() : seen.missing();
+        seeds < seeds_that_cover ? std::vector<std::string>() : seen.missing();
     for (const std::string &line : missing)
         std::cout << "never happened: " << line << "\n";
-    std::cout << given.seeds << " seeds from " << given.first << ", " << failed << " failed, "
-              << missing.size() << " kinds never happened\n";
+    std::cout << seeds << " seeds from " << given.first << ", " << failed << " failed, " << missing.size()
+              << " kinds never happened\n";
     return failed == 0 && missing.empty() ? 0 : 1;
 }
 
@@ -183,10 +201,16 @@ int program(int argc, char **argv)
     std::uint64_t seed = 0;
     bool self_test = false;
     CLI::App app("Runs the AC library under random scenarios and compares it with a model");
-    app.add_option("--seeds", given.seeds, "number of scenarios")->capture_default_str();
+    app.add_option("--seeds", given.seeds, "number of scenarios")
+        ->capture_default_str()
+        ->check(CLI::Range(std::uint64_t{1}, most_seeds));
+    app.add_option("--minutes", given.minutes, "no new scenario after so many minutes")
+        ->check(CLI::Range(1u, 100000u));
     app.add_option("--first", given.first, "seed of the first")->capture_default_str();
     const auto *const one = app.add_option("--seed", seed, "this scenario alone");
-    app.add_option("--steps", given.steps, "length of a scenario, about")->capture_default_str();
+    app.add_option("--steps", given.steps, "length of a scenario, about")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 100000u));
     app.add_flag("--verbose", given.verbose, "print steps and events of one scenario, or seeds; and counts");
     app.add_flag("--self-test", self_test, "check that mistakes of the model are found");
     CLI11_PARSE(app, argc, argv);

@@ -33,6 +33,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -426,12 +427,12 @@ void print_list()
         std::cout << "  " << m.name << "\n";
 }
 
-std::uint64_t number_of(const std::string &text)
+std::uint64_t number_of(const std::string &option, const std::string &text)
 {
-    std::size_t used = 0;
-    const std::uint64_t number = std::stoull(text, &used);
-    if (used != text.size())
-        throw std::invalid_argument("no number: " + text);
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size())
+        throw std::invalid_argument("--" + option + ": '" + text + "' is no number");
     return number;
 }
 
@@ -454,13 +455,13 @@ std::optional<trial> trial_of(const std::vector<std::string> &args)
             throw std::invalid_argument("no option: --" + name);
     }
     const scenario &s = scenario_named(given["scenario"]);
-    const std::uint64_t at = given.contains("at") ? number_of(given["at"]) : 1;
+    const std::uint64_t at = given.contains("at") ? number_of("at", given["at"]) : 1;
     if (given.contains("malformed"))
         return with_malformed(s, given["malformed"], at);
     if (!given.contains("call"))
         return clean(s);
     const target *const what = given["call"] == any_call ? nullptr : &target_named(given["call"]);
-    const int status = given.contains("status") ? static_cast<int>(number_of(given["status"]))
+    const int status = given.contains("status") ? static_cast<int>(number_of("status", given["status"]))
                        : what == nullptr        ? ENOBUFS
                                                 : what->statuses.front();
     return with_failure(s, {what, at, persistently, status});
