@@ -136,7 +136,7 @@ void record(record_kind kind, flow direction, const link_facts &about, qerrno st
                      .by = {},
                      .class_id = about.class_id,
                      .nodeid = about.nodeid,
-                     .pid = about.pid,
+                     .pid = about.pid == this_process ? to->pid() : about.pid,
                      .uid = about.uid,
                      .link = about.link,
                      .number = 0,

@@ -19,6 +19,9 @@ inline bool is_off() noexcept
     return in_use.load(std::memory_order_acquire) == nullptr;
 }
 
+/* As a pid: the recorder's own, which its ring knows. */
+constexpr std::uint32_t this_process = UINT32_MAX;
+
 /* The link that a record is about. */
 struct link_facts {
     std::uint32_t class_id;

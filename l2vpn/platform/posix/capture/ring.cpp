@@ -98,7 +98,8 @@ std::unique_ptr<ring> ring::create(const std::string &path, observer by, std::ui
 ring::ring(std::string path, platform_posix::unique_fd file, std::span<std::byte> map, std::uint32_t snap)
     : path_(std::move(path)), file_(std::move(file)), map_(map),
       header_(reinterpret_cast<ring_header *>(map.data())),
-      slots_(reinterpret_cast<slot *>(map.data() + slots_offset), header_->slot_count)
+      slots_(reinterpret_cast<slot *>(map.data() + slots_offset), header_->slot_count),
+      by_(static_cast<observer>(header_->by)), pid_(header_->pid)
 {
     const std::size_t quarter = slots_.size() / 4 * slot_room - sizeof(record_prefix);
     most_ = static_cast<std::uint32_t>(snap == 0 ? quarter : std::min<std::size_t>(snap, quarter));
@@ -142,7 +143,7 @@ void ring::write(record_head head, const iovec *pieces, std::uint32_t count) noe
         length += pieces[i].iov_len;
     }
     const auto kept = static_cast<std::size_t>(std::min<std::uint64_t>(length, most_));
-    head.by = by();
+    head.by = by_;
     head.length = static_cast<std::uint32_t>(length);
     head.number = std::atomic_ref(header_->records).fetch_add(1, std::memory_order_relaxed);
 

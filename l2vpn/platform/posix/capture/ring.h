@@ -35,8 +35,8 @@ public:
     void write(record_head head, const iovec *pieces, std::uint32_t count) noexcept;
 
     [[nodiscard]] const std::string &path() const noexcept { return path_; }
-    [[nodiscard]] observer by() const noexcept { return static_cast<observer>(header_->by); }
-    [[nodiscard]] std::uint32_t pid() const noexcept { return header_->pid; }
+    [[nodiscard]] observer by() const noexcept { return by_; }
+    [[nodiscard]] std::uint32_t pid() const noexcept { return pid_; }
 
     /* The file is not in use by this process any more. It stays mapped, which would keep its lock. */
     void release_file() noexcept;
@@ -53,6 +53,8 @@ private:
     std::span<std::byte> map_;
     ring_header *header_;
     std::span<slot> slots_;
+    observer by_;
+    std::uint32_t pid_;
     std::uint32_t most_; /* bytes of a message that are kept */
 };
 

@@ -236,7 +236,7 @@ void client_record(const registration &of, capture::record_kind kind, capture::f
     }
     static const uint32_t uid = geteuid();
     capture::record(kind, direction,
-                    {of.class_id, of.nodeid, of.link_number.load(), static_cast<uint32_t>(getpid()), uid,
+                    {of.class_id, of.nodeid, of.link_number.load(), capture::this_process, uid,
                      program_invocation_short_name},
                     status, pieces, count);
 }
