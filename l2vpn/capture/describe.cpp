@@ -45,22 +45,6 @@ json flags_of(const reading &message)
     return names;
 }
 
-l2vpnd::field_list fields_of(const reading &message)
-{
-    switch (message.type) {
-    case L2VPN_MSTP_MSG_STATE:
-        return l2vpnd::mstp_state_fields();
-    case L2VPN_MSTP_MSG_PROTECTED:
-        return l2vpnd::mstp_protection_fields();
-    case L2VPN_MSTP_MSG_IS_ROOT:
-        return l2vpnd::msti_root_fields();
-    case L2VPN_AC_MSG_BULK_NOTIFY:
-        return l2vpnd::bulk_notify_fields();
-    default:
-        return l2vpnd::vid_map_fields();
-    }
-}
-
 /* The heads of class 17's information lie packed at the beginning, its other bytes are nobody's. */
 std::span<const std::uint8_t> info_head(const captured &what, const section &of, std::uint32_t index)
 {
@@ -88,7 +72,7 @@ void describe_part(const captured &what, const reading &message, const section &
     } else if (name == "data") {
         l2vpnd::show_fields(l2vpnd::provision_fields(class_id), bytes, longest_octets, part);
     } else {
-        l2vpnd::show_fields(fields_of(message), bytes, longest_octets, row);
+        l2vpnd::show_fields(record_fields(message.type), bytes, longest_octets, row);
     }
     if (!part.empty()) {
         row[of.name] = std::move(part);

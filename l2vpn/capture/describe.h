@@ -8,6 +8,8 @@
 
 #include "fields.h"
 
+#include <optional>
+
 namespace l2vpn::capture {
 
 /* One kind of element behind the header: as many as the message has ACs or records, side by side. */
@@ -34,10 +36,14 @@ struct reading {
 [[nodiscard]] std::span<const std::uint8_t> element(const captured &what, const section &of,
                                                     std::uint32_t index);
 
-/* The handles that a message names, as far as they were kept. */
-[[nodiscard]] std::vector<std::uint32_t> handles_of(const captured &what, const reading &message);
+/* What the records of a message of this type hold. */
+[[nodiscard]] l2vpnd::field_list record_fields(std::uint32_t type);
 
-/* The name of AC `index` of a CREATE; empty where it was not kept. */
+/* The handle that AC or record `index` names; nothing where it names none, or it was not kept. */
+[[nodiscard]] std::optional<std::uint32_t> handle_in(const captured &what, const reading &message,
+                                                     std::uint32_t index);
+
+/* The same for a name; else empty. */
 [[nodiscard]] std::string name_in(const captured &what, const reading &message, std::uint32_t index);
 
 enum class detail : std::uint8_t { none, records };

@@ -22,7 +22,8 @@ constexpr std::uint16_t epb_dropcount = 4;
 constexpr std::uint16_t isb_ifrecv = 4;
 constexpr std::uint16_t isb_ifdrop = 5;
 
-constexpr std::uint32_t block_least = 12; /* type, length, length again */
+constexpr std::uint32_t block_least = 12;      /* type, length, length again */
+constexpr std::uint32_t packet_most = 262'144; /* Wireshark takes no larger one */
 constexpr std::uint32_t block_most = 16u << 20;
 
 } // namespace l2vpn::capture::pcapng

@@ -23,13 +23,13 @@ struct interface {
 
 class reader {
 public:
-    reader(std::istream &from, const std::function<void(captured &&record)> &take) : from_(from), take_(take)
+    reader(std::istream &from, const std::function<bool(captured &&record)> &take) : from_(from), take_(take)
     {
     }
 
     pcapng_summary read()
     {
-        while (read_block()) {
+        while (!summary_.stopped && read_block()) {
         }
         end_section();
         return summary_;
@@ -229,7 +229,7 @@ private:
             std::uint64_t{number<std::uint32_t>(&body[4])} << 32 | number<std::uint32_t>(&body[8]);
         record.time = ticks * (1'000'000'000 / from.ticks);
         ++summary_.records;
-        take_(std::move(record));
+        summary_.stopped = !take_(std::move(record));
     }
 
     void take_statistics(bytes body, std::uint64_t at)
@@ -243,7 +243,7 @@ private:
     }
 
     std::istream &from_;
-    const std::function<void(captured &&record)> &take_;
+    const std::function<bool(captured &&record)> &take_;
     bool swapped_ = false;
     std::uint64_t offset_ = 0;
     std::vector<std::uint8_t> body_;
@@ -253,7 +253,7 @@ private:
 
 } // namespace
 
-pcapng_summary read_pcapng(std::istream &from, const std::function<void(captured &&record)> &take)
+pcapng_summary read_pcapng(std::istream &from, const std::function<bool(captured &&record)> &take)
 {
     return reader(from, take).read();
 }

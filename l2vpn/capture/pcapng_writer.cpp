@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace l2vpn::capture {
@@ -57,18 +60,65 @@ std::uint32_t upper(std::uint64_t value)
     return static_cast<std::uint32_t>(value >> 32);
 }
 
+[[noreturn]] void refuse()
+{
+    throw bad_file(errno == EEXIST ? "there already (--force replaces it)" : ::strerrordesc_np(errno));
+}
+
+/* The file is called `to` from now on, or errno says why not. */
+bool give_name(const std::string &from, const std::string &to, bool replace)
+{
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), replace ? 0 : RENAME_NOREPLACE) == 0) {
+        return true;
+    }
+    /* Some file systems cannot tell. */
+    return errno == EINVAL && ::link(from.c_str(), to.c_str()) == 0 && ::unlink(from.c_str()) == 0;
+}
+
 } // namespace
 
 pcapng_writer::pcapng_writer(const std::string &path, bool replace, std::string_view program)
-    : file_(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_EXCL), 0600))
+    : path_(path), replace_(replace)
 {
+    struct stat there {};
+    if (!replace && ::lstat(path.c_str(), &there) == 0) {
+        errno = EEXIST;
+        refuse();
+    }
+    if (::stat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) {
+        file_.reset(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    } else {
+        std::string name = path + ".XXXXXX";
+        file_.reset(::mkostemp(name.data(), O_CLOEXEC));
+        if (file_) {
+            temporary_ = name;
+        }
+    }
     if (!file_) {
-        throw bad_file(errno == EEXIST ? "there already (--force replaces it)" : ::strerrordesc_np(errno));
+        refuse();
     }
     block head(section_header);
     head.put(byte_order_magic).put(std::uint16_t{1}).put(std::uint16_t{0}).put(UINT64_MAX);
     out_ += head.option(shb_userappl, program).option(option_end, std::string_view()).finish();
+}
+
+pcapng_writer::~pcapng_writer()
+{
+    if (!temporary_.empty()) {
+        ::unlink(temporary_.c_str());
+    }
+}
+
+void pcapng_writer::place()
+{
     flush();
+    if (temporary_.empty()) {
+        return;
+    }
+    if (!give_name(temporary_, path_, replace_)) {
+        refuse();
+    }
+    temporary_.clear();
 }
 
 std::uint32_t pcapng_writer::add_interface(const std::string &name)
@@ -86,10 +136,13 @@ void pcapng_writer::add(std::uint32_t interface, const captured &record, std::ui
     put_head(record.head, head.data());
     block packet(enhanced_packet);
     packet.put(interface).put(upper(record.time)).put(static_cast<std::uint32_t>(record.time));
-    packet.put(static_cast<std::uint32_t>(head.size() + record.message.size()));
+    const std::span message =
+        std::span(record.message)
+            .first(std::min<std::size_t>(record.message.size(), packet_most - head.size()));
+    packet.put(static_cast<std::uint32_t>(head.size() + message.size()));
     packet.put(static_cast<std::uint32_t>(head.size() + record.head.length));
     std::string bytes(head.begin(), head.end());
-    packet.put_bytes(bytes.append(record.message.begin(), record.message.end()));
+    packet.put_bytes(bytes.append(message.begin(), message.end()));
     if (lost > 0) {
         packet.option(epb_dropcount, lost).option(option_end, std::string_view());
     }

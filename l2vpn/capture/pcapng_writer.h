@@ -1,5 +1,9 @@
 /*
  * Writing a pcapng file: one section, an interface a ring.
+ *
+ * The file is made under a name of its own and gets its real one by place(): what was there before is whole until
+ * then, and whoever finds the file finds a beginning that can be read. What is no regular file (a pipe, a device)
+ * is written as it is.
  */
 #ifndef L2VPN_CAPTURE_PCAPNG_WRITER_H
 #define L2VPN_CAPTURE_PCAPNG_WRITER_H
@@ -15,8 +19,11 @@ constexpr std::uint16_t link_type = 147; /* LINKTYPE_USER0 */
 
 class pcapng_writer {
 public:
-    /* Makes the file, which must not be there unless it may be replaced. Throws bad_file, as all of these. */
+    /* A file that is there is left alone unless it may be replaced. Throws bad_file, as all of these. */
     pcapng_writer(const std::string &path, bool replace, std::string_view program);
+    ~pcapng_writer();
+    pcapng_writer(const pcapng_writer &) = delete;
+    pcapng_writer &operator=(const pcapng_writer &) = delete;
 
     /* The number of the new interface. */
     std::uint32_t add_interface(const std::string &name);
@@ -25,10 +32,15 @@ public:
     void add_statistics(std::uint32_t interface, std::uint64_t received, std::uint64_t lost);
     /* Everything is in the file when this returns. */
     void flush();
+    /* And the file is at its path. */
+    void place();
 
     [[nodiscard]] std::uint64_t size() const noexcept { return written_ + out_.size(); }
 
 private:
+    std::string path_;
+    std::string temporary_; /* empty: the file is at its path */
+    bool replace_;
     platform_posix::unique_fd file_;
     std::string out_; /* not written yet */
     std::uint64_t written_ = 0;

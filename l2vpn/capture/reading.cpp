@@ -4,7 +4,7 @@
  */
 #include "describe.h"
 
-#include <cstring>
+#include <algorithm>
 #include <l2vpn/l2vpn_ac_msg.h>
 
 namespace l2vpn::capture {
@@ -102,28 +102,56 @@ reading read(const captured &what)
     return message;
 }
 
-std::vector<std::uint32_t> handles_of(const captured &what, const reading &message)
+l2vpnd::field_list record_fields(std::uint32_t type)
 {
-    std::vector<std::uint32_t> handles;
-    if (!message.sections.empty() && std::strcmp(message.sections[0].name, "handle") == 0) {
-        for (std::uint32_t i = 0; i < message.count; i++) {
-            const auto bytes = element(what, message.sections[0], i);
-            if (bytes.empty()) {
-                break;
-            }
-            handles.push_back(l2vpnd::get32(bytes.data()));
+    switch (type) {
+    case L2VPN_MSTP_MSG_STATE:
+        return l2vpnd::mstp_state_fields();
+    case L2VPN_MSTP_MSG_PROTECTED:
+        return l2vpnd::mstp_protection_fields();
+    case L2VPN_MSTP_MSG_IS_ROOT:
+        return l2vpnd::msti_root_fields();
+    case L2VPN_AC_MSG_BULK_NOTIFY:
+        return l2vpnd::bulk_notify_fields();
+    default:
+        return l2vpnd::vid_map_fields();
+    }
+}
+
+namespace {
+
+/* The field of this name of AC or record `index`, wherever in it; empty where there is none, or it was not kept. */
+std::span<const std::uint8_t> field_in(const captured &what, const reading &message, std::uint32_t index,
+                                       std::string_view name)
+{
+    for (const section &one : message.sections) {
+        const std::string_view of = one.name;
+        const auto bytes = element(what, one, index);
+        if (of == name || bytes.empty()) {
+            return bytes;
+        }
+        const l2vpnd::field_list fields = of == "definition" ? l2vpnd::definition_fields(what.head.class_id)
+                                          : of == "record"   ? record_fields(message.type)
+                                                             : l2vpnd::field_list();
+        const auto found = std::ranges::find(fields, name, &l2vpnd::field::name);
+        if (found != fields.end()) {
+            return bytes.subspan(found->offset, std::size_t{found->width} * found->count);
         }
     }
-    return handles;
+    return {};
+}
+
+} // namespace
+
+std::optional<std::uint32_t> handle_in(const captured &what, const reading &message, std::uint32_t index)
+{
+    const auto bytes = field_in(what, message, index, "handle");
+    return bytes.size() < sizeof(std::uint32_t) ? std::nullopt : std::optional(l2vpnd::get32(bytes.data()));
 }
 
 std::string name_in(const captured &what, const reading &message, std::uint32_t index)
 {
-    if (message.type != L2VPN_AC_MSG_CREATE || message.sections.size() < 2) {
-        return {};
-    }
-    const auto bytes = element(what, message.sections[1], index);
-    return bytes.empty() ? std::string() : l2vpnd::to_text(bytes.first(l2vpnd::name_len));
+    return l2vpnd::to_text(field_in(what, message, index, "name"));
 }
 
 } // namespace l2vpn::capture

@@ -103,12 +103,10 @@ bool ring_reader::writer_ended() const
 
 std::uint64_t ring_reader::lost() const
 {
-    if (!skipped_) {
-        const std::uint64_t begun = read_header().records;
-        return begun - std::min(begun, taken_);
-    }
-    const std::uint64_t span = taken_ == 0 ? 0 : highest_ - lowest_ + 1;
-    return span - std::min(span, taken_);
+    const std::uint64_t read = taken_ == 0 ? 0 : highest_ + 1;
+    const std::uint64_t end = std::max(all_, read);
+    const std::uint64_t begin = skipped_ ? std::min(lowest_, end) : 0;
+    return end - begin - std::min(end - begin, taken_);
 }
 
 std::vector<slot> ring_reader::read_slots(std::uint64_t first, std::uint64_t count) const
@@ -143,7 +141,11 @@ void ring_reader::take_record(std::span<const std::uint8_t> bytes, std::vector<c
 void ring_reader::read(std::vector<captured> &to)
 {
     const bool final = writer_ended();
-    std::uint64_t end = read_header().next;
+    const ring_header head = read_header();
+    const std::uint64_t end = head.next;
+    if (final) {
+        all_ = head.records;
+    }
     if (end < position_) {
         throw bad_file("damaged: it has fewer records than before");
     }

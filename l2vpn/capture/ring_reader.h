@@ -24,7 +24,8 @@ public:
     void read(std::vector<captured> &to);
     /* Once the writer has ended, nothing is added any more. */
     [[nodiscard]] bool writer_ended() const;
-    /* Records that can not be read (any more), among all up to now or, after skip(), up to the latest one read. */
+    /* Records that can not be read (any more), among all up to the latest one read or, when the writer had ended
+     * before the latest read(), among all. After skip(), from the first one read on. */
     [[nodiscard]] std::uint64_t lost() const;
 
 private:
@@ -39,6 +40,7 @@ private:
     std::uint64_t slot_count_ = 0;
     std::uint64_t position_ = 0; /* the slot to be read next */
     bool skipped_ = false;
+    std::uint64_t all_ = 0;             /* records of a writer that has ended; 0: not known */
     std::uint64_t lowest_ = UINT64_MAX; /* numbers of the records read */
     std::uint64_t highest_ = 0;
     std::uint64_t taken_ = 0;

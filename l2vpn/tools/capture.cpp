@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #ifndef L2VPN_VERSION
@@ -30,12 +31,9 @@ public:
         : m_how(how), m_progress(isatty(STDERR_FILENO) == 1), m_size(how.size_mib * mebibyte)
     {
         /* Found out before anything is waited for. */
-        for (uint32_t i = 1; !how.force && i < how.written_files; i++) {
-            if (access(name(i).c_str(), F_OK) == 0) {
-                refuse(name(i), "there already (--force replaces it)");
-            }
+        for (uint32_t i = 0; i < how.written_files; i++) {
+            look_at(name(i), i == 0);
         }
-        guarded([this] { open(m_how.force); });
     }
     recorder(const recorder &) = delete;
     recorder &operator=(const recorder &) = delete;
@@ -51,7 +49,7 @@ public:
         for (const std::string &source : sources) {
             m_sources.push_back({source, 0, 0});
         }
-        guarded([this] { describe_sources(); });
+        guarded([this] { open(m_how.force); });
     }
 
     bool take(size_t source, const captured &record, uint64_t lost) override
@@ -70,7 +68,7 @@ public:
 
     void idle() override
     {
-        guarded([this] { m_file->flush(); });
+        guarded([this] { m_file->place(); });
         if (m_progress) {
             fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_total));
             m_shown = true;
@@ -79,11 +77,10 @@ public:
 
     void end(size_t source, uint64_t lost) override
     {
-        source_row &of = m_sources[source];
-        const uint64_t behind = lost > m_lost_before + of.lost ? lost - m_lost_before - of.lost : 0;
+        const source_row &of = m_sources[source];
         guarded([&] {
-            m_file->add_statistics(static_cast<uint32_t>(source), of.received + behind, of.lost + behind);
-            m_file->flush();
+            m_file->add_statistics(static_cast<uint32_t>(source), of.received + lost, of.lost + lost);
+            m_file->place();
         });
     }
 
@@ -97,6 +94,35 @@ private:
     [[noreturn]] static void refuse(const std::string &path, const std::string &why)
     {
         throw failure{exit_failed, path + ": " + why};
+    }
+
+    /* What may become of the file that is at `path`. Nothing that is to be read is written over, and no ring. */
+    void look_at(const std::string &path, bool is_first)
+    {
+        struct stat there {};
+        if (stat(path.c_str(), &there) != 0) {
+            return;
+        }
+        if (!m_how.force) {
+            refuse(path, "there already (--force replaces it)");
+        }
+        if (!S_ISREG(there.st_mode)) {
+            if (!is_first) {
+                refuse(path, "there already and not a file");
+            }
+            m_size = UINT64_MAX; /* a pipe or a device: there is nothing to be kept */
+            return;
+        }
+        for (const std::string &source : m_how.files) {
+            struct stat read {};
+            if (stat(source.c_str(), &read) == 0 && read.st_dev == there.st_dev &&
+                read.st_ino == there.st_ino) {
+                refuse(path, "is to be read, and cannot be written at the same time");
+            }
+        }
+        if (is_ring(path)) {
+            refuse(path, "a capture ring, which is not replaced");
+        }
     }
 
     std::string name(uint32_t index) const
@@ -117,10 +143,6 @@ private:
     void open(bool replace)
     {
         m_file = std::make_unique<pcapng_writer>(m_how.write, replace, "l2vpnctl " L2VPN_VERSION);
-    }
-
-    void describe_sources()
-    {
         for (const source_row &source : m_sources) {
             m_file->add_interface(source.name);
         }
@@ -136,18 +158,16 @@ private:
         }
         for (uint32_t i = 0; i < m_sources.size(); i++) {
             m_file->add_statistics(i, m_sources[i].received, m_sources[i].lost);
-            m_lost_before += m_sources[i].lost;
             m_sources[i].received = m_sources[i].lost = 0;
         }
-        m_file->flush();
+        m_file->place();
         m_file.reset();
         for (uint32_t i = m_how.written_files - 1; i > 0; i--) {
             if (rename(name(i - 1).c_str(), name(i).c_str()) != 0 && errno != ENOENT) {
                 refuse(name(i), strerror(errno));
             }
         }
-        open(true);
-        describe_sources();
+        open(false);
     }
 
     const recording_options &m_how;
@@ -157,7 +177,6 @@ private:
     bool m_full = false;
     uint64_t m_size;
     uint64_t m_total = 0;
-    uint64_t m_lost_before = 0; /* in files that are full */
     std::vector<source_row> m_sources;
 };
 

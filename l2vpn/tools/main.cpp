@@ -74,10 +74,10 @@ int main(int argc, char **argv)
         }
         if (line.what.run != nullptr) {
             line.what.run(line);
-            return fflush(stdout) == 0 ? exit_ok : exit_failed;
+        } else {
+            control_link link(control_path(line.runtime_dir), line.patience);
+            (line.as_json ? ask_for_programs : ask_for_people)(link, line);
         }
-        control_link link(control_path(line.runtime_dir), line.patience);
-        (line.as_json ? ask_for_programs : ask_for_people)(link, line);
         if (fflush(stdout) != 0) {
             throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
         }

@@ -33,10 +33,7 @@ public:
     bool take(size_t /*source*/, const captured &record, uint64_t lost) override
     {
         const recording_options &how = m_line.recordings;
-        if (lost > 0) {
-            write(m_line.as_json ? json({{"lost", lost}}).dump() + "\n"
-                                 : "(" + std::to_string(lost) + " records are missing here)\n");
-        }
+        tell_lost(lost, " here");
         if (!m_filter.takes(record)) {
             return true;
         }
@@ -54,6 +51,8 @@ public:
         return ++m_shown != how.count;
     }
 
+    void end(size_t /*source*/, uint64_t lost) override { tell_lost(lost, ""); }
+
     void idle() override
     {
         if (fflush(stdout) != 0) {
@@ -62,6 +61,14 @@ public:
     }
 
 private:
+    void tell_lost(uint64_t lost, const char *where) const
+    {
+        if (lost > 0) {
+            write(m_line.as_json ? json({{"lost", lost}}).dump() + "\n"
+                                 : "(" + std::to_string(lost) + " records are missing" + where + ")\n");
+        }
+    }
+
     [[noreturn]] static void cannot_write()
     {
         throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
@@ -90,23 +97,23 @@ record_filter::record_filter(const record_choice &choice)
 }
 
 /* A message of many ACs is taken when one of them is meant. */
-bool record_filter::takes_name(const captured &record)
+bool record_filter::takes_ac(const captured &record, const reading &message)
 {
-    const reading message = read(record);
-    const std::vector<uint32_t> handles = handles_of(record, message);
     std::set<uint32_t> &named = m_named[{record.head.nodeid, record.head.class_id}];
     bool found = false;
-    for (uint32_t i = 0; i < handles.size(); i++) {
+    for (uint32_t i = 0; i < message.count; i++) {
+        const std::optional<uint32_t> handle = handle_in(record, message, i);
         const std::string name = m_choice.name ? name_in(record, message, i) : std::string();
-        if (!name.empty()) {
-            const bool matches = fnmatch(m_choice.name->c_str(), name.c_str(), 0) == 0;
-            if (matches) {
-                named.insert(handles[i]);
-            } else {
-                named.erase(handles[i]);
-            }
+        if (!handle && name.empty()) {
+            break; /* from here on nothing was kept */
         }
-        found = found || m_handles.contains(handles[i]) || named.contains(handles[i]);
+        const bool matches = !name.empty() && fnmatch(m_choice.name->c_str(), name.c_str(), 0) == 0;
+        if (handle && matches) {
+            named.insert(*handle);
+        } else if (handle && !name.empty()) {
+            named.erase(*handle);
+        }
+        found = found || matches || (handle && (m_handles.contains(*handle) || named.contains(*handle)));
     }
     return found;
 }
@@ -114,9 +121,9 @@ bool record_filter::takes_name(const captured &record)
 bool record_filter::takes(const captured &record)
 {
     const bool by_ac = m_choice.name || !m_handles.empty();
-    /* Always looked at: names are learnt from records that are not wanted, too. */
-    const bool of_ac = !by_ac || takes_name(record);
     const reading message = read(record);
+    /* Always looked at: names are learnt from records that are not wanted, too. */
+    const bool of_ac = !by_ac || takes_ac(record, message);
     return of_ac && (!m_choice.owner || *m_choice.owner == record.head.link) &&
            (!m_choice.class_id || *m_choice.class_id == record.head.class_id) &&
            (!m_type || (message.row != nullptr && message.type == *m_type));

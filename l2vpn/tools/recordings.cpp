@@ -7,13 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fstream>
 #include <memory>
 #include <poll.h>
-#include <tuple>
 
 namespace l2vpnctl {
 
@@ -46,55 +44,96 @@ void stop_on_signals()
     throw failure{exit_failed, path + ": " + why};
 }
 
-std::string name_of(const ring_reader &ring)
-{
-    return ring.process() + "-" + std::to_string(ring.pid());
-}
-
-/* The records of one source in the order of their numbers: what is missing before each. */
-class gap_counter {
+/* Gives the records of one ring by number, with what is missing before each. Threads that record at the same
+ * moment swap places: a gap counts only when much has come behind it, or nothing for a while. */
+class source {
 public:
-    explicit gap_counter(bool from_zero) : m_started(from_zero) {}
-    uint64_t before(const captured &record)
+    source(const std::string &path, bool history) : m_ring(path), m_started(history)
     {
-        const uint64_t number = record.head.number;
-        const uint64_t missing = m_started && number > m_next ? number - m_next : 0;
-        m_started = true;
-        m_next = std::max(m_next, number + 1);
-        return missing;
+        if (!history) {
+            m_ring.skip();
+        }
     }
 
+    std::string name() const { return m_ring.process() + "-" + std::to_string(m_ring.pid()); }
+    bool ended() const { return m_ring.writer_ended(); }
+
+    /* Takes what is new. With `is_last`, nothing is waited for any more. */
+    void look(bool is_last)
+    {
+        std::vector<captured> records;
+        m_ring.read(records);
+        for (captured &record : records) {
+            const uint64_t number = record.head.number;
+            m_waiting.emplace(number, std::move(record));
+        }
+        m_looks++;
+        m_is_last = is_last;
+    }
+
+    /* The record to be given next, if there is one by now. */
+    const captured *next() const
+    {
+        const bool due = !m_waiting.empty() && (m_is_last || missing() == 0 || m_waiting.size() > window ||
+                                                m_looks > patient_looks);
+        return due ? &m_waiting.begin()->second : nullptr;
+    }
+    bool give(size_t index, record_consumer &to)
+    {
+        const uint64_t lost = missing();
+        const bool wanted = to.take(index, m_waiting.begin()->second, lost);
+        m_told += lost;
+        m_started = true;
+        m_next = std::max(m_next, m_waiting.begin()->first + 1);
+        m_waiting.erase(m_waiting.begin());
+        m_looks = 0;
+        return wanted;
+    }
+
+    /* Behind what was given, when everything was. */
+    uint64_t lost_at_end() const { return m_ring.lost() - std::min(m_ring.lost(), m_told); }
+
 private:
-    bool m_started;
+    static constexpr size_t window = 64;
+    static constexpr int patient_looks = 5;
+
+    uint64_t missing() const
+    {
+        const uint64_t number = m_waiting.begin()->first;
+        return m_started && number > m_next ? number - m_next : 0;
+    }
+
+    ring_reader m_ring;
+    bool m_started; /* a number is expected */
     uint64_t m_next = 0;
+    uint64_t m_told = 0; /* that were said to be missing */
+    int m_looks = 0;     /* since one was given */
+    bool m_is_last = false;
+    std::multimap<uint64_t, captured> m_waiting;
 };
 
 void follow(const command_line &line, const std::string &path, record_consumer &to)
 {
-    ring_reader ring(path);
-    if (!line.recordings.history) {
-        ring.skip();
-    }
+    source from(path, line.recordings.history);
     stop_on_signals();
-    to.begin({name_of(ring)});
-    gap_counter gaps(line.recordings.history);
+    to.begin({from.name()});
     bool wanted = true;
     bool ended = false;
-    while (wanted && !ended && s_stopped == 0) {
-        ended = ring.writer_ended();
-        std::vector<captured> records;
-        ring.read(records);
-        for (size_t i = 0; wanted && i < records.size(); i++) {
-            wanted = to.take(0, records[i], gaps.before(records[i]));
+    for (bool is_last = false; wanted && !is_last;) {
+        ended = from.ended();
+        is_last = ended || s_stopped != 0;
+        from.look(is_last);
+        while (wanted && from.next() != nullptr) {
+            wanted = from.give(0, to);
         }
         to.idle();
-        if (wanted && !ended) {
+        if (wanted && !is_last) {
             poll(nullptr, 0, look_again_ms);
         }
     }
-    to.end(0, ring.lost());
+    to.end(0, wanted ? from.lost_at_end() : 0);
     if (wanted && ended) {
-        throw failure{exit_broken, "the process that was followed has ended: " + name_of(ring)};
+        throw failure{exit_broken, "the process that was followed has ended: " + from.name()};
     }
 }
 
@@ -117,65 +156,56 @@ void follow_process(const command_line &line, record_consumer &to)
     }
 }
 
-bool is_ring(const std::string &path)
+/* The one whose next record is the oldest; each keeps its own order, be its clock set back or not. */
+size_t oldest_of(const std::vector<std::unique_ptr<source>> &sources)
 {
-    errno = 0;
-    std::ifstream file(path, std::ios::binary);
-    std::array<char, l2vpn::capture::ring_magic.size()> magic{};
-    if (!file) {
-        refuse(path, strerror(errno));
+    size_t found = sources.size();
+    for (size_t i = 0; i < sources.size(); i++) {
+        const captured *next = sources[i]->next();
+        if (next != nullptr && (found == sources.size() || next->time < sources[found]->next()->time)) {
+            found = i;
+        }
     }
-    file.read(magic.data(), magic.size());
-    if (file.bad()) {
-        refuse(path, strerror(errno));
-    }
-    return magic == l2vpn::capture::ring_magic;
+    return found;
 }
 
 void read_rings(const std::vector<std::string> &paths, record_consumer &to)
 {
-    struct from_ring {
-        size_t source;
-        captured record;
-    };
-    std::vector<std::unique_ptr<ring_reader>> rings;
+    std::vector<std::unique_ptr<source>> sources;
     std::vector<std::string> names;
-    std::vector<from_ring> all;
     for (const std::string &path : paths) {
         try {
-            rings.push_back(std::make_unique<ring_reader>(path));
-            std::vector<captured> records;
-            rings.back()->read(records);
-            for (captured &record : records) {
-                all.push_back({names.size(), std::move(record)});
-            }
+            sources.push_back(std::make_unique<source>(path, true));
+            sources.back()->look(true);
         } catch (const bad_file &bad) {
             refuse(path, bad.what());
         }
-        names.push_back(name_of(*rings.back()));
+        names.push_back(sources.back()->name());
     }
-    std::stable_sort(all.begin(), all.end(), [](const from_ring &a, const from_ring &b) {
-        return std::tie(a.record.time, a.source) < std::tie(b.record.time, b.source);
-    });
+    stop_on_signals();
     to.begin(names);
-    std::vector<gap_counter> gaps(rings.size(), gap_counter(true));
     bool wanted = true;
-    for (size_t i = 0; wanted && i < all.size(); i++) {
-        wanted = to.take(all[i].source, all[i].record, gaps[all[i].source].before(all[i].record));
+    while (wanted && s_stopped == 0) {
+        const size_t index = oldest_of(sources);
+        if (index == sources.size()) {
+            break;
+        }
+        wanted = sources[index]->give(index, to);
     }
-    for (size_t i = 0; i < rings.size(); i++) {
-        to.end(i, rings[i]->lost());
+    wanted = wanted && s_stopped == 0;
+    for (size_t i = 0; i < sources.size(); i++) {
+        to.end(i, wanted ? sources[i]->lost_at_end() : 0);
     }
 }
 
 void read_pcapng_file(const std::string &path, record_consumer &to)
 {
     std::ifstream file(path, std::ios::binary);
+    stop_on_signals();
     to.begin({path.substr(path.rfind('/') + 1)});
     try {
-        bool wanted = true;
         const auto summary = l2vpn::capture::read_pcapng(
-            file, [&](const captured &record) { wanted = wanted && to.take(0, record, 0); });
+            file, [&](const captured &record) { return to.take(0, record, 0) && s_stopped == 0; });
         to.end(0, summary.lost);
         if (!summary.ends_early.empty()) {
             refuse(path, summary.ends_early);
@@ -190,6 +220,21 @@ void read_pcapng_file(const std::string &path, record_consumer &to)
 }
 
 } // namespace
+
+bool is_ring(const std::string &path)
+{
+    errno = 0;
+    std::ifstream file(path, std::ios::binary);
+    std::array<char, l2vpn::capture::ring_magic.size()> magic{};
+    if (!file) {
+        refuse(path, strerror(errno));
+    }
+    file.read(magic.data(), magic.size());
+    if (file.bad()) {
+        refuse(path, strerror(errno));
+    }
+    return magic == l2vpn::capture::ring_magic;
+}
 
 void read_recordings(const command_line &line, record_consumer &to)
 {

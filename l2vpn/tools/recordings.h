@@ -7,6 +7,7 @@
 
 #include "captured.h"
 #include "control_link.h"
+#include "describe.h"
 
 #include <map>
 #include <optional>
@@ -48,7 +49,7 @@ public:
     bool takes(const captured &record);
 
 private:
-    bool takes_name(const captured &record);
+    bool takes_ac(const captured &record, const l2vpn::capture::reading &message);
 
     const record_choice &m_choice;
     std::optional<uint32_t> m_type;
@@ -60,19 +61,22 @@ private:
 class record_consumer {
 public:
     virtual ~record_consumer() = default;
-    /* Before the first record: where they come from, "l2vpnd-4711". */
+    /* Before the first record, when all can be read: where they come from, "l2vpnd-4711". */
     virtual void begin(const std::vector<std::string> & /*sources*/) {}
     /* `lost`: records of this source that are missing just before this one. False: no more. */
     virtual bool take(size_t source, const captured &record, uint64_t lost) = 0;
     /* Nothing more is there at this moment. */
     virtual void idle() {}
-    /* Behind the last record: what is missing in all. */
+    /* Behind the last record: what is missing of this source, beside what take() was told. */
     virtual void end(size_t /*source*/, uint64_t /*lost*/) {}
 };
 
 /* Gives `to` what is recorded: until there is no more, it has enough, or a signal. Throws failure; what is there
  * has been given by then. */
 void read_recordings(const command_line &line, record_consumer &to);
+
+/* Throws failure: it cannot be read. */
+bool is_ring(const std::string &path);
 
 void monitor(const command_line &line);
 void capture(const command_line &line);

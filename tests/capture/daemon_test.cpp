@@ -31,12 +31,26 @@ protected:
         arguments.insert(arguments.end(), {"--json", "-v"});
         const system_test::result done = monitor(arguments);
         EXPECT_EQ(done.status, 0) << done.err;
+        return parsed(done.out);
+    }
+
+    static std::vector<json> parsed(const std::string &text)
+    {
         std::vector<json> found;
-        std::istringstream lines(done.out);
+        std::istringstream lines(text);
         for (std::string line; std::getline(lines, line);) {
             found.push_back(json::parse(line));
         }
         return found;
+    }
+
+    /* For a file that is being made. */
+    bool becomes_readable(const std::string &file, size_t count) const
+    {
+        return eventually([&] {
+            const system_test::result done = monitor({"--read", file, "--json"});
+            return done.status == 0 && parsed(done.out).size() == count;
+        });
     }
 
     /* An owner of class 3 with two ACs, which are provisioned, and a message that is none. */
@@ -160,7 +174,7 @@ TEST_F(recorded, a_running_process_is_followed)
     EXPECT_EQ(seen.wait(), 0) << seen.err();
     EXPECT_THAT(seen.out(), HasSubstr("-> CREATE 1 AC "));
     EXPECT_THAT(seen.out(), HasSubstr(" class 3 DOWN\n"));
-    ASSERT_TRUE(eventually([&] { return fs::exists(file) && rows({"--read", file}).size() == 3; }));
+    ASSERT_TRUE(becomes_readable(file, 3));
     kept.send_signal(SIGINT);
     EXPECT_EQ(kept.wait(), 0) << kept.err();
     EXPECT_EQ(kept.err(), "") << "no progress is shown where there is no terminal";
@@ -224,6 +238,65 @@ TEST_F(recorded, the_ring_of_the_process_is_as_large_as_it_is_told)
     ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", path}).status, 0);
     const json first = rows({"--read", path}).front();
     EXPECT_EQ(first, json({{"lost", 2001 - 256}})) << "256 slots of 2001 records";
+    EXPECT_EQ(rows({"--read", file}).back(), first) << "which the file tells at its end";
+    EXPECT_EQ(rows({"--read", file}).size(), 256 + 1U);
+}
+
+/* What is read is never written over, and what cannot be replaced is kept. */
+TEST_F(recorded, a_capture_destroys_nothing)
+{
+    const std::string path = make_history();
+    const std::string precious = m_dir.write("precious", "precious");
+    expect_one_line(ctl({"capture", "--force", "-w", precious, "--from-ring", m_dir.file("typo")}), 1,
+                    "typo: No such file");
+    EXPECT_EQ(system_test::read_file(precious), "precious");
+    expect_one_line(ctl({"capture", "--force", "-w", path}), 1,
+                    path + ": a capture ring, which is not replaced");
+    expect_one_line(ctl({"capture", "--force", "-w", path, "--from-ring", precious}), 1,
+                    path + ": a capture ring, which is not replaced");
+    EXPECT_EQ(rows({"--read", path}).size(), 4U);
+
+    const std::string file = m_dir.file("a.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", path}).status, 0);
+    const std::string whole = system_test::read_file(file);
+    expect_one_line(ctl({"capture", "--force", "-w", file, "--from-ring", file}), 1,
+                    file + ": is to be read, and cannot be written at the same time");
+    fs::create_hard_link(file, m_dir.file("b.pcapng.1"));
+    expect_one_line(ctl({"capture", "--force", "-w", m_dir.file("b.pcapng"), "--from-ring", file}), 1,
+                    "b.pcapng.1: is to be read");
+    EXPECT_EQ(system_test::read_file(file), whole);
+    EXPECT_EQ(ask({"status"}).value("capture", ""), path) << "the process lives";
+}
+
+TEST_F(recorded, what_is_no_file_is_never_renamed)
+{
+    start();
+    raw_peer owner = peer(8);
+    const octets message = create(8, handles_from(0x100, 20));
+    constexpr uint64_t messages = 50;
+    for (uint64_t i = 0; i < messages; i++) {
+        ASSERT_TRUE(owner.send(message));
+    }
+    ASSERT_TRUE(eventually([&] { return totals()["received"].value("CREATE", uint64_t{0}) == messages; }));
+    const std::string link = m_dir.file("link");
+    fs::create_symlink("/dev/null", link);
+    const system_test::result done =
+        ctl({"capture", "--force", "-w", link, "--from-ring", ring(), "--size", "1"});
+    EXPECT_EQ(done.status, 0) << done.err;
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_FALSE(fs::exists(link + ".1"));
+    fs::create_symlink("/dev/null", link + ".2");
+    expect_one_line(ctl({"capture", "--force", "-w", link, "--from-ring", ring(), "--size", "1"}), 1,
+                    link + ".2: there already and not a file");
+}
+
+TEST_F(recorded, output_that_cannot_be_written_has_one_line)
+{
+    const std::string path = make_history();
+    const system_test::result done =
+        system_test::run("/bin/sh", {"-c", "exec " + system_test::binary("l2vpnctl") + " monitor --read " +
+                                               path + " >/dev/full"});
+    expect_one_line(done, 1, "cannot write to standard output: No space left on device");
 }
 
 TEST_F(recorded, a_process_that_keeps_no_ring_says_so)
@@ -265,6 +338,10 @@ TEST_F(recorded, bad_input_has_one_clear_line)
                     "none: No such");
     expect_one_line(ctl({"capture", "-w", "/dev/full", "--force", "--count", "1", "--from-ring", ring()}), 1,
                     "/dev/full: cannot write: No space left on device");
+    EXPECT_FALSE(fs::exists(m_dir.file("y")));
+    EXPECT_EQ(stop(), 0);
+    expect_one_line(ctl({"capture", "-w", m_dir.file("y")}), 3, "L2VPN.ctl");
+    EXPECT_FALSE(fs::exists(m_dir.file("y")));
 }
 
 TEST_F(recorded, an_owner_keeps_the_beginnings_of_its_messages)

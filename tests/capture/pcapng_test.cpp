@@ -5,8 +5,11 @@
 #include "pcapng_reader.h"
 #include "pcapng_writer.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/stat.h>
+#include <thread>
 
 using namespace l2vpn::capture;
 
@@ -36,7 +39,10 @@ outcome read(const std::string &content)
     outcome out;
     std::istringstream file(content);
     try {
-        out.summary = read_pcapng(file, [&out](captured &&one) { out.records.push_back(std::move(one)); });
+        out.summary = read_pcapng(file, [&out](captured &&one) {
+            out.records.push_back(std::move(one));
+            return true;
+        });
     } catch (const bad_file &bad) {
         out.refusal = bad.what();
     }
@@ -54,9 +60,15 @@ protected:
         writer.add(0, record(6, 33), 5);
         writer.add(0, record(7, 40), 0);
         writer.add_statistics(0, 9, 6);
-        writer.flush();
+        writer.place();
         EXPECT_EQ(writer.size(), system_test::read_file(m_path).size());
         return system_test::read_file(m_path);
+    }
+
+    auto files() const
+    {
+        return std::distance(std::filesystem::directory_iterator(m_dir.path()),
+                             std::filesystem::directory_iterator());
     }
 
     system_test::temp_dir m_dir;
@@ -168,6 +180,51 @@ TEST_F(pcapng, a_file_that_is_there_is_replaced_only_when_told_so)
         EXPECT_STREQ(bad.what(), "there already (--force replaces it)");
     }
     EXPECT_EQ(system_test::read_file(m_path), "precious");
-    const pcapng_writer writer(m_path, true, "test");
+    pcapng_writer(m_path, true, "test").flush();
+    EXPECT_EQ(system_test::read_file(m_path), "precious") << "until all of the new one is there";
+    pcapng_writer(m_path, true, "test").place();
     EXPECT_EQ(read(system_test::read_file(m_path)).refusal, "");
+    EXPECT_EQ(files(), 1) << "nothing else is left";
+}
+
+TEST_F(pcapng, what_appears_in_its_place_meanwhile_is_left_alone)
+{
+    pcapng_writer writer(m_path, false, "test");
+    m_dir.write("precious", "precious");
+    std::filesystem::create_symlink(m_dir.file("precious"), m_path);
+    EXPECT_THROW(writer.place(), bad_file);
+    EXPECT_EQ(system_test::read_file(m_path), "precious");
+}
+
+TEST_F(pcapng, what_is_no_file_is_written_as_it_is)
+{
+    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+    std::string got;
+    std::thread reader([&] { got = system_test::read_file(m_path); });
+    {
+        pcapng_writer writer(m_path, true, "test");
+        writer.place();
+    }
+    reader.join();
+    EXPECT_EQ(read(got).refusal, "");
+    EXPECT_TRUE(std::filesystem::is_fifo(m_path));
+}
+
+TEST_F(pcapng, no_packet_is_larger_than_other_programs_read)
+{
+    constexpr size_t sent = 300'000;
+    constexpr size_t packet = 262'144;
+    pcapng_writer writer(m_path, false, "test");
+    writer.add_interface("l2vpnd-1");
+    writer.add(0, record(0, sent), 0);
+    writer.place();
+    const outcome got = read(system_test::read_file(m_path));
+    ASSERT_EQ(got.records.size(), 1U);
+    EXPECT_EQ(got.records[0].message.size(), packet - head_length);
+    EXPECT_EQ(got.records[0].head.length, sent);
+    const system_test::result shown = system_test::run(
+        "/usr/bin/tshark", {"-r", m_path, "-T", "fields", "-e", "frame.cap_len", "-e", "frame.len"},
+        {"HOME=" + m_dir.path(), "XDG_CONFIG_HOME=" + m_dir.path()});
+    EXPECT_EQ(shown.out, std::to_string(packet) + "\t" + std::to_string(sent + head_length) + "\n")
+        << shown.err;
 }
