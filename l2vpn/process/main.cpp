@@ -176,12 +176,17 @@ exit_status serve(event_mgr_p evm, l2vpn_process &process, control_server &contr
 exit_status run(int argc, char **argv, program_options options)
 {
     const program_options started_with = options;
+    std::error_code unknown;
     if (!options.runtime_dir.empty()) {
-        std::error_code error;
-        options.runtime_dir = std::filesystem::absolute(options.runtime_dir, error);
-        if (error) {
-            return fail("cannot tell the current directory: " + text_of(error.value()));
-        }
+        options.runtime_dir = std::filesystem::absolute(options.runtime_dir, unknown);
+    }
+    if (!unknown && options.capture.find('/') != std::string::npos) { /* operators are told the path */
+        options.capture = std::filesystem::absolute(options.capture, unknown);
+    }
+    if (unknown) {
+        return fail("cannot tell the current directory: " + text_of(unknown.value()));
+    }
+    if (!options.runtime_dir.empty()) {
         setenv("L2VPN_RUNTIME_DIR", options.runtime_dir.c_str(), 1);
     }
     std::string error;

@@ -268,6 +268,60 @@ TEST_F(recorded, a_capture_destroys_nothing)
     EXPECT_EQ(ask({"status"}).value("capture", ""), path) << "the process lives";
 }
 
+TEST_F(recorded, an_orderly_end_of_the_process_ends_the_links)
+{
+    start();
+    const raw_peer owner = peer(3);
+    const std::string path = ring();
+    EXPECT_EQ(stop(), 0);
+    const std::vector<json> found = rows({"--read", path});
+    ASSERT_EQ(found.size(), 2U);
+    EXPECT_EQ(found[1]["kind"], "down");
+    EXPECT_EQ(found[1]["status"], ECANCELED);
+}
+
+TEST_F(recorded, a_restart_with_the_same_path_keeps_what_the_dead_process_recorded)
+{
+    const std::string path = m_dir.file("its.ring");
+    for (const size_t life : {0U, 1U, 2U, 3U}) {
+        start({"--capture", path, "--capture-size", "64"});
+        for (size_t i = 0; i <= life; i++) {
+            peer(3);
+        }
+        ASSERT_TRUE(eventually([&] { return rows({"--read", path}).size() == 2 * (life + 1); }));
+        m_daemon->send_signal(SIGKILL);
+        ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+    }
+    EXPECT_EQ(rows({"--read", path}).size(), 8U);
+    EXPECT_EQ(rows({"--read", path + ".1"}).size(), 6U);
+    EXPECT_EQ(rows({"--read", path + ".2"}).size(), 4U);
+    EXPECT_FALSE(fs::exists(path + ".3"));
+}
+
+TEST_F(recorded, operators_are_told_the_whole_path)
+{
+    const fs::path path = fs::relative(m_dir.file("relative.ring"));
+    start({"--capture", path.string(), "--capture-size", "64"});
+    EXPECT_EQ(fs::path(ring()).is_absolute(), true) << ring();
+    EXPECT_TRUE(fs::equivalent(ring(), m_dir.file("relative.ring")));
+    m_daemon->send_signal(SIGKILL);
+    m_daemon->wait();
+}
+
+TEST_F(recorded, the_rings_of_two_dead_processes_are_kept)
+{
+    std::vector<std::string> paths;
+    for (int life = 0; life < 4; life++) {
+        start({"--capture-size", "64"});
+        paths.push_back(ring());
+        m_daemon->send_signal(SIGKILL);
+        ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+        fs::last_write_time(paths.back(), fs::file_time_type::clock::now() - std::chrono::hours(10 - life));
+    }
+    EXPECT_FALSE(fs::exists(paths[0]));
+    EXPECT_TRUE(fs::exists(paths[1]) && fs::exists(paths[2]) && fs::exists(paths[3]));
+}
+
 TEST_F(recorded, what_is_no_file_is_never_renamed)
 {
     start();

@@ -65,7 +65,7 @@ protected:
     {
         std::array<char, 64> bytes{};
         const iovec piece{bytes.data(), bytes.size()};
-        ipc::client_record(of, record_kind::message, flow::to_process, EOK, &piece, 1);
+        ipc::client_record(of, nullptr, record_kind::message, flow::to_process, EOK, &piece, 1);
     }
 
     system_test::temp_dir m_dir;

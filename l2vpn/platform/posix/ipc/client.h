@@ -66,7 +66,6 @@ struct registration {
     l2vpn_ipc_evt_cb_t evt_cb = nullptr;
     void *cookie = nullptr;
     std::atomic<bool> withdrawn{false};
-    std::atomic<uint32_t> link_number{0}; /* of the latest link */
 
     /* Under the client's lock. */
     link_state state = link_state::waiting;
@@ -128,9 +127,9 @@ void client_arm_timer(l2vpn_ipc_client &client);
 /* Takes the link of a class out of the epoll set and of the class. Under the lock. */
 link_ptr client_detach_link(const l2vpn_ipc_client &client, registration &of);
 
-/* Records what happens on the link of a class. Any thread. */
-void client_record(const registration &of, capture::record_kind kind, capture::flow direction, qerrno status,
-                   const iovec *pieces = nullptr, uint32_t count = 0);
+/* Records what happens on a link of a class, or, without one, what was not sent. Any thread. */
+void client_record(const registration &of, const link *on, capture::record_kind kind, capture::flow direction,
+                   qerrno status, const iovec *pieces = nullptr, uint32_t count = 0);
 
 /* Opens a link, as far as that goes at once. Event thread. */
 void client_attempt(l2vpn_ipc_client &client, registration &of);

@@ -119,34 +119,38 @@ uint64_t message_length(const iovec *pieces, uint32_t count)
     return length >= message_min ? length : 0;
 }
 
-/* Writes to `tried` whose message it was, unless it waits now: then it is recorded when it goes out. */
+/* Whose message it is, and the link that it was given to. */
+struct sending {
+    registration_ptr from;
+    link_ptr on;
+    bool waits = false; /* it is recorded when it goes out */
+};
+
 qerrno send_or_queue(l2vpn_ipc_client &client, uint32_t class_id, const iovec *pieces, uint32_t count,
-                     uint64_t length, registration_ptr &tried)
+                     uint64_t length, sending &what)
 {
-    link_ptr connection;
     {
         const std::lock_guard guard(client.lock);
-        const registration_ptr from = find_class(client, class_id);
-        if (!from) {
+        what.from = find_class(client, class_id);
+        if (!what.from) {
             return ENOENT;
         }
-        if (length > from->mtu) {
+        registration &from = *what.from;
+        if (length > from.mtu) {
             return EMSGSIZE;
         }
-        if (from->state != link_state::up && !from->was_up) {
-            return from->queue.push(pieces, count, length);
+        if (from.state != link_state::up) {
+            const qerrno status = from.was_up ? qerrno{ENOTCONN} : from.queue.push(pieces, count, length);
+            what.waits = status == EOK;
+            return status;
         }
-        tried = from;
-        if (from->state != link_state::up) {
-            return ENOTCONN;
-        }
-        connection = from->connection;
+        what.on = from.connection;
     }
-    const qerrno status = connection->send(pieces, count, client.send_timeout_ms);
+    const qerrno status = what.on->send(pieces, count, client.send_timeout_ms);
     if (status != EOK) {
-        connection->hang_up(status);
+        what.on->hang_up(status);
     }
-    return status == ENOTCONN && connection->cause() == ENOENT ? qerrno{ENOENT} : status;
+    return status == ENOTCONN && what.on->cause() == ENOENT ? qerrno{ENOENT} : status;
 }
 
 } // namespace
@@ -197,6 +201,7 @@ extern "C" qerrno l2vpn_ipc_class_deinit(l2vpn_ipc_client_t client, uint32_t cla
     }
     registration_ptr gone;
     link_ptr connection;
+    bool was_up = false;
     {
         const std::lock_guard guard(client->lock);
         gone = find_class(*client, class_id);
@@ -205,6 +210,7 @@ extern "C" qerrno l2vpn_ipc_class_deinit(l2vpn_ipc_client_t client, uint32_t cla
         }
         client->classes.erase(class_id);
         gone->withdrawn = true;
+        was_up = gone->state == link_state::up;
         connection = client_detach_link(*client, *gone);
         client_arm_timer(*client);
         if (client->classes.empty()) {
@@ -213,6 +219,10 @@ extern "C" qerrno l2vpn_ipc_class_deinit(l2vpn_ipc_client_t client, uint32_t cla
     }
     if (connection) {
         connection->hang_up(ENOENT);
+    }
+    if (was_up) {
+        client_record(*gone, connection.get(), l2vpn::capture::record_kind::link_down,
+                      l2vpn::capture::flow::none, ECANCELED);
     }
     return EOK;
 }
@@ -238,11 +248,11 @@ extern "C" qerrno l2vpn_ipc_ucastv(l2vpn_ipc_client_t client, uint32_t class_id,
     if (client == nullptr || length == 0 || destination != L2VPN_IPC_DEST_L2VPN) {
         return EINVAL;
     }
-    registration_ptr tried;
-    const qerrno status = send_or_queue(*client, class_id, pieces, count, length, tried);
-    if (tried) {
-        client_record(*tried, l2vpn::capture::record_kind::message, l2vpn::capture::flow::to_process, status,
-                      pieces, count);
+    sending what;
+    const qerrno status = send_or_queue(*client, class_id, pieces, count, length, what);
+    if (what.from && !what.waits) {
+        client_record(*what.from, what.on.get(), l2vpn::capture::record_kind::message,
+                      l2vpn::capture::flow::to_process, status, pieces, count);
     }
     return status;
 }

@@ -67,9 +67,9 @@ void tell(const l2vpn_ipc_client &client, registration &of, int level, const std
     }
 }
 
-void record(const registration &of, capture::record_kind kind, qerrno status = EOK)
+void record(const registration &of, const link *on, capture::record_kind kind, qerrno status = EOK)
 {
-    client_record(of, kind, capture::flow::none, status);
+    client_record(of, on, kind, capture::flow::none, status);
 }
 
 /* An established link has ended. */
@@ -89,23 +89,23 @@ void link_down(l2vpn_ipc_client &client, registration &of, qerrno reason)
         schedule(client, of);
     }
     ended->hang_up(reason); /* wakes a sender that waits for room */
-    record(of, capture::record_kind::link_down, reason);
+    record(of, ended.get(), capture::record_kind::link_down, reason);
     log_line(client, of, LOG_WARNING,
              std::string("the link is down: ") +
                  (reason == EOK ? "closed by the server" : qerr_strerror(reason)));
     of.evt_cb(&client, of.server_nodeid, 0, L2VPN_IPC_EVT_DISCONNECTED, reason, of.cookie);
 }
 
-void link_up(l2vpn_ipc_client &client, registration &of)
+void link_up(l2vpn_ipc_client &client, registration &of, const link &made)
 {
     of.told.clear();
     of.up_since = steady::now();
-    record(of, capture::record_kind::link_up);
+    record(of, &made, capture::record_kind::link_up);
     of.evt_cb(&client, of.server_nodeid, 0, L2VPN_IPC_EVT_CONNECTED, 0, of.cookie);
 }
 
 /* Sends of the queue what goes. Messages that are added meanwhile have their turn before the link is up. */
-void flush_queue(l2vpn_ipc_client &client, registration &of)
+void flush_queue(l2vpn_ipc_client &client, registration &of, link &to)
 {
     for (int sent = 0; sent < messages_a_dispatch; ++sent) {
         qerrno status = EOK;
@@ -122,10 +122,11 @@ void flush_queue(l2vpn_ipc_client &client, registration &of)
                 break;
             }
             const iovec message = of.queue.at(of.flushed);
-            status = of.connection->try_send(&message, 1);
+            status = to.try_send(&message, 1);
             if (status == EOK) {
                 of.deadline = steady::now() + milliseconds(greeting_timeout_ms);
-                client_record(of, capture::record_kind::message, capture::flow::to_process, EOK, &message, 1);
+                client_record(of, &to, capture::record_kind::message, capture::flow::to_process, EOK,
+                              &message, 1);
             }
         }
         switch (status) {
@@ -142,11 +143,11 @@ void flush_queue(l2vpn_ipc_client &client, registration &of)
         }
     }
     if (of.state == link_state::up) {
-        link_up(client, of);
+        link_up(client, of, to);
     }
 }
 
-void greeted(l2vpn_ipc_client &client, registration &of, const greeting &answer)
+void greeted(l2vpn_ipc_client &client, registration &of, link &from, const greeting &answer)
 {
     of.server_nodeid = answer.nodeid;
     of.flushed = 0;
@@ -160,7 +161,7 @@ void greeted(l2vpn_ipc_client &client, registration &of, const greeting &answer)
         /* Nothing is read before the owner knows that the link is up. */
         watch_link(client, of, EPOLL_CTL_MOD, EPOLLOUT);
     }
-    flush_queue(client, of);
+    flush_queue(client, of, from);
 }
 
 void read_answer(l2vpn_ipc_client &client, registration &of, link &from)
@@ -192,14 +193,14 @@ void read_answer(l2vpn_ipc_client &client, registration &of, link &from)
                                   ": set L2VPN_MTU to what the server takes",
                               true);
     } else if (status == EOK && answer.status != EOK) {
-        record(of, capture::record_kind::link_refused, answer.status);
+        record(of, &from, capture::record_kind::link_refused, answer.status);
         client_attempt_failed(client, of, LOG_ERR,
                               std::string("the server refuses the class: ") + qerr_strerror(answer.status),
                               true);
     } else if (status != EOK || answer.class_id != of.class_id || answer.mtu != of.mtu) {
         client_attempt_failed(client, of, LOG_ERR, "the server's answer is garbage", true);
     } else {
-        greeted(client, of, answer);
+        greeted(client, of, from, answer);
     }
 }
 
@@ -221,22 +222,22 @@ void read_messages(l2vpn_ipc_client &client, registration &of, link &from, uint3
             return;
         }
         const iovec message{buffer, received.length};
-        client_record(of, capture::record_kind::message, capture::flow::to_owner, EOK, &message, 1);
+        client_record(of, &from, capture::record_kind::message, capture::flow::to_owner, EOK, &message, 1);
         of.msg_cb(&client, of.class_id, 0, buffer, received.length, 0, of.cookie);
     }
 }
 
 } // namespace
 
-void client_record(const registration &of, capture::record_kind kind, capture::flow direction, qerrno status,
-                   const iovec *pieces, uint32_t count)
+void client_record(const registration &of, const link *on, capture::record_kind kind, capture::flow direction,
+                   qerrno status, const iovec *pieces, uint32_t count)
 {
     if (capture::is_off()) {
         return;
     }
     static const uint32_t uid = geteuid();
     capture::record(kind, direction,
-                    {of.class_id, of.nodeid, of.link_number.load(), capture::this_process, uid,
+                    {of.class_id, of.nodeid, on == nullptr ? 0 : on->number(), capture::this_process, uid,
                      program_invocation_short_name},
                     status, pieces, count);
 }
@@ -289,7 +290,8 @@ void client_attempt(l2vpn_ipc_client &client, registration &of)
     link_fit_mtu(socket.get(), of.mtu);
     greeting hello = greeting_swap({link_magic, link_version, static_cast<uint16_t>(greeting_kind::hello),
                                     of.class_id, of.nodeid, of.mtu, EOK});
-    const auto connection = std::make_shared<link>(std::move(socket));
+    static std::atomic<uint64_t> links{0};
+    const auto connection = std::make_shared<link>(std::move(socket), ++links);
     const iovec piece{&hello, sizeof hello};
     /* A server that refuses in a hurry has hung up already, but its answer is there to be read. */
     if (const qerrno status = connection->try_send(&piece, 1); status != EOK && status != ENOTCONN) {
@@ -304,7 +306,6 @@ void client_attempt(l2vpn_ipc_client &client, registration &of)
         }
         of.connection = connection;
         of.key = next_key(client, of.class_id);
-        of.link_number = client.serial;
         of.state = link_state::greeting;
         of.deadline = steady::now() + milliseconds(greeting_timeout_ms);
         status = watch_link(client, of, EPOLL_CTL_ADD, EPOLLIN) ? qerrno{EOK} : static_cast<qerrno>(errno);
@@ -337,7 +338,7 @@ void client_link_ready(l2vpn_ipc_client &client, uint64_t key)
         read_answer(client, *of, *connection);
         break;
     case link_state::flushing:
-        flush_queue(client, *of);
+        flush_queue(client, *of, *connection);
         break;
     case link_state::up:
         read_messages(client, *of, *connection, mtu);

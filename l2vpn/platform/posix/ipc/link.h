@@ -88,9 +88,11 @@ std::string packet_fault(const packet &faulty, uint32_t mtu);
 
 class link {
 public:
-    explicit link(unique_fd socket) : socket_(std::move(socket)) {}
+    explicit link(unique_fd socket, uint64_t number = 0) : socket_(std::move(socket)), number_(number) {}
 
     [[nodiscard]] int fd() const { return socket_.get(); }
+    /* Of a client's link, which it is among all of its process. */
+    [[nodiscard]] uint64_t number() const { return number_; }
 
     /* The next packet, at most `size` bytes of it. Never waits. */
     packet receive(void *buffer, uint32_t size);
@@ -113,6 +115,7 @@ private:
     [[nodiscard]] bool peer_is_gone() const;
 
     unique_fd socket_;
+    uint64_t number_;
     std::atomic<qerrno> cause_{EOK};
 };
 

@@ -29,10 +29,22 @@ void record(const l2vpn_ipc_peer &peer, capture::record_kind kind, capture::flow
     }
 }
 
+void record_sent(const l2vpn_ipc_peer &peer, qerrno status, const iovec *pieces, uint32_t count)
+{
+    record(peer, capture::record_kind::message, capture::flow::to_owner, status, pieces, count);
+}
+
+void record_end(l2vpn_ipc_peer &peer, qerrno reason)
+{
+    if (peer.state == peer_state::open && !std::exchange(peer.end_recorded, true)) {
+        record(peer, capture::record_kind::link_down, capture::flow::none, reason);
+    }
+}
+
 void end(l2vpn_ipc_peer &peer, qerrno reason)
 {
     if (peer.state == peer_state::open) {
-        record(peer, capture::record_kind::link_down, capture::flow::none, reason);
+        record_end(peer, reason);
         peer.server.callbacks.closed(&peer.server, &peer, reason, peer.server.arg);
     }
     peer_drop(peer);
@@ -58,6 +70,7 @@ void flush(l2vpn_ipc_peer &peer)
         if (must_wait(status)) {
             break;
         }
+        record_sent(peer, status, &message, 1);
         if (status != EOK) {
             peer.connection.hang_up(status);
             peer.queue.clear();
@@ -68,7 +81,7 @@ void flush(l2vpn_ipc_peer &peer)
     want_room(peer, !peer.queue.empty());
 }
 
-/* A message that waits is as good as sent: the peer gets it, or its link ends. */
+/* A message that waits is as good as sent: the peer gets it, or its link ends. It is recorded when it goes out. */
 qerrno send_or_queue(l2vpn_ipc_peer &peer, const iovec *pieces, uint32_t count, size_t length)
 {
     if (peer.state == peer_state::open && peer.queue.empty()) {
@@ -77,11 +90,14 @@ qerrno send_or_queue(l2vpn_ipc_peer &peer, const iovec *pieces, uint32_t count, 
             peer.connection.hang_up(status);
         }
         if (!must_wait(status)) {
+            record_sent(peer, status, pieces, count);
             return status;
         }
     }
     const qerrno status = peer.queue.push(pieces, count, length);
-    if (status == EOK && peer.queue.size() == 1) {
+    if (status != EOK) {
+        record_sent(peer, status, pieces, count);
+    } else if (peer.queue.size() == 1) {
         want_room(peer, true);
     }
     return status;
@@ -199,6 +215,7 @@ void peer_drop(l2vpn_ipc_peer &peer)
         return;
     }
     l2vpn_ipc_server &server = peer.server;
+    record_end(peer, ECANCELED);
     peer.state = peer_state::dropped;
     event_fd_unwatch(std::exchange(peer.watch, nullptr));
     peer.connection.hang_up(ECANCELED);
@@ -256,10 +273,7 @@ extern "C" qerrno l2vpn_ipc_server_sendv(l2vpn_ipc_server_t server, l2vpn_ipc_pe
     if (peer->state == peer_state::dropped) {
         return ENOTCONN;
     }
-    const qerrno status = send_or_queue(*peer, pieces, count, length);
-    record(*peer, l2vpn::capture::record_kind::message, l2vpn::capture::flow::to_owner, status, pieces,
-           count);
-    return status;
+    return send_or_queue(*peer, pieces, count, length);
 }
 
 extern "C" uint64_t l2vpn_ipc_server_queued(l2vpn_ipc_server_t, l2vpn_ipc_peer_t peer)

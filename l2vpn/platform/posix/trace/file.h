@@ -30,6 +30,7 @@ struct file_kind {
     std::array<char, 8> magic;
     std::string_view name_end;
     const char *name;
+    std::size_t kept; /* predecessors, which are evidence: PATH.1, PATH.2 */
 };
 extern const file_kind trace_file;
 extern const file_kind ring_file;
@@ -38,13 +39,13 @@ extern const file_kind ring_file;
 [[nodiscard]] std::string path_of_process(const std::string &directory, std::string_view program,
                                           const file_kind &kind);
 
-/* Removes such files of processes of this name that have ended, but for the newest `keep`. */
+/* Removes such files of processes of this name that have ended, kept predecessors too, but for the newest `keep`. */
 void remove_dead(const std::string &directory, std::string_view program, std::size_t keep,
                  const file_kind &kind);
 
 /* A file of `size` zero bytes, allocated and locked, under a name of its own beside `path`. It becomes
  * `path` by move_in_place(), which replaces nothing but an empty file and one of its kind of a process that has
- * ended; it is removed again when it was not moved. */
+ * ended, unless those are kept; it is removed again when it was not moved. */
 class new_file {
 public:
     explicit new_file(const file_kind &kind) : kind_(kind) {}
