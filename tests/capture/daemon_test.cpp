@@ -195,7 +195,7 @@ TEST_F(recorded, the_end_of_the_process_ends_what_follows_it)
 
 TEST_F(recorded, captures_are_bounded)
 {
-    start();
+    start({"--capture-size", "4096"});
     raw_peer owner = peer(8);
     const octets message = create(8, handles_from(0x100, 20));
     constexpr uint64_t messages = 50;
@@ -324,7 +324,7 @@ TEST_F(recorded, the_rings_of_two_dead_processes_are_kept)
 
 TEST_F(recorded, what_is_no_file_is_never_renamed)
 {
-    start();
+    start({"--capture-size", "4096"});
     raw_peer owner = peer(8);
     const octets message = create(8, handles_from(0x100, 20));
     constexpr uint64_t messages = 50;

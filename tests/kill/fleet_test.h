@@ -23,7 +23,10 @@ class fleet_test : public testing::Test {
 protected:
     fleet_test();
 
-    std::vector<std::string> daemon_arguments() const { return {"--runtime-dir", m_dir.path()}; }
+    std::vector<std::string> daemon_arguments() const
+    {
+        return {"--runtime-dir", m_dir.path(), "--capture-size", "64"};
+    }
     void start();
     void kill_it();
     /* The process comes to hold exactly what the owners intend, who change nothing while it is looked at. */

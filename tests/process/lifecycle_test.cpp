@@ -127,7 +127,8 @@ TEST(daemon_start, takes_a_relative_folder_as_it_is_meant)
     const system_test::temp_dir dir;
     const fs::path before = fs::current_path();
     fs::current_path(dir.path());
-    system_test::child daemon(system_test::binary("l2vpnd"), {"--runtime-dir", "run", "--nodeid", "1"});
+    system_test::child daemon(system_test::binary("l2vpnd"),
+                              {"--runtime-dir", "run", "--nodeid", "1", "--capture-size", "64"});
     const bool ready = daemon.says("l2vpnd: ready on " + dir.path() + "/run/L2VPN.sock\n");
     const system_test::result asked =
         system_test::run(system_test::binary("l2vpnctl"), {"status", "--runtime-dir", "run"});

@@ -185,6 +185,9 @@ bool raw_control::ended()
 void daemon_test::start(const std::vector<std::string> &options)
 {
     std::vector<std::string> arguments = {"--runtime-dir", m_dir.path(), "--nodeid", "0x0a0b0c0d"};
+    if (std::ranges::find(options, "--capture-size") == options.end()) {
+        arguments.insert(arguments.end(), {"--capture-size", "64"});
+    }
     arguments.insert(arguments.end(), options.begin(), options.end());
     m_daemon = std::make_unique<system_test::child>(system_test::binary("l2vpnd"), arguments);
     ASSERT_TRUE(m_daemon->says("l2vpnd: ready on " + socket_path() + "\n")) << m_daemon->err();

@@ -73,6 +73,7 @@ private:
 
 class daemon_test : public testing::Test {
 protected:
+    /* Keeps a small ring, unless the options say how large. */
     void start(const std::vector<std::string> &options = {});
     /* Ends it with SIGTERM; its exit status. */
     int stop();

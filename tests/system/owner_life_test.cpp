@@ -43,7 +43,7 @@ protected:
 
     void start_process(const std::vector<std::string> &options = {})
     {
-        std::vector<std::string> arguments{"--runtime-dir", dir_.path()};
+        std::vector<std::string> arguments{"--runtime-dir", dir_.path(), "--capture-size", "64"};
         arguments.insert(arguments.end(), options.begin(), options.end());
         process_ = std::make_unique<child>(binary("l2vpnd"), arguments);
         ASSERT_TRUE(process_->says("ready on")) << process_->err();
