@@ -239,7 +239,8 @@ void add_recordings(CLI::App &app, command_line &line)
     record_choice &choice = to.choice;
     seen->add_option("--read", to.files,
                      "From pcapng file or ring instead of the process; rings may be several")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->excludes("--history");
     seen->add_option("--owner", choice.owner, "Of the client with this number")->type_name("N");
     seen->add_option("--class", choice.class_id, "Of this class")
         ->type_name("0-17")
@@ -261,7 +262,8 @@ void add_recordings(CLI::App &app, command_line &line)
         ->required();
     kept->add_option("--from-ring", to.files,
                      "From the rings of processes, dead or alive, instead of the process")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->excludes("--history");
     kept->add_option("--size", to.size_mib, "A file is full with so many MiB (64)")
         ->type_name("MIB")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 20).description(""));

@@ -181,6 +181,31 @@ TEST_F(recorded, a_running_process_is_followed)
     EXPECT_EQ(rows({"--read", file}).size(), 3U);
 }
 
+/* Nobody waits for a reader that has stopped, which is told what it has missed. */
+TEST_F(recorded, a_reader_that_stops_holds_up_nobody)
+{
+    start({"--capture-size", "64"});
+    system_test::child seen(system_test::binary("l2vpnctl"),
+                            {"monitor", "--runtime-dir", m_dir.path(), "--history", "--json"});
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(seen.says("\"kind\":\"up\""));
+    seen.send_signal(SIGSTOP);
+    constexpr uint64_t messages = 2000;
+    constexpr uint64_t slots = 256;
+    for (uint64_t i = 0; i < messages; i++) {
+        ASSERT_TRUE(owner.send(header(0, 0, 0).bytes()));
+    }
+    ASSERT_TRUE(eventually([&] { return totals()["received"].value("JOIN", uint64_t{0}) == messages; }));
+    m_daemon->send_signal(SIGKILL);
+    ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+    seen.send_signal(SIGCONT);
+    EXPECT_EQ(seen.wait(), 4) << seen.err();
+    const std::vector<json> found = parsed(seen.out());
+    ASSERT_EQ(found.size(), 1 + 1 + slots);
+    EXPECT_EQ(found[1], json({{"lost", messages - slots}}));
+    EXPECT_EQ(found.back()["number"], messages);
+}
+
 TEST_F(recorded, the_end_of_the_process_ends_what_follows_it)
 {
     start();
@@ -384,6 +409,7 @@ TEST_F(recorded, bad_input_has_one_clear_line)
     expect_one_line(monitor({"--read", m_dir.path()}), 1, m_dir.path() + ": Is a directory");
     expect_one_line(monitor({"--type", "NONE"}), 2, "no message type 'NONE'");
     expect_one_line(monitor({"--class", "18"}), 2, "18");
+    expect_one_line(monitor({"--history", "--read", text}), 2, "--history");
     expect_one_line(ctl({"capture"}), 2, "--write");
     expect_one_line(ctl({"capture", "-w", there}), 1, there + ": there already (--force replaces it)");
     EXPECT_EQ(system_test::read_file(there), "precious");

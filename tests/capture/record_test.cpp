@@ -97,6 +97,27 @@ TEST_F(recording, takes_no_system_call)
         << "or nothing is forbidden here";
 }
 
+TEST_F(recording, a_ring_that_is_made_anew_keeps_the_one_before)
+{
+    for (int i = 0; i < 2; i++) {
+        ASSERT_EQ(platform_capture_set(m_path.c_str(), 64, 160), EOK);
+        record_message(m_class);
+    }
+    record_message(m_class);
+    EXPECT_EQ(read_ring(m_path).size(), 2U);
+    EXPECT_EQ(read_ring(m_path + ".1").size(), 1U);
+}
+
+TEST_F(recording, what_is_no_ring_is_not_moved_aside)
+{
+    ASSERT_EQ(platform_capture_set(m_path.c_str(), 64, 160), EOK);
+    ASSERT_EQ(platform_capture_set("off", 64, 160), EOK);
+    m_dir.write("own.ring.2", "precious");
+    EXPECT_EQ(platform_capture_set(m_path.c_str(), 64, 160), EEXIST);
+    EXPECT_EQ(system_test::read_file(m_path + ".2"), "precious");
+    EXPECT_TRUE(read_ring(m_path).empty());
+}
+
 TEST_F(recording, names_the_process_that_recorded)
 {
     ASSERT_EQ(platform_capture_set(m_path.c_str(), 64, 160), EOK);

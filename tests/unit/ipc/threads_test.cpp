@@ -29,8 +29,9 @@ namespace {
 
 using namespace ipc_test;
 
-/* Long enough that no send of these tests may end by it. */
-const test_environment s_environment{{"L2VPN_SEND_TIMEOUT_MS", "60000"}};
+/* Long enough that no send of these tests may end by it. All threads record into one ring. */
+const test_environment s_environment{
+    {"L2VPN_SEND_TIMEOUT_MS", "60000"}, {"L2VPN_CAPTURE", "on"}, {"L2VPN_CAPTURE_SIZE", "64"}};
 
 /* An event manager that runs on a thread of its own. */
 class running_loop {

@@ -91,6 +91,9 @@ qerrno open_ring(const std::string &where, observer by, std::uint64_t size, std:
             : where;
     qerrno cause = own_place ? platform_posix::make_runtime_dir(problem) : qerrno{EOK};
     std::unique_ptr<ring> opened;
+    if (const ring *current = in_use.load(); current != nullptr && current->path() == path) {
+        replace(nullptr); /* it becomes the predecessor */
+    }
     if (cause == EOK) {
         opened = ring::create(path, by, size, snap, cause, problem);
     }
