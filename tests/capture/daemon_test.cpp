@@ -181,6 +181,56 @@ TEST_F(recorded, a_running_process_is_followed)
     EXPECT_EQ(rows({"--read", file}).size(), 3U);
 }
 
+/* Two threads that record at once take numbers and places in the ring in different order; a clock is set back. */
+TEST_F(recorded, order_is_that_of_the_numbers)
+{
+    const std::string path = make_history();
+    m_daemon->send_signal(SIGKILL);
+    ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+    std::string content = system_test::read_file(path);
+    const auto at = [](size_t slot) { return 4096 + slot * 256 + 16; };
+    const auto number = [&](size_t slot) -> char & { return content.at(at(slot) + 16 + 32 + 7); };
+    constexpr size_t third = 7; /* behind one slot of the first record and six of the second */
+    constexpr size_t fourth = 8;
+    ASSERT_EQ(number(third), 2);
+    ASSERT_EQ(number(fourth), 3);
+    std::swap(number(third), number(fourth));
+    content.replace(at(third), 8, 8, '\0'); /* its time */
+    const std::string swapped = m_dir.write("swapped.ring", content);
+    const std::vector<json> found = rows({"--read", swapped});
+    ASSERT_EQ(found.size(), 4U);
+    for (size_t i = 0; i < found.size(); i++) {
+        EXPECT_EQ(found[i]["number"], i);
+    }
+    EXPECT_THAT(found[3]["time"].get<std::string>(), HasSubstr("1970-"));
+    const std::vector<json> both = rows({"--read", swapped, "--read", path});
+    EXPECT_EQ(both.size(), 8U) << "and no losses";
+}
+
+TEST_F(recorded, records_and_protections_are_chosen_by_handle_and_name)
+{
+    start();
+    raw_peer owner = peer(3);
+    const octets state = header(11, 1, 3).u32(0x21).raw(octets(92)).bytes();
+    const octets root = header(14, 1, 3).u32(0x22).raw(octets(4)).bytes();
+    const octets protection = header(12, 0, 0).raw({'e', 'a', 's', 't'}).raw(octets(68)).bytes();
+    for (const octets &message : {state, root, protection}) {
+        ASSERT_TRUE(owner.send(message));
+    }
+    const std::string path = ring();
+    ASSERT_TRUE(becomes_readable(path, 4));
+    const auto types = [&](const std::string &option, const std::string &value) {
+        std::string found;
+        for (const json &row : rows({"--read", path, option, value})) {
+            found += row["type"].get<std::string>() + " ";
+        }
+        return found;
+    };
+    EXPECT_EQ(types("--handle", "0x21"), "STATE ");
+    EXPECT_EQ(types("--handle", "0x22"), "IS_ROOT ");
+    EXPECT_EQ(types("--name", "ea*"), "PROTECTED ");
+}
+
 /* Nobody waits for a reader that has stopped, which is told what it has missed. */
 TEST_F(recorded, a_reader_that_stops_holds_up_nobody)
 {

@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """The Wireshark dissector on the golden messages: every number that a golden file names is shown at its place with
-its value, the other bytes as bytes, and nothing is left out. What is malformed is marked, and not misread.
+its value, the other bytes as bytes, and nothing is left out. What is malformed is marked, and not misread. Every field
+has the name and the value that l2vpnctl monitor shows for it.
 
-    dissector.py LUA GOLDEN_DIR
+    dissector.py LUA GOLDEN_DIR L2VPNCTL
 """
+import json
 import os
 import re
 import struct
@@ -16,6 +18,7 @@ from pathlib import Path
 HEAD = 64
 TO_PROCESS, TO_OWNER = 1, 2
 OWNER_TYPES = (7, 8, 13, 15)
+LONGEST_OCTETS = 16
 
 
 def block(kind, body):
@@ -35,15 +38,28 @@ def packet(class_id, message, direction=None, kept=None, **more):
     return head(class_id, direction, len(message), **more) + message[:kept]
 
 
+def write_file(folder, packets):
+    path = Path(folder) / "golden.pcapng"
+    out = block(0x0A0D0D0A, struct.pack(">IHHq", 0x1A2B3C4D, 1, 0, -1))
+    out += block(1, struct.pack(">HHI", 147, 0, 0))
+    for data in packets:
+        out += block(6, struct.pack(">IIIII", 0, 0, 0, len(data), len(data)) + data)
+    path.write_bytes(out)
+    return path
+
+
+def monitor(program, packets):
+    """What l2vpnctl says of each packet."""
+    with tempfile.TemporaryDirectory() as folder:
+        run = subprocess.run([program, "monitor", "--read", write_file(folder, packets), "--json", "-v"],
+                             stdout=subprocess.PIPE, timeout=120, check=True)
+    return [json.loads(line) for line in run.stdout.splitlines()]
+
+
 def dissect(lua, packets):
     """A list of message elements of tshark's PDML, one a packet."""
     with tempfile.TemporaryDirectory() as folder:
-        path = Path(folder) / "golden.pcapng"
-        out = block(0x0A0D0D0A, struct.pack(">IHHq", 0x1A2B3C4D, 1, 0, -1))
-        out += block(1, struct.pack(">HHI", 147, 0, 0))
-        for data in packets:
-            out += block(6, struct.pack(">IIIII", 0, 0, 0, len(data), len(data)) + data)
-        path.write_bytes(out)
+        path = write_file(folder, packets)
         environment = dict(os.environ, HOME=folder, XDG_CONFIG_HOME=folder, TZ="UTC")
         run = subprocess.run(["tshark", "-X", f"lua_script:{lua}", "-r", path, "-T", "pdml"], env=environment,
                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120, check=False)
@@ -121,6 +137,37 @@ def check_message(name, lines, proto):
     return None
 
 
+def monitored_fields(row):
+    """{"definition.word": [a value for each AC ...], "handle": ...}"""
+    found = {}
+    for record in row["records"]:
+        for key, value in record.items():
+            fields = {f"{key}.{name}": part for name, part in value.items()} if isinstance(value, dict) else {key: value}
+            for name, part in fields.items():
+                found.setdefault(name, []).extend(part if isinstance(part, list) else [part])
+    return found
+
+
+def dissected_fields(proto):
+    """The same from PDML, but for bytes that are nobody's and those that a monitor's line has no room for."""
+    found = {}
+    for leaf in leaves(proto):
+        part, _, name = leaf.get("name").removeprefix("l2vpn.").partition(".")
+        shown, value = leaf.get("show"), leaf.get("value")
+        if part not in ("ac", "definition", "info", "data", "record") or name == "unused":
+            continue
+        if name == "bits":
+            shown = {sub.get("name")[-1]: int(sub.get("show")) for sub in leaf}
+        elif ":" in shown or name.startswith(("octet", "opaque", "tail", "class_octets")):
+            shown = value
+            if len(value) > 2 * LONGEST_OCTETS:
+                continue
+        elif name != "name":
+            shown = value_of(shown)
+        found.setdefault(name if part in ("ac", "record") else f"{part}.{name}", []).append(shown)
+    return found
+
+
 def words(*values):
     return struct.pack(f">{len(values)}I", *values)
 
@@ -170,7 +217,7 @@ def has(proto, name):
 
 
 def main():
-    lua, folder = sys.argv[1:]
+    lua, folder, l2vpnctl = sys.argv[1:]
     faults = []
     files = sorted(Path(folder).glob("*.hex"))
     cases = []
@@ -180,6 +227,11 @@ def main():
         cases.append((path.stem, lines, packet(int(of_class[1]) if of_class else 0, b"".join(d for _, d in lines))))
     for (name, lines, _), proto in zip(cases, dissect(lua, [case[2] for case in cases]), strict=True):
         faults.append(check_message(name, lines, proto))
+    packets = [case[2] for case in cases]
+    for (name, _, _), row, proto in zip(cases, monitor(l2vpnctl, packets), dissect(lua, packets), strict=True):
+        one, other = monitored_fields(row), dissected_fields(proto)
+        faults.extend(f"{name}: {field} is {one.get(field)} in the monitor and {other.get(field)} in the dissector"
+                      for field in sorted(one.keys() | other.keys()) if one.get(field) != other.get(field))
 
     for name, proto in zip(MALFORMED, dissect(lua, list(MALFORMED.values())), strict=True):
         if not has(proto, "l2vpn.malformed"):
