@@ -144,6 +144,8 @@ def monitored_fields(row):
         for key, value in record.items():
             fields = {f"{key}.{name}": part for name, part in value.items()} if isinstance(value, dict) else {key: value}
             for name, part in fields.items():
+                if isinstance(part, str):
+                    part = part.replace("\\\\", "\\")  # Wireshark shows a backslash as it is
                 found.setdefault(name, []).extend(part if isinstance(part, list) else [part])
     return found
 
@@ -158,7 +160,7 @@ def dissected_fields(proto):
             continue
         if name == "bits":
             shown = {sub.get("name")[-1]: int(sub.get("show")) for sub in leaf}
-        elif ":" in shown or name.startswith(("octet", "opaque", "tail", "class_octets")):
+        elif name != "name" and (":" in shown or name.startswith(("octet", "opaque", "tail", "class_octets"))):
             shown = value
             if len(value) > 2 * LONGEST_OCTETS:
                 continue
