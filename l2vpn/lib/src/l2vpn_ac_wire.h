@@ -171,9 +171,10 @@ inline void l2vpn_ac_convert_records(std::byte *record, size_t count)
 {
 #if L2VPN_AC_BLOCKS
     if constexpr (L2VPN_AC_BLOCK_SIZE % stride == 0)
-        return l2vpn_ac_convert_dense<program, stride>(record, count);
+        l2vpn_ac_convert_dense<program, stride>(record, count);
+    else
 #endif
-    return l2vpn_ac_convert_plain<program, stride>(record, count);
+        l2vpn_ac_convert_plain<program, stride>(record, count);
 }
 
 /* An array of 32-bit words: interface handles. */
