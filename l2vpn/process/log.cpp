@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <new>
 #include <poll.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -20,7 +23,30 @@ const char *level_name(int level)
     return level >= 0 && level <= LOG_DEBUG ? names[level] : "debug";
 }
 
+/* The variable is inherited by whatever is started from a service, the stream is not. */
+bool stderr_is_the_journal()
+{
+    const char *const stream = getenv("JOURNAL_STREAM");
+    struct stat here {};
+    if (stream == nullptr || fstat(STDERR_FILENO, &here) != 0) {
+        return false;
+    }
+    char name[48];
+    snprintf(name, sizeof name, "%ju:%ju", static_cast<uintmax_t>(here.st_dev),
+             static_cast<uintmax_t>(here.st_ino));
+    return strcmp(stream, name) == 0;
+}
+
 } // namespace
+
+const char *journal_prefix(int level)
+{
+    static constexpr const char *prefixes[] = {"<0>", "<1>", "<2>", "<3>", "<4>", "<5>", "<6>", "<7>"};
+    if (!stderr_is_the_journal()) {
+        return "";
+    }
+    return prefixes[std::clamp(level, LOG_EMERG, LOG_DEBUG)];
+}
 
 event_log::event_log(sink out, int least_level, now_fn now)
     : m_out(std::move(out)), m_least_level(least_level), m_now(now)
@@ -83,7 +109,8 @@ void event_log::write(topic about, int level, const char *format, ...)
 event_log::sink event_log::to_stderr(const char *program)
 {
     return [program](int level, const char *line) {
-        const std::string text = std::string(program) + ": " + level_name(level) + ": " + line + "\n";
+        const std::string text =
+            std::string(journal_prefix(level)) + program + ": " + level_name(level) + ": " + line + "\n";
         pollfd ready{STDERR_FILENO, POLLOUT, 0};
         return poll(&ready, 1, 0) == 1 && (ready.revents & POLLOUT) != 0 &&
                ::write(STDERR_FILENO, text.data(), text.size()) == static_cast<ssize_t>(text.size());

@@ -19,6 +19,9 @@ namespace l2vpnd {
 
 enum class topic : uint8_t { life, owners, dropped, unknown, transport, control, count };
 
+/* What systemd's journal takes a line's level from, where standard error leads to it; else nothing. */
+const char *journal_prefix(int level);
+
 class event_log {
 public:
     using clock = std::chrono::steady_clock;

@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <grp.h>
@@ -47,7 +48,7 @@ struct free_event_mgr {
 
 exit_status fail(const std::string &what, exit_status status = exit_failed)
 {
-    fprintf(stderr, "l2vpnd: %s\n", what.c_str());
+    fprintf(stderr, "%sl2vpnd: %s\n", journal_prefix(LOG_ERR), what.c_str());
     return status;
 }
 
@@ -56,7 +57,7 @@ std::string text_of(int cause)
     return qerr_strerror(static_cast<qerrno>(cause));
 }
 
-/* SIGTERM and SIGINT end the program, SIGHUP has the options read again, SIGPIPE is never wanted. */
+/* SIGTERM and SIGINT end the program, SIGHUP has the file of options read again, SIGPIPE is never wanted. */
 int make_signal_fd()
 {
     signal(SIGPIPE, SIG_IGN);
@@ -72,7 +73,7 @@ int make_signal_fd()
 /* What signals ask for. */
 struct requests {
     bool stop = false;
-    std::function<void()> reload;
+    std::function<void()> reload; /* empty: there is nothing to read again, and SIGHUP stops, too */
 };
 
 void on_signal(event_fd_watch_t * /*watch*/, int fd, uint32_t /*events*/, void *arg)
@@ -82,7 +83,7 @@ void on_signal(event_fd_watch_t * /*watch*/, int fd, uint32_t /*events*/, void *
     if (read(fd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) {
         return;
     }
-    if (info.ssi_signo == SIGHUP) {
+    if (info.ssi_signo == SIGHUP && asked.reload) {
         asked.reload();
     } else {
         asked.stop = true;
@@ -114,6 +115,8 @@ try {
     }
 } catch (const std::bad_alloc &) {
     log.write(topic::life, LOG_ERR, "nothing is changed: out of memory");
+} catch (const std::exception &error) {
+    log.write(topic::life, LOG_ERR, "nothing is changed: %s", error.what());
 }
 
 /* As it was given, for people. */
@@ -138,10 +141,18 @@ void start_capture(const program_options &options)
         return;
     }
     const char *path = platform_capture_path();
+    if (*path == '\0') {
+        return;
+    }
     const group *readers = options.group.empty() ? nullptr : getgrnam(options.group.c_str());
-    if (*path != '\0' && ((readers != nullptr && chown(path, static_cast<uid_t>(-1), readers->gr_gid) != 0) ||
-                          chmod(path, ring_mode) != 0)) {
-        fprintf(stderr, "l2vpnd: %s: only its owner may read it: %s\n", path, text_of(errno).c_str());
+    const int ring = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (ring < 0 || (readers != nullptr && fchown(ring, static_cast<uid_t>(-1), readers->gr_gid) != 0) ||
+        fchmod(ring, ring_mode) != 0) {
+        fprintf(stderr, "%sl2vpnd: %s: only its owner may read it: %s\n", journal_prefix(LOG_WARNING), path,
+                text_of(errno).c_str());
+    }
+    if (ring >= 0) {
+        close(ring);
     }
 }
 
@@ -173,7 +184,7 @@ exit_status serve(event_mgr_p evm, l2vpn_process &process, control_server &contr
     return exit_ok;
 }
 
-exit_status run(int argc, char **argv, program_options options)
+exit_status run(int argc, char **argv, program_options options, int signals)
 {
     const program_options started_with = options;
     std::error_code unknown;
@@ -209,7 +220,6 @@ exit_status run(int argc, char **argv, program_options options)
                   least_level(options));
 
     requests asked;
-    const int signals = make_signal_fd();
     const std::unique_ptr<event_mgr, free_event_mgr> evm(event_mgr_new());
     if (signals < 0 || evm == nullptr ||
         event_fd_watch(evm.get(), signals, EVENT_FD_READ, on_signal, &asked) == nullptr) {
@@ -219,11 +229,6 @@ exit_status run(int argc, char **argv, program_options options)
 
     service owners(log);
     l2vpn_process process(options.process, owners, log);
-    asked.reload = [&] {
-        tell_reloading();
-        reload(argc, argv, started_with, process, log);
-        tell_ready(owners.path());
-    };
     l2vpn_ipc_server_options_t server{};
     server.nodeid = options.process.nodeid;
     server.mtu = options.mtu;
@@ -246,7 +251,15 @@ exit_status run(int argc, char **argv, program_options options)
     if (printf("l2vpnd: ready on %s\n", owners.path().c_str()) < 0 || fflush(stdout) != 0) {
         return fail("cannot write to standard output: " + text_of(errno));
     }
-    tell_ready(owners.path());
+    const std::string where = owners.path();
+    if (options.has_file) {
+        asked.reload = [&] {
+            tell_reloading();
+            reload(argc, argv, started_with, process, log);
+            tell_ready(where);
+        };
+    }
+    tell_ready(where);
     const exit_status status = serve(evm.get(), process, operators, asked.stop);
     tell_stopping();
     owners.close();
@@ -258,11 +271,12 @@ exit_status run(int argc, char **argv, program_options options)
 int main(int argc, char **argv)
 {
     try {
+        const int signals = make_signal_fd(); /* first of all: a signal that comes early waits */
         program_options options;
         if (const auto status = read_command_line(argc, argv, options)) {
             return *status;
         }
-        return run(argc, argv, std::move(options));
+        return run(argc, argv, std::move(options), signals);
     } catch (const std::bad_alloc &) {
         return fail("out of memory");
     } catch (const std::exception &error) {

@@ -1,11 +1,11 @@
 #include "options.h"
 
-#include <CLI/CLI.hpp>
-#include <iostream>
+#include "log.h"
 
-#ifndef L2VPN_VERSION
-#define L2VPN_VERSION "0"
-#endif
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iostream>
+#include <string_view>
 
 namespace l2vpnd {
 
@@ -18,8 +18,31 @@ constexpr uint32_t most_owners = 65536;
 constexpr uint32_t smallest_ring = 64; /* KiB */
 constexpr uint32_t largest_ring = 1048576;
 
+/* A flag that is given a value: in the file, or by --NAME=VALUE. */
+std::string check_flag(const std::string &value)
+{
+    static constexpr std::string_view words[] = {"true", "false", "on", "off", "yes", "no", "1", "0"};
+    const bool good = std::ranges::find(words, value) != std::end(words);
+    return good ? std::string() : "'" + value + "' is neither true nor false";
+}
+
+/* The file of options. Each line is taken as the command line takes --NAME=VALUE, by itself at first, so that
+ * what is wrong is told with its line. */
+class option_file : public CLI::ConfigBase {
+public:
+    explicit option_file(const CLI::App &app) : m_app(app) {}
+
+    std::vector<CLI::ConfigItem> from_config(std::istream &input) const override;
+
+private:
+    CLI::ConfigItem read_line(std::string_view line) const;
+
+    const CLI::App &m_app;
+};
+
 void describe(CLI::App &app, program_options &options)
 {
+    app.config_formatter(std::make_shared<option_file>(app));
     app.set_version_flag("--version", "l2vpnd " L2VPN_VERSION, "Print the version");
     app.set_config("--config", "", "File of options, a line each: NAME = VALUE, without the dashes")
         ->type_name("FILE");
@@ -36,7 +59,8 @@ void describe(CLI::App &app, program_options &options)
         ->type_name("BYTES")
         ->check(CLI::Range(hdr_len, largest_mtu).description(""));
     app.add_flag("--auto-provision", options.process.auto_provision,
-                 "Provision every new AC when its batch is complete");
+                 "Provision every new AC when its batch is complete")
+        ->check(check_flag);
     app.add_option("--max-acs", options.process.max_acs, "ACs that are kept at most")
         ->type_name("N")
         ->check(CLI::Range(uint32_t{1}, most_acs).description(""))
@@ -68,7 +92,8 @@ void describe(CLI::App &app, program_options &options)
         ->default_str("stderr")
         ->check(CLI::IsMember({"stderr", "syslog"}))
         ->each([&options](const std::string &where) { options.to_syslog = where == "syslog"; });
-    app.add_flag("--verbose", options.verbose, "Log owners that come and go, and requests of operators");
+    app.add_flag("--verbose", options.verbose, "Log owners that come and go, and requests of operators")
+        ->check(check_flag);
     app.footer(
         "Exit status: 0 ended on a signal, 1 failed, 2 bad command line, 3 another l2vpnd is running.\n"
         "Numbers may be given in hexadecimal (0x...).");
@@ -81,22 +106,97 @@ std::string one_line(const CLI::ParseError &error)
     return line;
 }
 
+void parse(CLI::App &app, int argc, char **argv, program_options &options)
+{
+    describe(app, options);
+    app.parse(argc, argv);
+    options.has_file = app.get_config_ptr()->count() > 0;
+}
+
+std::string_view trimmed(std::string_view text)
+{
+    constexpr std::string_view spaces = " \t\r";
+    const size_t begin = text.find_first_not_of(spaces);
+    return begin == std::string_view::npos ? std::string_view()
+                                           : text.substr(begin, text.find_last_not_of(spaces) + 1 - begin);
+}
+
+/* In quotes or not, with a comment behind it or not. Empty: there is none. */
+std::string_view value_in(std::string_view text)
+{
+    text = trimmed(text);
+    if (!text.starts_with('"') && !text.starts_with('\'')) {
+        return trimmed(text.substr(0, text.find(" #")));
+    }
+    const size_t end = text.find(text.front(), 1);
+    const std::string_view rest = end == std::string_view::npos ? text : trimmed(text.substr(end + 1));
+    return rest.empty() || rest.starts_with('#') ? text.substr(1, end - 1) : std::string_view();
+}
+
+CLI::ConfigItem option_file::read_line(std::string_view line) const
+{
+    const size_t equals = line.find('=');
+    const std::string name(trimmed(line.substr(0, equals)));
+    const std::string value(equals < line.size() ? value_in(line.substr(equals + 1)) : std::string_view());
+    const auto in_name = [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '_'; };
+    if (name.empty() || value.empty() || !std::ranges::all_of(name, in_name)) {
+        throw CLI::ConfigError("this is no NAME = VALUE");
+    }
+    const CLI::Option *const option = m_app.get_option_no_throw("--" + name);
+    if (option == nullptr || !option->get_configurable()) {
+        throw CLI::ConfigError("there is no option '" + name + "' in a file");
+    }
+    CLI::App alone;
+    program_options ignored;
+    describe(alone, ignored);
+    std::vector<std::string> arguments{"--" + name + "=" + value};
+    alone.parse(arguments);
+    CLI::ConfigItem item;
+    item.name = name;
+    item.inputs = {value};
+    return item;
+}
+
+std::vector<CLI::ConfigItem> option_file::from_config(std::istream &input) const
+{
+    std::vector<CLI::ConfigItem> taken;
+    std::string line;
+    for (size_t number = 1; std::getline(input, line); number++) {
+        const std::string_view text = trimmed(line);
+        if (text.empty() || text.front() == '#' || text.front() == ';') {
+            continue;
+        }
+        try {
+            taken.push_back(read_line(text));
+            const auto same = [&taken](const CLI::ConfigItem &item) {
+                return item.name == taken.back().name;
+            };
+            if (std::ranges::count_if(taken, same) > 1) {
+                throw CLI::ConfigError("'" + taken.back().name + "' is there already");
+            }
+        } catch (const CLI::ParseError &error) {
+            throw CLI::ConfigError(m_app.get_config_ptr()->as<std::string>() + ":" + std::to_string(number) +
+                                   ": " + error.what());
+        }
+    }
+    return taken;
+}
+
 } // namespace
 
 std::optional<exit_status> read_command_line(int argc, char **argv, program_options &options)
 {
     CLI::App app("The L2VPN process: keeps the attachment circuits of this node's interface owners",
                  "l2vpnd");
-    describe(app, options);
     try {
-        app.parse(argc, argv);
+        parse(app, argc, argv, options);
         return std::nullopt;
     } catch (const CLI::CallForHelp &) {
         std::cout << app.help();
     } catch (const CLI::CallForVersion &) {
         std::cout << "l2vpnd " L2VPN_VERSION "\n";
     } catch (const CLI::ParseError &error) {
-        std::cerr << "l2vpnd: " << one_line(error) << " (see l2vpnd --help)\n";
+        std::cerr << journal_prefix(LOG_ERR) << "l2vpnd: " << one_line(error) << " (see l2vpnd --help)\n";
         return exit_usage;
     }
     if (!std::cout.flush()) {
@@ -109,9 +209,8 @@ std::optional<exit_status> read_command_line(int argc, char **argv, program_opti
 std::string read_again(int argc, char **argv, program_options &options)
 {
     CLI::App app;
-    describe(app, options);
     try {
-        app.parse(argc, argv);
+        parse(app, argc, argv, options);
         return {};
     } catch (const CLI::ParseError &error) {
         return one_line(error);

@@ -23,6 +23,7 @@ struct program_options {
     uint32_t capture_size = 16 * 1024; /* KiB */
     bool to_syslog = false;
     bool verbose = false;
+    bool has_file = false; /* --config was given: there is something to read again */
     process_options process;
 
     bool operator==(const program_options &other) const = default;

@@ -59,8 +59,7 @@ bool take_passed_sockets(passed_sockets *passed, std::string *error)
 
 void tell_ready(const std::string &where)
 {
-    sd_notifyf(0, "STATUS=Serving on %s", where.c_str());
-    sd_notify(0, "READY=1");
+    sd_notifyf(0, "READY=1\nSTATUS=Serving on %s", where.c_str());
 }
 
 void tell_reloading()
