@@ -22,11 +22,14 @@ json control_server::error_fields(const refusal &why)
 
 bool control_server::read_some(connection &c)
 {
-    const size_t before = c.in.size();
-    c.in.resize(before + read_size);
-    const ssize_t got = recv(c.fd, c.in.data() + before, read_size, 0);
-    c.in.resize(before + (got > 0 ? static_cast<size_t>(got) : 0));
+    char room[read_size];
+    const ssize_t got = recv(c.fd, room, sizeof room, 0);
     if (got > 0) {
+        const size_t before = c.in.size();
+        c.in.append(room, static_cast<size_t>(got));
+        if (c.line_end == std::string::npos) {
+            c.line_end = c.in.find('\n', before); /* what came earlier was searched then */
+        }
         c.progress = clock::now();
         return true;
     }
@@ -70,9 +73,10 @@ bool control_server::advance(connection &c)
  * begins cannot be told without reading all of it. */
 bool control_server::next_line(connection &c)
 {
-    const size_t end = c.in.find('\n');
+    const size_t end = c.line_end;
     if (end > max_line && c.in.size() > max_line) {
         c.in.clear();
+        c.line_end = std::string::npos;
         c.id = nullptr;
         c.closing = true;
         put_error(c, {"line_too_long", "a request is longer than " + std::to_string(max_line) + " bytes"});
@@ -83,6 +87,7 @@ bool control_server::next_line(connection &c)
     }
     const std::string line = c.in.substr(0, end);
     c.in.erase(0, end + 1);
+    c.line_end = c.in.find('\n');
     start(c, line);
     return true;
 }

@@ -58,12 +58,13 @@ private:
         size_t written = 0;
         answer_ptr current;
         json id;
-        bool ended = false;   /* the client sends nothing more */
-        bool closing = false; /* to be closed when the output is out */
+        size_t line_end = std::string::npos; /* of the first line in `in`; npos: none is whole yet */
+        bool ended = false;                  /* the client sends nothing more */
+        bool closing = false;                /* to be closed when the output is out */
         clock::time_point progress = clock::now();
 
         /* Nothing is to be answered. */
-        bool idle() const { return current == nullptr && out.empty() && in.find('\n') == std::string::npos; }
+        bool idle() const { return current == nullptr && out.empty() && line_end == std::string::npos; }
     };
     using connections = std::list<connection>;
 

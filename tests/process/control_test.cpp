@@ -144,6 +144,29 @@ TEST_F(daemon_test, control_answers_in_order_with_the_ids_given)
     EXPECT_EQ(control.line()["id"], 4) << "a request may come in pieces";
 }
 
+TEST_F(daemon_test, control_takes_requests_however_they_are_cut)
+{
+    start();
+    raw_control control(control_path());
+    std::string requests;
+    for (int id = 1; id <= 9; id++) {
+        requests += R"({"verb":"status","id":)" + std::to_string(id) + "}\n";
+    }
+    /* Byte by byte to the middle of the second, then to the middle of the last at once. */
+    const size_t length = requests.size() / 9;
+    for (const char byte : requests.substr(0, length * 3 / 2)) {
+        control.send(std::string(1, byte));
+    }
+    EXPECT_EQ(control.answer()["id"], 1);
+    control.send(requests.substr(length * 3 / 2, length * 7));
+    for (int id = 2; id <= 8; id++) {
+        EXPECT_EQ(control.answer()["id"], id);
+    }
+    EXPECT_FALSE(control.readable());
+    control.send(requests.substr(length * 3 / 2 + length * 7));
+    EXPECT_EQ(control.answer()["id"], 9);
+}
+
 TEST_F(daemon_test, control_answers_one_that_sends_nothing_more)
 {
     start();
