@@ -237,15 +237,17 @@ private:
 TEST_F(service_test, tells_the_manager_that_it_serves_reloads_and_stops)
 {
     const manager boss(m_dir.file("notify"));
-    start_without_sockets({}, {boss.variable()});
+    start_without_sockets({"--config", m_dir.write("options", "")}, {boss.variable()});
     ASSERT_TRUE(serves()) << m_daemon->err();
-    const std::string serving = "STATUS=Serving on " + owners();
+    const std::string serving = "READY=1\nSTATUS=Serving on " + owners();
     EXPECT_EQ(boss.hears(), serving);
-    EXPECT_EQ(boss.hears(), "READY=1");
     m_daemon->send_signal(SIGHUP);
     EXPECT_EQ(boss.hears(), "RELOADING=1");
     EXPECT_EQ(boss.hears(), serving);
-    EXPECT_EQ(boss.hears(), "READY=1");
+    m_dir.write("options", "garbage\n"); // what it cannot take it has also done with
+    m_daemon->send_signal(SIGHUP);
+    EXPECT_EQ(boss.hears(), "RELOADING=1");
+    EXPECT_EQ(boss.hears(), serving);
     EXPECT_EQ(stop(), 0);
     EXPECT_EQ(boss.hears(), "STOPPING=1");
     EXPECT_TRUE(boss.hears_nothing());
@@ -294,7 +296,10 @@ TEST_F(service_test, a_reload_changes_what_can_change_and_loses_no_link)
         [&] { return m_daemon->err().find("control: status") != std::string::npos; }));
 
     write("auto-provision = true\nmax-bcs = 20\n");
-    EXPECT_TRUE(reload_says("error: nothing is changed: "));
+    EXPECT_TRUE(reload_says("error: nothing is changed: " + file + ":2: "));
+    EXPECT_EQ(status()["auto_provision"], false);
+    unlink(file.c_str());
+    EXPECT_TRUE(reload_says("error: nothing is changed: " + file + " "));
     EXPECT_EQ(status()["auto_provision"], false);
 
     const json now = status();
@@ -307,17 +312,55 @@ TEST_F(service_test, a_reload_changes_what_can_change_and_loses_no_link)
 
 TEST_F(service_test, a_bad_file_of_options_ends_the_start_in_one_line)
 {
-    for (const std::string text : {"max-acs = many\n", "max-bcs = 1\n", "mtu = 1\n"}) {
-        start_without_sockets({"--config", m_dir.write("options", text)});
-        EXPECT_EQ(m_daemon->wait(), 2) << text;
+    const std::string no_line = "this is no NAME = VALUE";
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {"max-acs = many", "max-acs"},
+        {"max-acs = 99999999999999999999", "max-acs"},
+        {"mtu = 1", "mtu"},
+        {"max-bcs = 1", "max-bcs"},
+        {"config = options", "config"},
+        {"log = nowhere", "log"},
+        {"auto-provision = 99999999999999999999", "auto-provision"},
+        {"verbose = 0x", "verbose"},
+        {"verbose = 2", "verbose"},
+        {"max-owners = 8", "max-owners"}, // a second time
+        {"verbose", no_line},
+        {"verbose = \"\"", no_line},
+        {"group = \"open", no_line},
+        {"[", no_line},
+        {"[l2vpnd]", no_line},
+        {"=", no_line},
+        {"= 1", no_line},
+        {"\"", no_line},
+        {std::string("\0\x1b[2J\xff", 6), no_line},
+    };
+    const std::string file = m_dir.file("options");
+    for (const auto &[line, wrong] : bad) {
+        m_dir.write("options", "# a comment\n\nmax-owners = 7\n" + line + "\nverbose = true\n");
+        start_without_sockets({"--config", file});
+        EXPECT_EQ(m_daemon->wait(), 2) << line;
         EXPECT_EQ(m_daemon->out(), "");
         EXPECT_TRUE(is_one_line(m_daemon->err()));
-        EXPECT_THAT(m_daemon->err(), StartsWith("l2vpnd: "));
+        EXPECT_THAT(m_daemon->err(), StartsWith("l2vpnd: " + file + ":4: ")) << line;
+        EXPECT_THAT(m_daemon->err(), HasSubstr(wrong)) << line;
     }
     start_without_sockets({"--config", m_dir.file("none")});
     EXPECT_EQ(m_daemon->wait(), 2);
     EXPECT_TRUE(is_one_line(m_daemon->err()));
     EXPECT_THAT(m_daemon->err(), HasSubstr(m_dir.file("none")));
+}
+
+TEST_F(service_test, takes_a_file_of_options_as_it_is_written_by_hand)
+{
+    const std::string file = m_dir.write("options", "; options\r\n  max-acs=0x10   # sixteen\n"
+                                                    "max-owners = \"5\" # five\nauto-provision = yes");
+    start_without_sockets({"--config", file});
+    ASSERT_TRUE(serves()) << m_daemon->err();
+    const json now = status();
+    EXPECT_EQ(now["max_acs"], 16);
+    EXPECT_EQ(now["max_owners"], 5);
+    EXPECT_EQ(now["auto_provision"], true);
+    EXPECT_EQ(stop(), 0);
 }
 
 TEST_F(service_test, the_command_line_wins_over_the_file)
@@ -328,6 +371,44 @@ TEST_F(service_test, the_command_line_wins_over_the_file)
     EXPECT_EQ(status()["max_acs"], 11);
     EXPECT_EQ(status()["max_owners"], 5);
     EXPECT_EQ(stop(), 0);
+}
+
+TEST_F(service_test, lines_have_their_level_where_they_go_to_the_journal)
+{
+    const std::string file = m_dir.write("options", "verbose = true\n");
+    const auto start = [&](const std::string &stream) {
+        const std::vector<std::string> arguments = {"-c",
+                                                    R"(export JOURNAL_STREAM=)" + stream +
+                                                        R"(; exec "$0" "$@")",
+                                                    binary("l2vpnd"),
+                                                    "--runtime-dir",
+                                                    runtime_dir(),
+                                                    "--nodeid",
+                                                    "7",
+                                                    "--config",
+                                                    file};
+        m_daemon = std::make_unique<child>("/bin/bash", arguments);
+    };
+    const auto reload_says = [&](const std::string &line) {
+        m_daemon->send_signal(SIGHUP);
+        return system_test::eventually([&] { return m_daemon->err().find(line) != std::string::npos; });
+    };
+    start("$(stat -L -c %d:%i /dev/fd/2)");
+    ASSERT_TRUE(serves()) << m_daemon->err();
+    EXPECT_TRUE(reload_says("<5>l2vpnd: notice: read the options again"));
+    m_dir.write("options", "garbage\n");
+    EXPECT_TRUE(reload_says("<3>l2vpnd: error: nothing is changed: "));
+    EXPECT_EQ(stop(), 0);
+    EXPECT_THAT(m_daemon->err(), StartsWith("<"));
+    EXPECT_THAT(m_daemon->err(), testing::Not(HasSubstr("\nl2vpnd")));
+
+    start("$(stat -L -c %d:%i /dev/fd/2)");
+    EXPECT_EQ(m_daemon->wait(), 2);
+    EXPECT_THAT(m_daemon->err(), StartsWith("<3>l2vpnd: " + file + ":1: "));
+
+    start("1:1"); // of a service that this was started from
+    EXPECT_EQ(m_daemon->wait(), 2);
+    EXPECT_THAT(m_daemon->err(), StartsWith("l2vpnd: " + file + ":1: "));
 }
 
 TEST_F(service_test, a_stop_withdraws_nothing_and_ends_the_links)

@@ -46,14 +46,25 @@ TEST_F(daemon_test, ends_cleanly_on_sigterm)
     EXPECT_EQ(m_daemon->err(), "");
 }
 
-TEST_F(daemon_test, ends_cleanly_on_sigint_and_stays_on_sighup)
+TEST_F(daemon_test, ends_cleanly_on_sigint_and_when_its_terminal_goes)
 {
-    start();
+    for (const int signal : {SIGINT, SIGHUP}) {
+        start();
+        m_daemon->send_signal(signal);
+        EXPECT_EQ(m_daemon->wait(), 0);
+        EXPECT_FALSE(has_sockets(m_dir.path()));
+        EXPECT_EQ(m_daemon->err(), "");
+    }
+}
+
+TEST_F(daemon_test, stays_on_sighup_where_there_is_a_file_to_read_again)
+{
+    start({"--config", m_dir.write("options", "")});
     m_daemon->send_signal(SIGHUP);
+    EXPECT_TRUE(
+        eventually([this] { return m_daemon->err().find("read the options again") != std::string::npos; }));
     EXPECT_EQ(ask({"status"})["nodeid"], 0x0a0b0c0d);
-    m_daemon->send_signal(SIGINT);
-    EXPECT_EQ(m_daemon->wait(), 0);
-    EXPECT_FALSE(has_sockets(m_dir.path()));
+    EXPECT_EQ(stop(), 0);
 }
 
 TEST_F(daemon_test, takes_the_place_of_one_that_was_killed)
