@@ -63,13 +63,18 @@ foreach(manual IN LISTS manuals)
     install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
 
-# The unit names the daemon where it is being installed, which is known only then.
+# The unit names the daemon and its file of options where they are being installed, which is known only then. What
+# belongs to /usr has its files in /etc.
 install(CODE "
     cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
     cmake_path(APPEND prefix \"${CMAKE_INSTALL_SBINDIR}\" OUTPUT_VARIABLE sbindir)
-    cmake_path(APPEND prefix \"${CMAKE_INSTALL_SYSCONFDIR}\" OUTPUT_VARIABLE sysconfdir)
-    configure_file(\"${packaging}/systemd/l2vpnd.service.in\" \"${made}/l2vpnd.service\" @ONLY)")
+    set(sysconfdir \"\${prefix}\")
+    if(prefix STREQUAL \"/usr\")
+        set(sysconfdir /)
+    endif()
+    cmake_path(APPEND sysconfdir \"${CMAKE_INSTALL_SYSCONFDIR}\")
+    configure_file(\"${packaging}/systemd/l2vpnd.service.in\" \"${made}/l2vpnd.service\" @ONLY)
+    file(INSTALL \"${packaging}/systemd/l2vpnd.conf\" DESTINATION \"\${sysconfdir}/l2vpn\")")
 install(FILES ${made}/l2vpnd.service ${packaging}/systemd/l2vpnd.socket DESTINATION ${L2VPN_UNITDIR})
 install(FILES ${packaging}/systemd/sysusers.conf DESTINATION lib/sysusers.d RENAME l2vpnd.conf)
 install(FILES ${packaging}/systemd/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME l2vpnd.conf)
-install(FILES ${packaging}/systemd/l2vpnd.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/l2vpn)
