@@ -90,24 +90,34 @@ static void change_speed(uint32_t speed)
     printf("%s has speed %u: %s\n", ports[0].name, speed, qerr_strerror(status));
 }
 
+static void obey(const char *line)
+{
+    uint32_t speed = 0;
+    if (sscanf(line, "speed %u", &speed) == 1)
+        change_speed(speed);
+    else if (strcmp(line, "quit") == 0)
+        event_mgr_stop(events);
+    else
+        puts("say 'speed N' or 'quit'");
+}
+
 static void on_input(event_fd_watch_t *watch, int fd, uint32_t what, void *argument)
 {
     (void)what;
     (void)argument;
-    char line[64];
-    uint32_t speed = 0;
-    ssize_t length = read(fd, line, sizeof line - 1);
-    if (length <= 0) {
+    static char line[64];
+    static size_t length;
+    char typed;
+    if (read(fd, &typed, 1) <= 0) {
         event_fd_unwatch(watch);
-        return;
+    } else if (typed != '\n') {
+        line[length] = typed;
+        length += length < sizeof line - 1;
+    } else {
+        line[length] = '\0';
+        length = 0;
+        obey(line);
     }
-    line[length] = '\0';
-    if (sscanf(line, "speed %u", &speed) == 1)
-        change_speed(speed);
-    else if (strcmp(line, "quit\n") == 0)
-        event_mgr_stop(events);
-    else
-        puts("say 'speed N' or 'quit'");
 }
 
 int main(void)
@@ -130,5 +140,6 @@ int main(void)
     if (event_mgr_run(events) < 0)
         err(1, "event loop");
     l2vpn_ac_process_disconnect(client);
+    puts("left");
     return 0;
 }

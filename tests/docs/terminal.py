@@ -10,6 +10,8 @@ Blocks of a page, in their order:
 The last command of a block keeps running in every terminal but "operator"; all others must end with status 0.
 """
 
+import contextlib
+import os
 import pathlib
 import re
 import signal
@@ -36,7 +38,7 @@ class Terminal:
         self.out = pathlib.Path(folder) / f".{name}.out"
         with open(self.out, "wb") as out:
             self.shell = subprocess.Popen(["bash", "--norc"], cwd=folder, env=environment, stdin=subprocess.PIPE,
-                                          stdout=out, stderr=subprocess.STDOUT)
+                                          stdout=out, stderr=subprocess.STDOUT, start_new_session=True)
 
     def say(self, text):
         try:
@@ -75,27 +77,41 @@ class Terminal:
         self.say(f"{command}\necho \"status $?\"\n")
         self.expect(lines + ["status 0"])
 
-    def children(self):
-        listed = pathlib.Path(f"/proc/{self.shell.pid}/task/{self.shell.pid}/children").read_text()
-        return [int(pid) for pid in listed.split()]
+    def running(self):
+        """All of the shell's process group but the shell itself."""
+        found = []
+        for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
+            try:
+                group = stat.read_text(errors="replace").rpartition(")")[2].split()[2]
+            except (FileNotFoundError, ProcessLookupError):
+                continue  # it has just ended
+            if int(group) == self.shell.pid:
+                found.append(int(stat.parent.name))
+        return [pid for pid in found if pid != self.shell.pid]
 
-    def interrupt(self):
-        for pid in self.children():
-            subprocess.run(["kill", "-INT", str(pid)], check=True)
+    def send(self, number):
+        for pid in self.running():
+            with contextlib.suppress(ProcessLookupError):  # it has just ended
+                os.kill(pid, number)
+
+    def await_end(self, complaint):
         end = time.monotonic() + PATIENCE
-        while self.children():
+        while self.running():
             if time.monotonic() > end:
-                raise Mismatch(f"{self.name}: does not end when it is interrupted")
+                raise Mismatch(f"{self.name}: {complaint}")
             time.sleep(0.01)
 
+    def interrupt(self):
+        self.send(signal.SIGINT)
+        self.await_end("does not end when it is interrupted")
+
     def close(self):
-        """Ends what runs here. False: something had to be ended."""
-        left = self.children() if self.shell.poll() is None else []
-        for pid in left:
-            subprocess.run(["kill", f"-{signal.SIGKILL.value}", str(pid)], check=False)
-        self.shell.stdin.close()
-        self.shell.wait(timeout=PATIENCE)
-        return not left
+        """Ends the shell and what runs in it, if anything."""
+        self.shell.kill()  # first: it must not begin its next command
+        self.send(signal.SIGKILL)
+        self.shell.wait()
+        with contextlib.suppress(BrokenPipeError):
+            self.shell.stdin.close()
 
 
 def steps(text):
@@ -122,11 +138,14 @@ def play(page, folder, environment):
     for name, text in files_of(page).items():
         (pathlib.Path(folder) / name).write_text(text)
     terminals, commands = {}, 0
-    try:
+    with contextlib.ExitStack() as opened:
         for kind, name, text in BLOCK.findall(page):
             if kind not in ("console", "input"):
                 continue
-            terminal = terminals.get(name) or terminals.setdefault(name, Terminal(name, folder, environment))
+            if name not in terminals:
+                terminals[name] = Terminal(name, folder, environment)
+                opened.callback(terminals[name].close)
+            terminal = terminals[name]
             if kind == "input":
                 terminal.say(text)
                 continue
@@ -144,10 +163,7 @@ def play(page, folder, environment):
                     terminal.say(f"{command}\n")
                     terminal.expect(lines)
         for terminal in terminals.values():
+            terminal.await_end("something was left running")
             terminal.say("echo 'the end'\n")
             terminal.expect(["the end"])
-    finally:
-        clean = [terminal.close() for terminal in terminals.values()]
-    if not all(clean):
-        raise Mismatch("something was left running")
     return commands
