@@ -63,6 +63,9 @@ foreach(manual IN LISTS manuals)
     install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
 
+file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.svg)
+install(FILES ${documents} ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
 # The unit names the daemon and its file of options where they are being installed, which is known only then. What
 # belongs to /usr has its files in /etc.
 install(CODE "

@@ -12,7 +12,7 @@ tree=$results/l2vpn-ac
 rm -rf "$results"
 mkdir -p "$tree"
 results=$(cd "$results" && pwd)
-tar -C "$sources" -c CMakeLists.txt cmake docs examples l2vpn packaging | tar -C "$tree" -x
+tar -C "$sources" -c CHANGELOG.md CMakeLists.txt cmake docs examples l2vpn packaging | tar -C "$tree" -x
 cp -r "$tree/packaging/debian" "$tree/debian"
 if (($# > 2)); then
     L2VPN_BUILT=$(cd "$3" && pwd)

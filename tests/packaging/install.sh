@@ -21,7 +21,8 @@ lib=$(dirname "$(find "$prefix" -name libl2vpn_ac.so.1)")
 
 missing=()
 for file in bin/l2vpnctl bin/l2vpn-trace sbin/l2vpnd include/l2vpn/l2vpn_ac_api.h include/platform/platform.h \
-    include/platform/sim.h share/bash-completion/completions/l2vpnctl; do
+    include/platform/sim.h share/bash-completion/completions/l2vpnctl \
+    share/doc/l2vpn_ac/tutorial.md share/doc/l2vpn_ac/performance_cost.svg share/doc/l2vpn_ac/CHANGELOG.md; do
     if [[ ! -e $prefix/$file ]]; then missing+=("$file"); fi
 done
 for library in l2vpn_ac l2vpn_platform l2vpn_sim; do

@@ -16,7 +16,7 @@ complain() {
 
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "$sources/CMakeLists.txt")
 multiarch=usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
-file_of() { printf '%s' "$results/$1_${version}_$(dpkg --print-architecture).deb"; }
+file_of() { printf '%s' "$results/$1_${version}"_*.deb; }
 
 # has PACKAGE FILES...: these are in it.
 has() {
@@ -37,6 +37,9 @@ has l2vpnd usr/sbin/l2vpnd usr/bin/l2vpnctl usr/bin/l2vpn-trace lib/systemd/syst
     lib/systemd/system/l2vpnd.socket usr/lib/sysusers.d/l2vpnd.conf usr/lib/tmpfiles.d/l2vpnd.conf \
     etc/l2vpn/l2vpnd.conf "$multiarch/wireshark/plugins/l2vpn.lua" \
     usr/share/bash-completion/completions/l2vpnctl usr/share/man/man8/l2vpnd.8.gz
+for page in "$sources"/CHANGELOG.md "$sources"/docs/*.md "$sources"/docs/*.svg; do
+    has l2vpn-ac-doc "usr/share/doc/l2vpn-ac-doc/${page##*/}"
+done
 if [[ ${DEB_BUILD_OPTIONS-} != *noautodbgsym* ]]; then
     for package in libl2vpn-ac1 libl2vpn-sim1 l2vpnd; do
         symbols=$(dpkg-deb --fsys-tarfile "$(file_of "$package-dbgsym")" | tar -t)
