@@ -59,7 +59,7 @@ bool take_passed_sockets(passed_sockets *passed, std::string *error)
 
 void tell_ready(const std::string &where)
 {
-    sd_notifyf(0, "READY=1\nSTATUS=Serving on %s", where.c_str());
+    sd_notifyf(0, "%s\nSTATUS=Serving on %s", "READY=1", where.c_str());
 }
 
 void tell_reloading()
