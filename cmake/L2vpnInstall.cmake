@@ -54,7 +54,8 @@ l2vpn_pkg_config(l2vpn_sim "The simulated platform of the L2VPN AC client librar
 # --------------------------------------------------------------------------------------------------------
 # What else the programs come with
 
-install(FILES ${packaging}/completion/l2vpnctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES ${packaging}/completion/l2vpnctl ${packaging}/completion/l2vpnd ${packaging}/completion/l2vpn-trace
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES ${packaging}/wireshark/l2vpn.lua DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins)
 file(GLOB manuals CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.[1-8])
 list(FILTER manuals EXCLUDE REGEX /l2vpn-owner) # an example
