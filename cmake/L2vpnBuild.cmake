@@ -3,6 +3,7 @@
 option(L2VPN_WERROR "Treat warnings as errors" OFF)
 set(L2VPN_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
 option(L2VPN_COVERAGE "Count lines and branches, with clang" OFF)
+option(L2VPN_UNITY "Compile the sources of a part together: large headers once, for builds that are made for tests" OFF)
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
@@ -62,6 +63,16 @@ endif()
 function(l2vpn_version_script target file)
     target_link_options(${target} PRIVATE LINKER:--version-script=${file} LINKER:--no-undefined-version)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${file})
+endfunction()
+
+# l2vpn_unity(TARGET [EXCEPT SOURCES...]): the sources may be compiled together, but for those whose names would
+# meet others' there.
+function(l2vpn_unity target)
+    cmake_parse_arguments(ARG "" "" "EXCEPT" ${ARGN})
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_BATCH_SIZE 0)
+    if(ARG_EXCEPT)
+        set_source_files_properties(${ARG_EXCEPT} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    endif()
 endfunction()
 
 # l2vpn_test_code(TARGET): how code of tests is compiled. More often than it is run: no optimisation, and the

@@ -26,7 +26,7 @@ constexpr std::array<drop_row, drop_count> s_drops = {{
     {drop::memory, "memory", "out of memory"},
 }};
 
-constexpr bool rows_are_in_order()
+constexpr bool reasons_are_in_order()
 {
     for (uint32_t i = 0; i < drop_count; i++) {
         if (s_drops[i].reason != static_cast<drop>(i)) {
@@ -36,7 +36,7 @@ constexpr bool rows_are_in_order()
     return true;
 }
 
-static_assert(rows_are_in_order(), "a row's index is its reason");
+static_assert(reasons_are_in_order(), "a row's index is its reason");
 
 /* Bytes of one AC or record of `row` for a class; 0 for a message that is its header alone. */
 uint64_t size_of_each(const message_row &row, const class_row &cls)

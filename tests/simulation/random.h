@@ -5,7 +5,11 @@
 #ifndef TESTS_SIMULATION_RANDOM_H
 #define TESTS_SIMULATION_RANDOM_H
 
+#include <endian.h>
+
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <span>
 #include <vector>
@@ -43,11 +47,9 @@ public:
     /* The bytes of a number's low end come first, on any machine. */
     void fill(std::span<std::uint8_t> into)
     {
-        std::uint64_t word = 0;
-        for (std::size_t i = 0; i < into.size(); ++i, word >>= 8) {
-            if (i % 8 == 0)
-                word = next();
-            into[i] = static_cast<std::uint8_t>(word);
+        for (; !into.empty(); into = into.subspan(std::min(into.size(), sizeof(std::uint64_t)))) {
+            const std::uint64_t word = htole64(next());
+            std::memcpy(into.data(), &word, std::min(into.size(), sizeof word));
         }
     }
 

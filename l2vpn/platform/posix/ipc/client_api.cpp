@@ -17,7 +17,7 @@ using namespace l2vpn::ipc;
 
 namespace {
 
-constexpr uint32_t pieces_max = 16;
+constexpr uint32_t message_pieces_max = 16;
 
 /* All clients, so that tools that look for lost memory find them. */
 std::atomic<l2vpn_ipc_client *> s_clients{nullptr};
@@ -103,7 +103,7 @@ registration_ptr find_class(const l2vpn_ipc_client &client, uint32_t class_id)
 /* The length of a message in pieces, or 0 if it is none. */
 uint64_t message_length(const iovec *pieces, uint32_t count)
 {
-    if (pieces == nullptr || count == 0 || count > pieces_max) {
+    if (pieces == nullptr || count == 0 || count > message_pieces_max) {
         return 0;
     }
     uint64_t length = 0;
