@@ -2,6 +2,7 @@
 #include "child.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -12,9 +13,11 @@ namespace {
 TEST(child_of_a_test, does_not_outlive_it)
 {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0) << "so that what is left behind comes here";
+    const system_test::temp_dir dir; /* of what the dying one leaves */
     const pid_t dying = fork();
     ASSERT_GE(dying, 0);
     if (dying == 0) {
+        setenv("TMPDIR", dir.path().c_str(), 1);
         const system_test::child left("/bin/sh", {"-c", "echo running; exec sleep 20"});
         if (left.says("running"))
             (void)raise(SIGKILL);

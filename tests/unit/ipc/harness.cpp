@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <grp.h>
 #include <mutex>
 #include <platform/debug.h>
 #include <unistd.h>
@@ -73,6 +74,13 @@ std::string test_name()
     std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
     std::replace(name.begin(), name.end(), '/', '_');
     return name;
+}
+
+std::string group_name(gid_t group)
+{
+    const struct group *const entry = getgrgid(group);
+    EXPECT_NE(entry, nullptr) << "group " << group << " has no name here";
+    return entry != nullptr ? entry->gr_name : "";
 }
 
 std::vector<std::string> syslog_lines()

@@ -45,6 +45,9 @@ std::string socket_path(const std::string &service);
 /* The name of the test that runs, fit for a service. */
 std::string test_name();
 
+/* The name of a group; without one the test fails. */
+std::string group_name(gid_t group);
+
 /* The lines that the platform gave to the system's log so far. */
 std::vector<std::string> syslog_lines();
 size_t syslog_count(const std::string &part);

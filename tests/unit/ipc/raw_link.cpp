@@ -44,6 +44,7 @@ raw_socket raw_socket::listen_at(const std::string &path)
 {
     raw_socket made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const sockaddr_un address = address_of(path);
+    unlink(path.c_str()); /* that of the same test when it ran before */
     EXPECT_EQ(bind(made.fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     EXPECT_EQ(listen(made.fd(), 16), 0);
     return made;

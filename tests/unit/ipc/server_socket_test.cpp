@@ -61,7 +61,7 @@ gid_t some_group()
 TEST_F(socket_test, lets_its_group_into_a_new_directory_whatever_the_umask)
 {
     const gid_t wanted = some_group();
-    const std::string name = getgrgid(wanted)->gr_name;
+    const std::string name = group_name(wanted);
     auto options = recording_server::defaults;
     options.group = name.c_str();
     fs::remove_all(runtime_dir());
@@ -79,7 +79,7 @@ TEST_F(socket_test, lets_its_group_into_a_new_directory_whatever_the_umask)
 TEST_F(socket_test, belongs_to_the_group_that_was_asked_for)
 {
     const gid_t wanted = some_group();
-    const std::string name = getgrgid(wanted)->gr_name;
+    const std::string name = group_name(wanted);
     auto options = recording_server::defaults;
     options.group = name.c_str();
     ASSERT_EQ(server.start(on, service, options), qerrno{EOK}) << l2vpn_ipc_server_error();

@@ -262,7 +262,7 @@ TEST_F(server_test, rests_when_there_are_no_descriptors_left)
     ASSERT_TRUE(peer.send(greeting_bytes({})));
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const int next = dup(0);
+    const int next = dup(peer.fd());
     ASSERT_GE(next, 0);
     close(next);
     rlimit none = before;
