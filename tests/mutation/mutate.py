@@ -10,6 +10,7 @@ import collections
 import hashlib
 import math
 import queue
+import re
 import resource
 import signal
 import sys
@@ -58,29 +59,61 @@ def listed_survivors(path):
     return reasons
 
 
+class Record:
+    """A file of verdicts, a line each: what a hunt that was broken off has told already."""
+
+    LINE = re.compile(rf'(?P<mark>[0-9a-f]{{16}}),(?P<verdict>{"|".join(VERDICTS)}),(?P<how>[^:]*): ')
+
+    def __init__(self, path):
+        self.told = {}
+        if path.exists():
+            for number, line in enumerate(path.read_text().splitlines(), 1):
+                found = self.LINE.match(line)
+                if not found:
+                    raise Broken(f'{path}:{number}: is no verdict: {line}')
+                self.told[found['mark']] = found['verdict'], found['how']
+        self.file = path.open('a')
+
+    @staticmethod
+    def mark(mutant):
+        """Of the mutant and its whole source: one of a source that has changed since is another."""
+        return hashlib.sha256(f'{mutant.id} {mutant.text}'.encode()).hexdigest()[:16]
+
+    def verdict(self, mutant):
+        """None also of a survivor: the tests may be better now."""
+        verdict = self.told.get(self.mark(mutant))
+        return None if verdict is None or verdict[0] == 'survived' else verdict
+
+    def add(self, mutant, verdict):
+        print(f'{self.mark(mutant)},{",".join(verdict)}: {mutant.id}', file=self.file, flush=True)
+
+
 class Hunt:
     """The verdicts on some mutants, worked out by several workshops."""
 
-    def __init__(self, build, mutants, record, minutes=None):
+    def __init__(self, build, mutants, record=None, minutes=None):
         self.build, self.mutants, self.record = build, mutants, record
         self.until = time.monotonic() + 60 * minutes if minutes else math.inf
         self.verdicts = {}
         self.failure = None
         self.waiting = queue.SimpleQueue()
         for mutant in mutants:
-            self.waiting.put(mutant)
+            verdict = record.verdict(mutant) if record else None
+            if verdict:
+                self.verdicts[mutant.id] = verdict
+            else:
+                self.waiting.put(mutant)
 
     def work(self):
         try:
             with tempfile.TemporaryDirectory(prefix='l2vpn-mutate-') as directory:
                 workshop = Workshop(self.build, Path(directory))
-                workshop.check()
                 while self.failure is None and time.monotonic() < self.until:
                     mutant = self.waiting.get_nowait()
                     verdict = workshop.verdict(mutant)
                     self.verdicts[mutant.id] = verdict
                     if self.record:
-                        print(f'{" ".join(verdict).strip()}: {mutant.id}', file=self.record, flush=True)
+                        self.record.add(mutant, verdict)
                     self.show()
         except queue.Empty:
             pass
@@ -117,15 +150,16 @@ class Hunt:
         return [m for m in self.mutants if self.verdicts[m.id][0] == verdict]
 
 
-def table(hunt):
-    """A line for each operator."""
-    by_operator = {}
-    for mutant in hunt.mutants:
-        counts = by_operator.setdefault(mutant.operator, collections.Counter())
-        counts[hunt.verdicts[mutant.id][0]] += 1
-    print(f'{"":16}' + ''.join(f'{v:>18}' for v in VERDICTS))
-    for operator in sorted(by_operator):
-        print(f'{operator:16}' + ''.join(f'{by_operator[operator][v]:18}' for v in VERDICTS))
+def tables(hunt):
+    """A line for each operator, and one for each source."""
+    for group in ('operator', 'file'):
+        rows = {}
+        for mutant in hunt.mutants:
+            counts = rows.setdefault(getattr(mutant, group), collections.Counter())
+            counts[hunt.verdicts[mutant.id][0]] += 1
+        print(f'{group:24}' + ''.join(f'{v:>18}' for v in VERDICTS))
+        for name in sorted(rows):
+            print(f'{name:24}' + ''.join(f'{rows[name][v]:18}' for v in VERDICTS))
 
 
 def by_chance(reason):
@@ -143,7 +177,7 @@ def report(hunt, listed, known, whole):
         verdict, how = hunt.verdicts[mutant.id]
         if verdict != 'survived' and mutant.id in listed and not by_chance(listed[mutant.id]):
             faults.append(f'is listed as a survivor, and {verdict} {how}: {mutant.id}')
-    table(hunt)
+    tables(hunt)
     counts = hunt.counts()
     tried = counts['killed'] + counts['survived']
     ratio = 100 * counts['killed'] / tried if tried else 100.0
@@ -161,14 +195,15 @@ def arguments():
     parser.add_argument('--build', type=Path, required=True, metavar='DIRECTORY', help='made by ninja')
     parser.add_argument('--sample', type=int, metavar='N', help='only N mutants, drawn at random')
     parser.add_argument('--seed', type=int, default=1, metavar='S', help='what mutants are drawn by')
-    parser.add_argument('--file', metavar='NAME', help='only mutants of this source')
+    parser.add_argument('--file', metavar='NAME', action='append', help='only mutants of this source, or these')
     parser.add_argument('--match', metavar='TEXT', help='only mutants whose description contains this')
     parser.add_argument('--minutes', type=int, metavar='N',
                         help='no new mutant after so many minutes; those tried are drawn at random')
     parser.add_argument('--jobs', type=int, default=1, metavar='N', help='how many at a time')
     parser.add_argument('--list', action='store_true', help='names the mutants and tries none')
-    parser.add_argument('--verdicts', type=argparse.FileType('w'), metavar='FILE',
-                        help='writes what comes of each mutant')
+    parser.add_argument('--record', type=Path, metavar='FILE',
+                        help='adds what comes of each mutant; those that it has already are not tried again, '
+                             'but for the survivors')
     return parser.parse_args()
 
 
@@ -178,9 +213,11 @@ def lot(seed, mutant):
 
 
 def chosen(options, mutants):
-    if options.file and options.file not in {path.name for path in SOURCES.iterdir()}:
-        raise Broken(f'--file: the library has no source {options.file}')
-    mutants = [m for m in mutants if options.file in (None, m.file) and (options.match or '') in m.id]
+    names = {path.name for path in SOURCES.iterdir()}
+    for name in options.file or ():
+        if name not in names:
+            raise Broken(f'--file: the library has no source {name}')
+    mutants = [m for m in mutants if m.file in (options.file or names) and (options.match or '') in m.id]
     if options.sample is not None and options.sample < 1:
         raise Broken('--sample: at least one mutant')
     if options.minutes is not None and options.minutes < 1:
@@ -205,7 +242,9 @@ def main():
     resource.setrlimit(resource.RLIMIT_AS, (4 << 30, 4 << 30))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     listed = listed_survivors(SURVIVORS)
-    hunt = Hunt(Build(options.build.resolve(), SOURCES), selected, options.verdicts, options.minutes)
+    selected.sort(key=lambda mutant: mutant.id in listed)  # those take all hunters: last
+    record = Record(options.record) if options.record else None
+    hunt = Hunt(Build(options.build.resolve(), SOURCES), selected, record, options.minutes)
     hunt.run(max(1, options.jobs))
     faults = report(hunt, listed, known, len(hunt.mutants) == len(mutants))
     print('\n'.join(faults) if faults else 'every survivor is listed with its reason')

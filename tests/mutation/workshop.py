@@ -2,8 +2,10 @@
 
 import contextlib
 import json
+import math
 import os
 import re
+import resource
 import shlex
 import shutil
 import signal
@@ -24,14 +26,19 @@ HUNTERS = (
     ('torture_test',),
 )
 
+FAVOURITES = 12  # tests that are tried before all others
+
+# The headers of the system and the interfaces, which no mutant changes, are read once.
+HEADERS = 'headers.h'
+
 
 class Broken(Exception):
     """Something is wrong with the build or the tests, not with a mutant."""
 
 
-def run(command, seconds, cwd=None, env=None):
+def run(command, seconds, cwd=None, env=None, output=subprocess.DEVNULL):
     """The exit status of a command, None if it had to be ended; nothing of it is left behind."""
-    process = subprocess.Popen(command, cwd=cwd, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+    process = subprocess.Popen(command, cwd=cwd, env=env, stdin=subprocess.DEVNULL, stdout=output,
                                stderr=subprocess.DEVNULL, start_new_session=True)
     try:
         return process.wait(seconds)
@@ -41,6 +48,13 @@ def run(command, seconds, cwd=None, env=None):
         with contextlib.suppress(ProcessLookupError):
             os.killpg(process.pid, signal.SIGKILL)
         process.wait()
+
+
+def stopped_at(said):
+    """The first test that failed, else the last that was begun: what a test program printed tells it."""
+    failed = re.findall(r'^\[  FAILED  \] ([^\s,]+)', said, re.M)
+    begun = re.findall(r'^\[ RUN      \] (\S+)', said, re.M)
+    return failed[0] if failed else begun[-1] if begun else ''
 
 
 class Build:
@@ -81,6 +95,12 @@ class Build:
                     self._reached(other, seen)
         return seen
 
+    def headers(self):
+        """What the sources include of others', one of another machine left out."""
+        names = {name for path in self.sources.iterdir()
+                 for name in re.findall(r'#include (<.*>)', path.read_text())}
+        return ''.join(f'#if __has_include({name})\n#include {name}\n#endif\n' for name in sorted(names))
+
     def units_of(self, name):
         return [unit for unit in self.units if name in self.reached[unit]]
 
@@ -90,17 +110,25 @@ class Workshop:
 
     def __init__(self, build, directory):
         self.build, self.directory = build, directory
-        self.seconds = {}
+        self.limits = {}  # by hunter: how long it may take
+        self.killers = {}  # by source and hunter: what tests killed its mutants, the latest first
         shutil.copytree(build.sources, directory / 'src')
+        (directory / HEADERS).write_text(build.headers())
+        run([*build.options, '-w', '-x', 'c++-header', '-o', f'{HEADERS}.gch', HEADERS], 60, cwd=directory)
         self.original = {unit: self._compile(unit) for unit in build.units}
         if None in self.original.values():
             raise Broken('the library does not compile as it is')
+        library = self._link(LIBRARY, build.units)
+        if library is None:
+            raise Broken('the library does not link as it is')
+        library.rename(directory / 'original.so')
 
     def _compile(self, unit):
         """The object code of a unit, None if it is none."""
         output = self.directory / (unit + '.o')
         # Without debug information and with the paths of the repository: equal code, equal objects.
         command = [*self.build.options, '-w', f'-ffile-prefix-map={self.directory}/src/=l2vpn/lib/src/',
+                   '-include', str(self.directory / HEADERS),
                    '-o', str(output), '-c', str(self.directory / 'src' / unit)]
         if run(command, 60, cwd=self.build.directory) != 0:
             return None
@@ -120,31 +148,54 @@ class Workshop:
             return None
         return output
 
-    def _hunt(self, hunter, units, seconds):
+    def _run(self, hunter, program, library, limit, tests=()):
+        """None if the tests pass, else how they do not, and the test at which they stopped."""
+        # Freed memory holds rubbish, so that who reads it is found out. The library looks beside itself.
+        env = dict(os.environ, GTEST_FAIL_FAST='1', MALLOC_PERTURB_='165', L2VPN_AC_LIBRARY=str(library),
+                   LD_LIBRARY_PATH=str(self.build.directory / Path(LIBRARY).parent))
+        seconds, processor = limit
+        command = ['prlimit', f'--cpu={processor}', str(program), *hunter[1:]]
+        if tests:
+            command.append('--gtest_filter=' + ':'.join(tests))
+        with open(self.directory / 'output', 'w+b') as output:
+            status = run(command, seconds, cwd=self.directory, env=env, output=output)
+            if status == 0:
+                return None
+            output.seek(0)
+            said = output.read().decode(errors='replace')
+        return 'hangs' if status in (None, -signal.SIGXCPU) else 'fails', stopped_at(said)
+
+    def _limit(self, hunter):
+        """How long a hunter may take and compute; it must pass with the library as it is."""
+        if hunter not in self.limits:
+            before = resource.getrusage(resource.RUSAGE_CHILDREN)
+            begin = time.monotonic()
+            result = self._run(hunter, self.build.directory / 'bin' / hunter[0], self.directory / 'original.so',
+                               (600, 600))
+            if result is not None:
+                raise Broken(f'{hunter[0]} {result[0]} with the library as it is: {result[1]}')
+            after = resource.getrusage(resource.RUSAGE_CHILDREN)
+            used = after.ru_utime - before.ru_utime + after.ru_stime - before.ru_stime
+            self.limits[hunter] = (10 + 4 * (time.monotonic() - begin), 3 + math.ceil(4 * used))
+        return self.limits[hunter]
+
+    def _hunt(self, hunter, source, units):
+        """Whether a hunter kills the mutant, and how; first the tests that have killed others of its source."""
         name = hunter[0]
         program = self.build.directory / 'bin' / name
-        # Freed memory holds rubbish, so that who reads it is found out.
-        env = dict(os.environ, GTEST_FAIL_FAST='1', MALLOC_PERTURB_='165')
         if name in INSIDE:
             program = self._link(f'bin/{name}', units)
             if program is None:
-                return 'does not link'
-        else:
-            env['L2VPN_AC_LIBRARY'] = str(self.directory / Path(LIBRARY).name)
-            env['LD_LIBRARY_PATH'] = str(self.build.directory / Path(LIBRARY).parent) # it looks beside itself
-        status = run([str(program), *hunter[1:]], seconds, cwd=self.directory, env=env)
-        return 'passes' if status == 0 else 'fails' if status is not None else 'hangs'
-
-    def check(self):
-        """The library as it is passes, and how long each of its tests takes."""
-        if self._link(LIBRARY, self.build.units) is None:
-            raise Broken('the library does not link as it is')
-        for hunter in HUNTERS:
-            begin = time.monotonic()
-            result = self._hunt(hunter, self.build.units, 600)
-            if result != 'passes':
-                raise Broken(f'{hunter[0]} {result} with the library as it is')
-            self.seconds[hunter] = 10 + 4 * (time.monotonic() - begin)
+                return 'does not compile', ''
+        killers = self.killers.setdefault((source, hunter), [])
+        for tests in ([killers[:FAVOURITES], ()] if killers else [()]):
+            result = self._run(hunter, program, self.directory / Path(LIBRARY).name, self._limit(hunter), tests)
+            if result is not None:
+                how, test = result
+                if test:
+                    killers[:] = [test, *(k for k in killers if k != test)]
+                return 'killed', f'{name} {how} {test}'.strip()
+        return None
 
     def verdict(self, mutant):
         """killed (and by what), survived, equivalent, or does not compile."""
@@ -152,13 +203,13 @@ class Workshop:
         units = self.build.units_of(mutant.file)
         path.write_text(mutant.text)
         try:
-            return self._verdict(units)
+            return self._verdict(mutant.file, units)
         finally:
             shutil.copy(self.build.sources / mutant.file, path)
             for unit in units:
                 (self.directory / (unit + '.o')).write_bytes(self.original[unit])
 
-    def _verdict(self, units):
+    def _verdict(self, source, units):
         changed = []
         for unit in units:
             code = self._compile(unit)
@@ -171,9 +222,7 @@ class Workshop:
         if self._link(LIBRARY, self.build.units) is None:
             return 'does not compile', ''
         for hunter in HUNTERS:
-            result = self._hunt(hunter, changed, self.seconds[hunter])
-            if result == 'does not link':
-                return 'does not compile', ''
-            if result != 'passes':
-                return 'killed', f'{hunter[0]} {result}'
+            result = self._hunt(hunter, source, changed)
+            if result is not None:
+                return result
         return 'survived', ''
