@@ -74,12 +74,12 @@ bool control_server::advance(connection &c)
 bool control_server::next_line(connection &c)
 {
     const size_t end = c.line_end;
-    if (end > max_line && c.in.size() > max_line) {
+    if (end > m_max_line && c.in.size() > m_max_line) {
         c.in.clear();
         c.line_end = std::string::npos;
         c.id = nullptr;
         c.closing = true;
-        put_error(c, {"line_too_long", "a request is longer than " + std::to_string(max_line) + " bytes"});
+        put_error(c, {"line_too_long", "a request is longer than " + std::to_string(m_max_line) + " bytes"});
         return true;
     }
     if (end == std::string::npos) {

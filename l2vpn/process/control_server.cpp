@@ -80,6 +80,7 @@ control_server::~control_server()
 qerrno control_server::open(const control_options &options, std::string *error)
 {
     m_path = options.path;
+    m_max_line = options.max_line;
     if (options.listen_fd < 0) {
         if (const qerrno status = make_socket(options, error); status != EOK) {
             return status;

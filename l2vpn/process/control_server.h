@@ -27,6 +27,7 @@ struct control_options {
     int listen_fd = -1; /* a socket that listens at the path already; its file stays when the server goes */
     mode_t mode = 0660;
     const char *group = nullptr; /* null: the process's own */
+    size_t max_line = size_t{1} << 20;
 };
 
 class control_server {
@@ -34,7 +35,6 @@ public:
     using clock = std::chrono::steady_clock;
 
     static constexpr size_t max_clients = 32;
-    static constexpr size_t max_line = size_t{1} << 20;
     static constexpr std::chrono::minutes idle_limit{10};
     static constexpr std::chrono::minutes unread_limit{1};
 
@@ -91,6 +91,7 @@ private:
     verb_context m_context;
     event_log &m_log;
     std::string m_path;
+    size_t m_max_line = 0;
     struct stat m_file {}; /* another process may have put its own there since */
     int m_fd = -1;
     event_fd_watch_t *m_watch = nullptr;

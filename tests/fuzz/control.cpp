@@ -79,5 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     if (changed)
         now.reset();
+    else if (now != nullptr)
+        now->bench.lines.clear();
     return 0;
 }
