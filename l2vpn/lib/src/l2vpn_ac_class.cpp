@@ -25,15 +25,36 @@ constexpr size_t info_stride = sizeof(l2vpn_ac_info_t);
 constexpr size_t defn_size = sizeof(l2vpn_ac_defn_t);
 constexpr size_t data_stride = sizeof(l2vpn_ac_xcid_data_t);
 
+/* So many records ahead memory is asked for. */
+constexpr ptrdiff_t prefetch_ahead = 16;
+
 /* --- definitions ------------------------------------------------------------------------------------- */
 
 template <l2vpn_ac_step... by_class>
 struct defn {
     using program = l2vpn_ac_program<u32(68), u32(72), u32(76), by_class..., u32(608), u32(612)>;
 
+    static_assert(program::reach <= defn_size);
+
     static void convert(l2vpn_ac_defn_t *defns, size_t count)
     {
-        l2vpn_ac_convert_records<program, defn_size>(reinterpret_cast<std::byte *>(defns), count);
+        for (; count > 0; --count, ++defns)
+            convert_one(defns, prefetch_ahead * ptrdiff_t{defn_size});
+    }
+
+    static void restore(l2vpn_ac_defn_t *defns, size_t count)
+    {
+        for (defns += count; count > 0; --count)
+            convert_one(--defns, -prefetch_ahead * ptrdiff_t{defn_size});
+    }
+
+private:
+    static void convert_one(l2vpn_ac_defn_t *defn, ptrdiff_t soon)
+    {
+        auto *const record = reinterpret_cast<std::byte *>(defn);
+        l2vpn_ac_prefetch(record + program::begin, soon);
+        l2vpn_ac_prefetch(record + program::reach - 1, soon);
+        program::convert(record);
     }
 };
 
@@ -42,9 +63,13 @@ struct defn {
 using info_head = l2vpn_ac_program<u32(0), u32(4), u32(8), u32(12)>;
 static_assert(info_head::reach == L2VPN_AC_INFO_HEAD);
 
-void convert_info_head(std::byte *wire)
+/* Converted on its way: from the wire array it would have to be loaded again where it was just stored. */
+void encode_info_head(const std::byte *host, std::byte *wire)
 {
-    l2vpn_ac_convert_records<info_head, L2VPN_AC_INFO_HEAD>(wire, 1);
+    std::byte head[L2VPN_AC_INFO_HEAD];
+    std::memcpy(head, host, sizeof head);
+    l2vpn_ac_convert_records<info_head, sizeof head>(head, 1);
+    std::memcpy(wire, head, sizeof head);
 }
 
 template <uint32_t wire_size, l2vpn_ac_step... by_class>
@@ -56,9 +81,12 @@ struct info {
 
     static void encode(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
     {
-        for (; count > 0; --count, ++infos, wire += size) {
-            std::memcpy(wire, infos, size);
-            convert_info_head(wire);
+        const auto *host = reinterpret_cast<const std::byte *>(infos);
+        for (; count > 0; --count, host += info_stride, wire += size) {
+            l2vpn_ac_prefetch(host, prefetch_ahead * ptrdiff_t{info_stride});
+            l2vpn_ac_prefetch(host + size - 1, prefetch_ahead * ptrdiff_t{info_stride});
+            encode_info_head(host, wire);
+            std::memcpy(wire + L2VPN_AC_INFO_HEAD, host + L2VPN_AC_INFO_HEAD, size - L2VPN_AC_INFO_HEAD);
             part::convert(wire);
         }
     }
@@ -99,9 +127,8 @@ struct info_class17 {
     static void encode(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
     {
         for (; count > 0; --count, ++infos, wire += L2VPN_AC_INFO_HEAD) {
-            std::memcpy(wire, infos, L2VPN_AC_INFO_HEAD);
             l2vpn_gen_assert_errmsg(1);
-            convert_info_head(wire);
+            encode_info_head(reinterpret_cast<const std::byte *>(infos), wire);
         }
     }
 };
@@ -150,12 +177,14 @@ struct data_without_layout {
 template <typename defn_part, typename info_part, typename data_part>
 constexpr l2vpn_ac_class_row row(l2vpn_ac_class_t class_id)
 {
-    return {class_id,           info_part::size,   data_part::size + L2VPN_AC_IFH_LEN,
-            defn_part::convert, info_part::encode, data_part::decode};
+    return {class_id,           info_part::size,    data_part::size + L2VPN_AC_IFH_LEN,
+            defn_part::convert, defn_part::restore, info_part::encode,
+            data_part::decode};
 }
 
 struct defn_without_layout {
     static constexpr auto convert = nullptr;
+    static constexpr auto restore = nullptr;
 };
 
 using info_half = info<20, u16(18)>;

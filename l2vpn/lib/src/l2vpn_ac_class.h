@@ -1,5 +1,5 @@
 /*
- * The AC classes: one row a class, with the sizes of its wire records and its three conversions. A request
+ * The AC classes: one row a class, with the sizes of its wire records and its conversions. A request
  * or message looks its row up once and never asks for the class again.
  */
 #ifndef L2VPN_AC_CLASS_H
@@ -21,8 +21,10 @@ struct l2vpn_ac_class_row {
     uint32_t info_size;        /* one information record on the wire, head included */
     uint32_t data_size;        /* one provisioned AC on the wire: its handle and its data record */
 
-    /* Converts `count` definition records in place, to the wire or back. */
+    /* Convert `count` definition records in place: to the wire, the first one first, and back, the last one
+     * first, because the last ones are still in the caches. */
     void (*convert_defns)(l2vpn_ac_defn_t *defns, size_t count);
+    void (*restore_defns)(l2vpn_ac_defn_t *defns, size_t count);
 
     /* Fills the zeroed wire array from `count` information records. Null: the class has no layout. */
     void (*encode_infos)(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count);

@@ -11,6 +11,7 @@
 
 #include <l2vpn/l2vpn_ac_msg.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -109,12 +110,25 @@ struct l2vpn_ac_program {
         return l2vpn_ac_host_is_wire ? offset : result;
     }
 
+    /* The first byte of all steps. */
+    static inline constexpr size_t begin = std::min({SIZE_MAX, steps.offset...});
+
     static void convert([[maybe_unused]] std::byte *record) { (l2vpn_ac_convert_field<steps>(record), ...); }
 
     /* This program followed by more steps. */
     template <l2vpn_ac_step... more>
     using then = l2vpn_ac_program<steps..., more...>;
 };
+
+/*
+ * Asks for the memory `distance` bytes from `at`, where a loop will be soon. Processors follow short strides by
+ * themselves; long ones they lose at every page. Any address will do.
+ */
+inline void l2vpn_ac_prefetch(const void *at, ptrdiff_t distance)
+{
+    const uintptr_t soon = reinterpret_cast<uintptr_t>(at) + static_cast<uintptr_t>(distance);
+    __builtin_prefetch(reinterpret_cast<const void *>(soon));
+}
 
 /* The header, in either direction. */
 inline void l2vpn_ac_convert_hdr(l2vpn_ac_msg_hdr_t *hdr)

@@ -1,0 +1,111 @@
+/*
+ * Where the entries of the platform's check stand: what large requests ask of the kernel for them, and that it is
+ * gone afterwards. This program stands in front of madvise().
+ */
+#include <l2vpn/l2vpn_ac_api.h>
+#include <platform/sim.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <sys/mman.h>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t huge_page = std::size_t{2} << 20;
+constexpr std::size_t page = 4096;
+
+struct advice {
+    std::uintptr_t begin;
+    std::size_t size;
+    int kind;
+    bool mapped; /* all of it, when the advice was given */
+};
+
+std::vector<advice> *s_given;
+bool s_refuses;
+
+bool is_mapped(std::uintptr_t begin, std::size_t size)
+{
+    std::vector<unsigned char> pages(size / page + 1);
+    return mincore(reinterpret_cast<void *>(begin), size, pages.data()) == 0;
+}
+
+/* What a delete of so many ACs asked for. */
+std::vector<advice> advice_for(std::uint32_t acs)
+{
+    static l2vpn::sim::world world;
+    static l2vpn_ac_callback_vector_t callbacks = {};
+    callbacks.status_cb = [](l2vpn_ac_client_hd_t, std::uint32_t, std::uint32_t) -> qerrno { return 0; };
+    l2vpn_ac_client_hd_t hd = nullptr;
+    EXPECT_EQ(l2vpn_ac_process_connect(world.evm(), 0, 0, &callbacks, &hd), 0u);
+    std::vector<ifhtype> handles(acs);
+    std::iota(handles.begin(), handles.end(), 1u);
+    const std::vector<ifhtype> before = handles;
+
+    std::vector<advice> given;
+    given.reserve(4);
+    s_given = &given;
+    EXPECT_EQ(l2vpn_ac_delete(hd, 0, acs, handles.data()), 0u);
+    s_given = nullptr;
+    EXPECT_EQ(handles, before);
+
+    handles.back() = 0; /* the last entry is looked at */
+    EXPECT_EQ(l2vpn_ac_delete(hd, 0, acs, handles.data()), 22u);
+    EXPECT_EQ(l2vpn_ac_process_disconnect(hd), 0u);
+    return given;
+}
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) int madvise(void *at, size_t size, int kind) noexcept
+{
+    const auto begin = reinterpret_cast<std::uintptr_t>(at);
+    if (s_given != nullptr)
+        s_given->push_back({begin, size, kind, is_mapped(begin, size)});
+    if (s_refuses) {
+        errno = EINVAL;
+        return -1;
+    }
+    return 0;
+}
+
+namespace {
+
+TEST(entries, of_up_to_256_kibibytes_ask_for_no_huge_page)
+{
+    for (const std::uint32_t acs : {1u, 8192u, 8193u, 32767u}) {
+        SCOPED_TRACE(acs);
+        EXPECT_EQ(advice_for(acs).size(), 0u);
+    }
+}
+
+TEST(entries, of_more_stand_on_whole_huge_pages_for_as_long_as_the_request_takes)
+{
+    const struct {
+        std::uint32_t acs;
+        std::size_t size;
+    } cases[] = {{32768, huge_page}, {200000, huge_page}, {262144, huge_page}, {262145, 2 * huge_page}};
+    for (const auto &it : cases) {
+        SCOPED_TRACE(it.acs);
+        const std::vector<advice> given = advice_for(it.acs);
+        ASSERT_EQ(given.size(), 1u);
+        EXPECT_EQ(given[0].kind, MADV_HUGEPAGE);
+        EXPECT_EQ(given[0].size, it.size);
+        EXPECT_TRUE(given[0].mapped);
+        EXPECT_FALSE(is_mapped(given[0].begin, page));
+        EXPECT_FALSE(is_mapped(given[0].begin + given[0].size - page, page));
+    }
+}
+
+TEST(entries, are_there_where_the_advice_is_refused)
+{
+    s_refuses = true;
+    EXPECT_EQ(advice_for(40000).size(), 1u);
+    s_refuses = false;
+}
+
+} // namespace
