@@ -89,8 +89,8 @@ void measure_class(results &to, uint32_t class_id, uint32_t mtu, uint32_t data_s
         }
     };
     std::vector<encoded> rivals;
-    for (const auto make : {stream_rival, packed_rival, protobuf_rival, flatbuffers_rival, capnproto_rival}) {
-        encoded rival{make(), 0, {}};
+    for (auto &by : all_rivals()) {
+        encoded rival{std::move(by), 0, {}};
         rival.message = rival.by->provision(job, rival.size);
         memset(read.data.data(), 0xff, job.count * sizeof(l2vpn_ac_xcid_data_t));
         const bool whole = rival.by->read_provision(rival.bytes(), read);

@@ -20,8 +20,10 @@ int main(int argc, char **argv)
     results all(thorough);
     measure_outbound(all, socket);
     measure_inbound(all);
-    if (thorough)
+    if (thorough) {
         measure_growth(all, socket);
+        measure_million(all);
+    }
     measure_owners(all);
 
     const char *const path = argv[argc - 1];

@@ -17,14 +17,6 @@ namespace {
 
 using rivals = std::vector<std::unique_ptr<rival>>;
 
-rivals all_rivals()
-{
-    rivals all;
-    for (const auto make : {stream_rival, packed_rival, protobuf_rival, flatbuffers_rival, capnproto_rival})
-        all.push_back(make());
-    return all;
-}
-
 void create(const bench_client &client, create_job &job)
 {
     must(l2vpn_ac_create(client.handle(), 0, job.count, job.handles.data(), job.definitions.data(),
@@ -48,8 +40,10 @@ void plain_delete(create_job &job, std::vector<l2vpn_ac_data_entry_t> &entries)
     entries.resize(job.count);
     for (uint32_t i = 0; i < job.count; ++i)
         entries[i] = {job.handles[i], 0};
+    bool refused = false;
     for (const l2vpn_ac_data_entry_t &entry : entries)
-        must(entry.ifh == 0 ? EINVAL : EOK, "plain delete");
+        refused = refused || entry.ifh == 0 || entry.ifh == UINT32_MAX;
+    must(refused ? EINVAL : EOK, "plain delete");
     for (int direction = 0; direction < 2; ++direction) {
         for (ifhtype &handle : job.handles)
             handle = __builtin_bswap32(handle);
@@ -62,6 +56,15 @@ void encode(rival &by, const create_job &job, counting::outlet &to)
     const uint32_t each = job.acs_a_create();
     for (uint32_t first = 0; first < job.count; first += each)
         by.create(job, first, std::min(job.count, first + each), to);
+}
+
+bool encode_update(rival &by, const create_job &job, counting::outlet &to)
+{
+    const uint32_t each = job.acs_an_update();
+    bool has_one = true;
+    for (uint32_t first = 0; has_one && first < job.count; first += each)
+        has_one = by.update(job, first, std::min(job.count, first + each), to);
+    return has_one;
 }
 
 /* Every rival carries what the library carries. */
@@ -88,21 +91,26 @@ void verify(const rivals &all, const create_job &job)
     }
 }
 
-/* The library's messages are those that the packed encoder makes: only the flags words differ. */
-void verify_library(const messages &made, const create_job &job)
+/* The library's messages are those that an encoder of its wire makes: only the flags words differ. */
+void verify_same(const messages &made, const messages &expected, const char *name, const create_job &job)
 {
-    const auto packed = packed_rival();
-    messages expected;
-    encode(*packed, job, expected);
     bool same = made.count() == expected.count() && made.size() == expected.size();
     for (size_t i = 0; same && i < made.count(); ++i) {
         same = made[i].size() == expected[i].size() && memcmp(made[i].data(), expected[i].data(), 12) == 0 &&
                memcmp(made[i].data() + 16, expected[i].data() + 16, made[i].size() - 16) == 0;
     }
     if (!same) {
-        std::fprintf(stderr, "l2vpn_bench: library and packed encoder do not agree in class %u\n",
-                     job.class_id);
+        std::fprintf(stderr, "l2vpn_bench: library and %s do not agree in class %u\n", name, job.class_id);
         std::exit(1);
+    }
+}
+
+void copy_all(const messages &ready, std::vector<std::byte> &room, nowhere &to)
+{
+    for (size_t i = 0; i < ready.count(); ++i) {
+        memcpy(room.data(), ready[i].data(), ready[i].size());
+        const iovec piece = {room.data(), ready[i].size()};
+        to.put(&piece, 1);
     }
 }
 
@@ -136,19 +144,23 @@ void measure_job(results &to, drain &socket, const rivals &all, create_job &job,
                  counting::set_outlet(nullptr);
              }},
             {"send", [&] { ready.put_all(socket); }},
-            {"memcpy",
-             [&] {
-                 for (size_t i = 0; i < ready.count(); ++i) {
-                     memcpy(room.data(), ready[i].data(), ready[i].size());
-                     const iovec piece = {room.data(), ready[i].size()};
-                     none.put(&piece, 1);
-                 }
-             }},
+            {"memcpy", [&] { copy_all(ready, room, none); }},
         };
         if (op.request == create) {
-            verify_library(ready, job);
+            messages expected;
+            encode(*packed_rival(), job, expected);
+            verify_same(ready, expected, "packed copy", job);
             for (const auto &by : all)
                 candidates.push_back({by->name(), [&] { encode(*by, job, none); }});
+        }
+        if (op.request == update) {
+            for (const auto &by : all) {
+                messages expected;
+                if (!encode_update(*by, job, expected))
+                    continue;
+                verify_same(ready, expected, by->name(), job);
+                candidates.push_back({by->name(), [&] { encode_update(*by, job, none); }});
+            }
         }
         if (op.request == remove)
             candidates.push_back({"plain loops", [&] { plain_delete(job, entries); }});
@@ -199,4 +211,28 @@ void measure_growth(results &to, drain &socket)
         create_job job(0, 65536, count);
         measure_job(to, socket, packed, job, 2.0);
     }
+}
+
+/* 10,000 and 1,000,000 in turns with each other, because what else the machine does changes between two jobs. */
+void measure_million(results &to)
+{
+    constexpr uint32_t mtu = 65536;
+    struct size {
+        create_job job;
+        messages ready;
+        std::string at;
+    };
+    size sizes[] = {{{0, mtu, 10000}, {}, " at 10,000"}, {{0, mtu, 1000000}, {}, " at 1,000,000"}};
+    const bench_client client(0, mtu);
+    std::vector<std::byte> room(mtu);
+    nowhere none;
+    std::vector<candidate> candidates;
+    for (size &of : sizes) {
+        counting::set_outlet(&of.ready);
+        create(client, of.job);
+        counting::set_outlet(nullptr);
+        candidates.push_back({"library" + of.at, [&] { create(client, of.job); }});
+        candidates.push_back({"memcpy" + of.at, [&] { copy_all(of.ready, room, none); }});
+    }
+    to.take("growth", 0, mtu, 1000000, candidates, 8.0);
 }

@@ -11,6 +11,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -36,6 +37,47 @@ void library(benchmark::State &state)
     std::vector<T> records(static_cast<size_t>(state.range(0)));
     for (auto _ : state)
         must(request(client.handle(), 0, records.data(), static_cast<uint32_t>(records.size())), "request");
+}
+
+/* The same, each message given to the kernel; and the kernel's send of ready-made ones. */
+template <typename T, qerrno (*request)(l2vpn_ac_client_hd_t, uint32_t, T *, uint32_t)>
+void library_sent(benchmark::State &state, drain &socket)
+{
+    socket.fit(mtu);
+    counting::set_outlet(&socket);
+    library<T, request>(state);
+    counting::set_outlet(nullptr);
+}
+
+template <typename T, qerrno (*request)(l2vpn_ac_client_hd_t, uint32_t, T *, uint32_t)>
+void ready_sent(benchmark::State &state, drain &socket)
+{
+    messages ready;
+    {
+        const bench_client client(0, mtu);
+        std::vector<T> records(static_cast<size_t>(state.range(0)));
+        counting::set_outlet(&ready);
+        must(request(client.handle(), 0, records.data(), static_cast<uint32_t>(records.size())), "request");
+        counting::set_outlet(nullptr);
+    }
+    socket.fit(mtu);
+    for (auto _ : state)
+        ready.put_all(socket);
+}
+
+/* One of the requests that send an array: alone, sent, its messages sent, and a copy of the records. */
+template <typename T, qerrno (*request)(l2vpn_ac_client_hd_t, uint32_t, T *, uint32_t)>
+void register_mstp(const std::string &name, drain &socket, int64_t count)
+{
+    using namespace benchmark;
+    const auto with_socket = [&socket](void (*run)(State &, drain &)) {
+        return [&socket, run](State &state) { run(state, socket); };
+    };
+    RegisterBenchmark((name + "/library").c_str(), library<T, request>)->Arg(count);
+    RegisterBenchmark((name + "/memcpy").c_str(), memcpy_of<T>)->Arg(count);
+    RegisterBenchmark((name + "/library and send").c_str(), with_socket(library_sent<T, request>))
+        ->Arg(count);
+    RegisterBenchmark((name + "/send").c_str(), with_socket(ready_sent<T, request>))->Arg(count);
 }
 
 /* To the wire and back, as one writes it down. */
@@ -73,6 +115,22 @@ void one_delete(benchmark::State &state)
         must(l2vpn_ac_delete(client.handle(), 0, 1, job.handles.data()), "delete");
 }
 
+void protect(benchmark::State &state)
+{
+    const bench_client client(0, mtu);
+    l2vpn_mstp_prot_t record = {};
+    for (auto _ : state)
+        must(l2vpn_mstp_protect(client.handle(), 0, &record), "protect");
+}
+
+/* Beside one client that is there all the time. */
+void connect_and_disconnect(benchmark::State &state)
+{
+    const bench_client first(0, mtu);
+    for (auto _ : state)
+        const bench_client client(0, mtu);
+}
+
 void one_send(benchmark::State &state, drain &socket, size_t size)
 {
     socket.fit(mtu);
@@ -89,21 +147,21 @@ int main(int argc, char **argv)
     using namespace benchmark;
     drain socket; /* first: it forks */
     for (const int64_t count : {300, 10000}) {
-        RegisterBenchmark("port request/library", library<l2vpn_mstp_req_t, l2vpn_mstp_port_request>)
-            ->Arg(count);
-        RegisterBenchmark("port request/memcpy", memcpy_of<l2vpn_mstp_req_t>)->Arg(count);
-        RegisterBenchmark("root/library", library<l2vpn_msti_root_t, l2vpn_mstp_root>)->Arg(count);
-        RegisterBenchmark("root/memcpy", memcpy_of<l2vpn_msti_root_t>)->Arg(count);
+        register_mstp<l2vpn_mstp_req_t, l2vpn_mstp_port_request>("port request", socket, count);
+        register_mstp<l2vpn_msti_root_t, l2vpn_mstp_root>("root", socket, count);
     }
-    RegisterBenchmark("VLAN map/library", library<l2vpn_msti_vid_map_t, l2vpn_msti_vid_map>)->Arg(4094);
+    register_mstp<l2vpn_msti_vid_map_t, l2vpn_msti_vid_map>("VLAN map", socket, 4094);
     RegisterBenchmark("VLAN map/plain loop", plain_vid_map)->Arg(4094);
     RegisterBenchmark("create of one/library", one_create)->Arg(1);
     RegisterBenchmark("delete of one/library", one_delete)->Arg(1);
+    RegisterBenchmark("protect/library", protect)->Arg(1);
+    RegisterBenchmark("connect and disconnect/library", connect_and_disconnect)->Arg(1);
     const auto send = [&socket](size_t size) {
         return [&socket, size](State &state) { one_send(state, socket, size); };
     };
     RegisterBenchmark("create of one/sendmsg", send(656))->Arg(1);
     RegisterBenchmark("delete of one/sendmsg", send(20))->Arg(1);
+    RegisterBenchmark("protect/sendmsg", send(88))->Arg(1);
 
     Initialize(&argc, argv);
     if (ReportUnrecognizedArguments(argc, argv))

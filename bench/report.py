@@ -56,15 +56,37 @@ def number(value):
 
 def machine_text(run):
     machine = run.machine
+    load = f" {machine['load']:.1f} programs wanted to run when it began." if "load" in machine else ""
     return (f"{machine['processor']}, {machine['processors']} processors ({machine['caches']}), "
-            f"{machine['system']}, {machine['compiler']}.")
+            f"{machine['system']}, {machine['compiler']}.{load}")
 
 
 def goals_table(run):
-    rows = [(name, acs, number(ratio), number(limit), "met" if ratio <= limit else "**not met**")
-            for name, acs, ratio, limit in goals.judged(run)]
+    rows = [(name, acs, number(ratio), number(limit), "met" if ratio <= limit else f"**not met**: {why}")
+            for name, acs, ratio, limit, why in goals.judged(run)]
     met = sum(row[4] == "met" for row in rows)
-    return table(["goal", "ACs", "measured", "at most", ""], rows) + f"\n\n{met} of {len(rows)} are met."
+    return (table(["goal", "ACs", "measured", "at most", ""], rows) +
+            f"\n\n{met} of {len(rows)} are met. What a miss is laid to is told [above](#what-limits-it).")
+
+
+def pieces_table(run):
+    """Small requests, as Google Benchmark has them: the library's, and what else was measured of the same."""
+    names = dict.fromkeys(name.split("/")[0] + "/" + name.rsplit("/", 1)[1] for name in run.pieces)
+    others = ("library and send", "send", "sendmsg", "memcpy", "plain loop")
+    rows = []
+    for name in names:
+        what, count = name.split("/")
+        times = [run.pieces.get(f"{what}/{other}/{count}") for other in ("library",) + others]
+        rows.append([f"{what}, {int(count):,}"] + [number(time) if time else "" for time in times])
+    return table(["ns", "library", *others], rows)
+
+
+def ring_text(run):
+    for figure in run.all.get("process", [])[:1]:
+        if "ring" in figure:
+            off, on = figure["ring"]["off_ns"], figure["ring"]["on_ns"]
+            yield (f"The ring of an owner's latest messages (`L2VPN_CAPTURE`) makes an update of one AC, sent to "
+                   f"l2vpnd, cost {on:,.0f} ns of the owner's time instead of {off:,.0f}.")
 
 
 def spread(entry, acs):
@@ -88,9 +110,11 @@ def ratio_tables(run):
 
 def owners_text(run):
     for figure in run.all.get("owners", []):
-        yield (f"{figure['owners']} owners, each on a thread of its own, create, update and delete "
-               f"{figure['acs_each']:,} ACs, all at once: {figure['total_ms']:.0f} ms in all; the longest "
-               f"wait for the library's lock was {figure['longest_wait_ms']:.0f} ms.")
+        yield (f"{figure['owners']} owners in one process, each a client with a thread of its own, create, update "
+               f"and delete {figure['acs_each']:,} ACs, all at once: {figure['total_ms']:.0f} ms in all, on "
+               f"{run.machine['processors']} processors; the longest wait for the library's lock was "
+               f"{figure['longest_wait_ms']:.0f} ms, and all together needed {figure['memory_mib']:.0f} MiB "
+               "beside their arrays.")
 
 
 def process_text(run):
@@ -106,7 +130,8 @@ def measured(run):
              "are lower quartiles of the thread's own time, the spread is the library's."]
     for text in ratio_tables(run):
         parts.append(text)
-    scale = list(owners_text(run)) + list(process_text(run))
+    parts += ["### Small requests", pieces_table(run)]
+    scale = list(owners_text(run)) + list(process_text(run)) + list(ring_text(run))
     if scale:
         parts += ["### Scale"] + scale
     return "\n\n".join(parts)

@@ -1,6 +1,7 @@
 #include "results.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sys/utsname.h>
 #include <thread>
@@ -33,6 +34,11 @@ std::string caches()
 
 } // namespace
 
+results::results(bool thorough) : thorough_(thorough)
+{
+    getloadavg(&load_, 1);
+}
+
 void results::take(const char *operation, uint32_t class_id, uint32_t mtu, uint32_t acs,
                    const std::vector<candidate> &candidates, double seconds)
 {
@@ -63,6 +69,7 @@ nlohmann::ordered_json results::finished() const
                       {"caches", caches()},
                       {"system", std::string(system.sysname) + " " + system.release},
                       {"compiler", "g++ " __VERSION__},
+                      {"load", load_},
                       {"thorough", thorough_}};
     out.update(all_);
     return out;

@@ -12,7 +12,7 @@
 class results {
 public:
     /* Thorough: more jobs, and longer. */
-    explicit results(bool thorough) : thorough_(thorough) {}
+    explicit results(bool thorough);
 
     bool thorough() const { return thorough_; }
 
@@ -27,6 +27,7 @@ public:
 
 private:
     bool thorough_;
+    double load_ = 0; /* of the last minute, when it began */
     nlohmann::ordered_json all_ = nlohmann::ordered_json::object();
 };
 
@@ -35,6 +36,7 @@ class drain;
 void measure_outbound(results &to, drain &socket);
 void measure_inbound(results &to);
 void measure_growth(results &to, drain &socket);
+void measure_million(results &to);
 void measure_owners(results &to);
 
 #endif

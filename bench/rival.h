@@ -11,6 +11,22 @@
 #include <algorithm>
 #include <memory>
 #include <span>
+#include <type_traits>
+#include <vector>
+
+/* Calls `what` with the class as a constant: encoders, too, ask for it once a message and never a record. */
+template <typename What>
+void with_class(uint32_t class_id, What what)
+{
+    switch (class_id) {
+    case 0:
+        return what(std::integral_constant<uint32_t, 0>());
+    case 7:
+        return what(std::integral_constant<uint32_t, 7>());
+    default:
+        return what(std::integral_constant<uint32_t, 8>());
+    }
+}
 
 class rival {
 public:
@@ -22,6 +38,10 @@ public:
 
     /* What create() put out, decoded without haste. The arrays of `read` have the right size. */
     virtual void read_create(std::span<const std::byte> message, create_job &read, uint32_t first) = 0;
+
+    /* The same as an update. Those that make the library's wire have one; the others carry what a create of
+     * theirs carries but for the definitions, and would say nothing new. */
+    virtual bool update(const create_job &, uint32_t, uint32_t, counting::outlet &) { return false; }
 
     /* A provision message of the whole job, encoded without haste; `words` because 8-aligned. */
     virtual std::vector<uint64_t> provision(const provision_job &job, size_t &size) = 0;
@@ -35,6 +55,9 @@ std::unique_ptr<rival> packed_rival(); /* copies records into a message, and swa
 std::unique_ptr<rival> protobuf_rival();
 std::unique_ptr<rival> flatbuffers_rival();
 std::unique_ptr<rival> capnproto_rival();
+
+/* As many of them as this build has. */
+std::vector<std::unique_ptr<rival>> all_rivals();
 
 /* Of an encoded message that is known to be of a multiple of 8 bytes, or is padded to it. */
 inline std::vector<uint64_t> aligned_copy(const void *message, size_t size)

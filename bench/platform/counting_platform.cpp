@@ -194,6 +194,7 @@ qerrno l2vpn_ac_data_sanitize(uint32_t, const l2vpn_ac_data_entry_t *entries, st
     return l2vpn::platform_core::sanitize(entries, count);
 }
 
+/* Only who has to wait asks for the time; nobody does while requests are timed, which one thread makes. */
 void ptd_set_mutex_block(pthread_mutex_t *, const char *, uint32_t)
 {
     s_wait_begin = std::chrono::steady_clock::now();

@@ -1,6 +1,6 @@
 /*
- * A platform that only counts what is sent, so that what is left to measure is the library. One
- * registration at a time, timers that never expire. What is sent may be given to an outlet, and messages may
+ * A platform that only counts what is sent, so that what is left to measure is the library. Messages come in for
+ * the latest registration only, timers never expire. What is sent may be given to an outlet, and messages may
  * come in as if the L2VPN process had sent them.
  */
 #ifndef BENCH_COUNTING_PLATFORM_H

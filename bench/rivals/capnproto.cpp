@@ -68,17 +68,18 @@ void get(cp::Ac::Reader from, l2vpn_ac_defn_t &to)
     to.word5 = from.getWord5();
 }
 
-void put(cp::Ac::Builder to, const l2vpn_ac_info_t &from, uint32_t class_id)
+template <uint32_t class_id>
+void put(cp::Ac::Builder to, const l2vpn_ac_info_t &from)
 {
     to.setHead(from.words[0]);
     to.setHead2(from.words[1]);
     to.setHead3(from.words[2]);
     to.setHead4(from.words[3]);
-    if (class_id == 0) {
+    if constexpr (class_id == 0) {
         auto part = to.getByClass().initClass0();
         part.setOctets(raw<uint16_t>(from.by_class.class0.octets));
         part.setHalf(from.by_class.class0.half);
-    } else if (class_id == 7) {
+    } else if constexpr (class_id == 7) {
         auto part = to.getByClass().initClass7();
         part.setOpaque(raw<uint64_t>(from.by_class.class7.opaque));
         part.setWord(from.by_class.class7.word);
@@ -156,12 +157,14 @@ public:
     {
         capnp::MallocMessageBuilder message(kj::arrayPtr(scratch_.data(), scratch_.size()));
         auto acs = message.initRoot<cp::Create>().initAcs(end - first);
-        for (uint32_t i = first; i < end; ++i) {
-            cp::Ac::Builder ac = acs[i - first];
-            ac.setHandle(job.handles[i]);
-            put(ac, job.definitions[i]);
-            put(ac, job.infos[i], job.class_id);
-        }
+        with_class(job.class_id, [&](auto class_id) {
+            for (uint32_t i = first; i < end; ++i) {
+                cp::Ac::Builder ac = acs[i - first];
+                ac.setHandle(job.handles[i]);
+                put(ac, job.definitions[i]);
+                put<class_id>(ac, job.infos[i]);
+            }
+        });
         const auto segments = message.getSegmentsForOutput();
         if (segments.size() > segments_max)
             throw std::length_error("a message of Cap'n Proto's has too many segments");
@@ -220,26 +223,28 @@ public:
         const auto acs = reader.getRoot<cp::Provision>().getAcs();
         if (acs.size() != read.count)
             return false;
-        for (uint32_t i = 0; i < read.count; ++i) {
-            const cp::Provisioned::Reader ac = acs[i];
-            l2vpn_ac_xcid_data_t &data = read.data[i];
-            read.handles[i] = ac.getHandle();
-            data.words[0] = ac.getWord();
-            data.words[1] = ac.getWord2();
-            data.words[2] = ac.getWord3();
-            data.words[3] = ac.getWord4();
-            data.words[4] = ac.getWord5();
-            data.words[5] = ac.getWord6();
-            data.words[6] = ac.getWord7();
-            if (read.class_id == 0) {
-                const auto part = ac.getByClass().getClass0();
-                unraw(data.by_class.class0.octets, part.getOctets());
-                data.by_class.class0.half = part.getHalf();
-                memset(&data.by_class.class0 + 1, 0, sizeof data.by_class - sizeof data.by_class.class0);
-            } else {
-                get(ac.getByClass().getClass8(), data.by_class.class8);
+        with_class(read.class_id, [&](auto class_id) {
+            for (uint32_t i = 0; i < read.count; ++i) {
+                const cp::Provisioned::Reader ac = acs[i];
+                l2vpn_ac_xcid_data_t &data = read.data[i];
+                read.handles[i] = ac.getHandle();
+                data.words[0] = ac.getWord();
+                data.words[1] = ac.getWord2();
+                data.words[2] = ac.getWord3();
+                data.words[3] = ac.getWord4();
+                data.words[4] = ac.getWord5();
+                data.words[5] = ac.getWord6();
+                data.words[6] = ac.getWord7();
+                if constexpr (class_id == 0) {
+                    const auto part = ac.getByClass().getClass0();
+                    unraw(data.by_class.class0.octets, part.getOctets());
+                    data.by_class.class0.half = part.getHalf();
+                    memset(&data.by_class.class0 + 1, 0, sizeof data.by_class - sizeof data.by_class.class0);
+                } else {
+                    get(ac.getByClass().getClass8(), data.by_class.class8);
+                }
             }
-        }
+        });
         return true;
     }
 

@@ -69,18 +69,30 @@ void put_header(std::byte *at, uint32_t msg_type, uint32_t count)
     swap_words(at, 4);
 }
 
-/* The class is known where the loops are, so that they are compiled for it. */
-template <uint32_t class_id, uint32_t info_size>
-std::byte *put_acs(std::byte *at, const create_job &job, uint32_t first, uint32_t end)
+std::byte *put_handles(std::byte *at, const create_job &job, uint32_t first, uint32_t end)
 {
     for (uint32_t i = first; i < end; ++i, at += sizeof(ifhtype)) {
         memcpy(at, &job.handles[i], sizeof(ifhtype));
         swap_at<uint32_t>(at);
     }
+    return at;
+}
+
+/* The class is known where the loops are, so that they are compiled for it. */
+template <uint32_t class_id>
+std::byte *put_definitions(std::byte *at, const create_job &job, uint32_t first, uint32_t end)
+{
     for (uint32_t i = first; i < end; ++i, at += sizeof(l2vpn_ac_defn_t)) {
         memcpy(at, &job.definitions[i], sizeof(l2vpn_ac_defn_t));
         swap_definition(at, class_id);
     }
+    return at;
+}
+
+template <uint32_t class_id>
+std::byte *put_infos(std::byte *at, const create_job &job, uint32_t first, uint32_t end)
+{
+    constexpr size_t info_size = class_id == 0 ? 20 : class_id == 7 ? 56 : 2356;
     for (uint32_t i = first; i < end; ++i, at += info_size) {
         memcpy(at, &job.infos[i], info_size);
         swap_info(at, class_id);
@@ -107,24 +119,22 @@ public:
 
     void create(const create_job &job, uint32_t first, uint32_t end, counting::outlet &out) override
     {
-        if (message_.size() < job.mtu)
-            message_.resize(job.mtu);
-        std::byte *at = message_.data();
-        put_header(at, L2VPN_AC_MSG_CREATE, end - first);
-        at += L2VPN_AC_HDR_LEN;
-        switch (job.class_id) {
-        case 0:
-            at = put_acs<0, 20>(at, job, first, end);
-            break;
-        case 7:
-            at = put_acs<7, 56>(at, job, first, end);
-            break;
-        default:
-            at = put_acs<8, 2356>(at, job, first, end);
-            break;
-        }
+        std::byte *at = put_handles(begin(job, L2VPN_AC_MSG_CREATE, end - first), job, first, end);
+        with_class(job.class_id, [&](auto class_id) {
+            at = put_definitions<class_id>(at, job, first, end);
+            at = put_infos<class_id>(at, job, first, end);
+        });
         const iovec piece = {message_.data(), static_cast<size_t>(at - message_.data())};
         out.put(&piece, 1);
+    }
+
+    bool update(const create_job &job, uint32_t first, uint32_t end, counting::outlet &out) override
+    {
+        std::byte *at = put_handles(begin(job, L2VPN_AC_MSG_UPDATE, end - first), job, first, end);
+        with_class(job.class_id, [&](auto class_id) { at = put_infos<class_id>(at, job, first, end); });
+        const iovec piece = {message_.data(), static_cast<size_t>(at - message_.data())};
+        out.put(&piece, 1);
+        return true;
     }
 
     void read_create(std::span<const std::byte> message, create_job &read, uint32_t first) override
@@ -183,6 +193,15 @@ public:
     }
 
 private:
+    /* Room for a message, and its header; where the rest begins. */
+    std::byte *begin(const create_job &job, uint32_t msg_type, uint32_t count)
+    {
+        if (message_.size() < job.mtu)
+            message_.resize(job.mtu);
+        put_header(message_.data(), msg_type, count);
+        return message_.data() + L2VPN_AC_HDR_LEN;
+    }
+
     std::vector<std::byte> message_;
 };
 

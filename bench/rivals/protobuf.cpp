@@ -69,15 +69,16 @@ void get(const pb::Half &from, l2vpn_ac_info_half_t &to)
     to.half = static_cast<uint16_t>(from.half());
 }
 
-void put(pb::Info &to, const l2vpn_ac_info_t &from, uint32_t class_id)
+template <uint32_t class_id>
+void put(pb::Info &to, const l2vpn_ac_info_t &from)
 {
     to.set_word(from.words[0]);
     to.set_word2(from.words[1]);
     to.set_word3(from.words[2]);
     to.set_word4(from.words[3]);
-    if (class_id == 0) {
+    if constexpr (class_id == 0) {
         put(*to.mutable_class0(), from.by_class.class0);
-    } else if (class_id == 7) {
+    } else if constexpr (class_id == 7) {
         const l2vpn_ac_info_class7_t &part = from.by_class.class7;
         pb::InfoClass7 &out = *to.mutable_class7();
         out.set_opaque(raw<uint64_t>(part.opaque));
@@ -141,12 +142,14 @@ public:
     void create(const create_job &job, uint32_t first, uint32_t end, counting::outlet &out) override
     {
         create_.Clear();
-        for (uint32_t i = first; i < end; ++i) {
-            pb::Ac &ac = *create_.add_acs();
-            ac.set_handle(job.handles[i]);
-            put(*ac.mutable_definition(), job.definitions[i]);
-            put(*ac.mutable_info(), job.infos[i], job.class_id);
-        }
+        with_class(job.class_id, [&](auto class_id) {
+            for (uint32_t i = first; i < end; ++i) {
+                pb::Ac &ac = *create_.add_acs();
+                ac.set_handle(job.handles[i]);
+                put(*ac.mutable_definition(), job.definitions[i]);
+                put<class_id>(*ac.mutable_info(), job.infos[i]);
+            }
+        });
         const size_t size = create_.ByteSizeLong();
         if (buffer_.size() < size)
             buffer_.resize(size);
@@ -189,18 +192,20 @@ public:
         if (!provision_.ParseFromArray(message.data(), static_cast<int>(message.size())) ||
             provision_.acs_size() != static_cast<int>(read.count))
             return false;
-        uint32_t i = 0;
-        for (const pb::Provisioned &ac : provision_.acs()) {
-            l2vpn_ac_xcid_data_t &data = read.data[i];
-            read.handles[i++] = ac.handle();
-            std::copy_n(ac.words().begin(), std::min(7, ac.words_size()), data.words);
-            if (read.class_id == 0) {
-                get(ac.class0(), data.by_class.class0);
-                memset(&data.by_class.class0 + 1, 0, sizeof data.by_class - sizeof data.by_class.class0);
-            } else {
-                get(ac.class8(), data.by_class.class8);
+        with_class(read.class_id, [&](auto class_id) {
+            uint32_t i = 0;
+            for (const pb::Provisioned &ac : provision_.acs()) {
+                l2vpn_ac_xcid_data_t &data = read.data[i];
+                read.handles[i++] = ac.handle();
+                std::copy_n(ac.words().begin(), std::min(7, ac.words_size()), data.words);
+                if constexpr (class_id == 0) {
+                    get(ac.class0(), data.by_class.class0);
+                    memset(&data.by_class.class0 + 1, 0, sizeof data.by_class - sizeof data.by_class.class0);
+                } else {
+                    get(ac.class8(), data.by_class.class8);
+                }
             }
-        }
+        });
         return true;
     }
 

@@ -73,14 +73,15 @@ private:
 
 /* --- one record -------------------------------------------------------------------------------------- */
 
-void put(writer &to, const l2vpn_ac_defn_t &from, uint32_t class_id)
+template <uint32_t class_id>
+void put(writer &to, const l2vpn_ac_defn_t &from)
 {
     to.octets(from.opaque, sizeof from.opaque);
     to.u32(from.word);
     to.u32(from.word2);
     to.u32(from.word3);
     to.octets(from.by_class.octets, sizeof from.by_class.octets);
-    if (class_id == 0)
+    if constexpr (class_id == 0)
         to.u16(from.by_class2.half);
     else
         to.octets(from.by_class2.octets, sizeof from.by_class2.octets);
@@ -89,14 +90,15 @@ void put(writer &to, const l2vpn_ac_defn_t &from, uint32_t class_id)
     to.u32(from.word5);
 }
 
-void get(reader &from, l2vpn_ac_defn_t &to, uint32_t class_id)
+template <uint32_t class_id>
+void get(reader &from, l2vpn_ac_defn_t &to)
 {
     from.octets(to.opaque, sizeof to.opaque);
     to.word = from.u32();
     to.word2 = from.u32();
     to.word3 = from.u32();
     from.octets(to.by_class.octets, sizeof to.by_class.octets);
-    if (class_id == 0)
+    if constexpr (class_id == 0)
         to.by_class2.half = from.u16();
     else
         from.octets(to.by_class2.octets, sizeof to.by_class2.octets);
@@ -105,14 +107,15 @@ void get(reader &from, l2vpn_ac_defn_t &to, uint32_t class_id)
     to.word5 = from.u32();
 }
 
-void put(writer &to, const l2vpn_ac_info_t &from, uint32_t class_id)
+template <uint32_t class_id>
+void put(writer &to, const l2vpn_ac_info_t &from)
 {
     for (const uint32_t word : from.words)
         to.u32(word);
-    if (class_id == 0) {
+    if constexpr (class_id == 0) {
         to.octets(from.by_class.class0.octets, sizeof from.by_class.class0.octets);
         to.u16(from.by_class.class0.half);
-    } else if (class_id == 7) {
+    } else if constexpr (class_id == 7) {
         to.octets(from.by_class.class7.opaque, sizeof from.by_class.class7.opaque);
         to.u32(from.by_class.class7.word);
         to.octets(from.by_class.class7.opaque2, sizeof from.by_class.class7.opaque2);
@@ -123,14 +126,15 @@ void put(writer &to, const l2vpn_ac_info_t &from, uint32_t class_id)
     }
 }
 
-void get(reader &from, l2vpn_ac_info_t &to, uint32_t class_id)
+template <uint32_t class_id>
+void get(reader &from, l2vpn_ac_info_t &to)
 {
     for (uint32_t &word : to.words)
         word = from.u32();
-    if (class_id == 0) {
+    if constexpr (class_id == 0) {
         from.octets(to.by_class.class0.octets, sizeof to.by_class.class0.octets);
         to.by_class.class0.half = from.u16();
-    } else if (class_id == 7) {
+    } else if constexpr (class_id == 7) {
         from.octets(to.by_class.class7.opaque, sizeof to.by_class.class7.opaque);
         to.by_class.class7.word = from.u32();
         from.octets(to.by_class.class7.opaque2, sizeof to.by_class.class7.opaque2);
@@ -141,11 +145,12 @@ void get(reader &from, l2vpn_ac_info_t &to, uint32_t class_id)
     }
 }
 
-void put(writer &to, const l2vpn_ac_xcid_data_t &from, uint32_t class_id)
+template <uint32_t class_id>
+void put(writer &to, const l2vpn_ac_xcid_data_t &from)
 {
     for (const uint32_t word : from.words)
         to.u32(word);
-    if (class_id == 0) {
+    if constexpr (class_id == 0) {
         to.octets(from.by_class.class0.octets, sizeof from.by_class.class0.octets);
         to.u16(from.by_class.class0.half);
         return;
@@ -164,11 +169,12 @@ void put(writer &to, const l2vpn_ac_xcid_data_t &from, uint32_t class_id)
     to.u32(part.word4);
 }
 
-void get(reader &from, l2vpn_ac_xcid_data_t &to, uint32_t class_id)
+template <uint32_t class_id>
+void get(reader &from, l2vpn_ac_xcid_data_t &to)
 {
     for (uint32_t &word : to.words)
         word = from.u32();
-    if (class_id == 0) {
+    if constexpr (class_id == 0) {
         from.octets(to.by_class.class0.octets, sizeof to.by_class.class0.octets);
         to.by_class.class0.half = from.u16();
         memset(&to.by_class.class0 + 1, 0, sizeof to.by_class - sizeof to.by_class.class0);
@@ -218,12 +224,30 @@ public:
         put_header(to_, L2VPN_AC_MSG_CREATE, end - first, 0);
         for (uint32_t i = first; i < end; ++i)
             to_.u32(job.handles[i]);
-        for (uint32_t i = first; i < end; ++i)
-            put(to_, job.definitions[i], job.class_id);
-        for (uint32_t i = first; i < end; ++i)
-            put(to_, job.infos[i], job.class_id);
+        with_class(job.class_id, [&](auto class_id) {
+            for (uint32_t i = first; i < end; ++i)
+                put<class_id>(to_, job.definitions[i]);
+            for (uint32_t i = first; i < end; ++i)
+                put<class_id>(to_, job.infos[i]);
+        });
         const iovec piece = to_.piece();
         out.put(&piece, 1);
+    }
+
+    bool update(const create_job &job, uint32_t first, uint32_t end, counting::outlet &out) override
+    {
+        to_.clear();
+        to_.reserve(job.mtu);
+        put_header(to_, L2VPN_AC_MSG_UPDATE, end - first, 0);
+        for (uint32_t i = first; i < end; ++i)
+            to_.u32(job.handles[i]);
+        with_class(job.class_id, [&](auto class_id) {
+            for (uint32_t i = first; i < end; ++i)
+                put<class_id>(to_, job.infos[i]);
+        });
+        const iovec piece = to_.piece();
+        out.put(&piece, 1);
+        return true;
     }
 
     void read_create(std::span<const std::byte> message, create_job &read, uint32_t first) override
@@ -232,10 +256,12 @@ public:
         const uint32_t end = first + get_header(from);
         for (uint32_t i = first; i < end; ++i)
             read.handles[i] = from.u32();
-        for (uint32_t i = first; i < end; ++i)
-            get(from, read.definitions[i], read.class_id);
-        for (uint32_t i = first; i < end; ++i)
-            get(from, read.infos[i], read.class_id);
+        with_class(read.class_id, [&](auto class_id) {
+            for (uint32_t i = first; i < end; ++i)
+                get<class_id>(from, read.definitions[i]);
+            for (uint32_t i = first; i < end; ++i)
+                get<class_id>(from, read.infos[i]);
+        });
     }
 
     std::vector<uint64_t> provision(const provision_job &job, size_t &size) override
@@ -244,8 +270,10 @@ public:
         put_header(to_, L2VPN_AC_MSG_PROV, job.count, 0);
         for (const ifhtype handle : job.handles)
             to_.u32(handle);
-        for (const l2vpn_ac_xcid_data_t &record : job.data)
-            put(to_, record, job.class_id);
+        with_class(job.class_id, [&](auto class_id) {
+            for (const l2vpn_ac_xcid_data_t &record : job.data)
+                put<class_id>(to_, record);
+        });
         const iovec piece = to_.piece();
         size = piece.iov_len;
         return aligned_copy(piece.iov_base, size);
@@ -258,8 +286,10 @@ public:
             return false;
         for (ifhtype &handle : read.handles)
             handle = from.u32();
-        for (l2vpn_ac_xcid_data_t &record : read.data)
-            get(from, record, read.class_id);
+        with_class(read.class_id, [&](auto class_id) {
+            for (l2vpn_ac_xcid_data_t &record : read.data)
+                get<class_id>(from, record);
+        });
         return from.good();
     }
 
