@@ -1,5 +1,4 @@
 #include "capture/ring.h"
-#include "trace/file.h"
 
 #include <algorithm>
 #include <atomic>
@@ -73,32 +72,18 @@ std::unique_ptr<ring> ring::create(const std::string &path, observer by, std::ui
                                    std::uint32_t snap, qerrno &cause, std::string &problem)
 {
     const auto file_size = static_cast<std::size_t>(slots_offset + size / sizeof(slot) * sizeof(slot));
-    trace::new_file file(trace::ring_file);
-    cause = file.make(path, file_size, problem);
-    if (cause != EOK) {
-        return nullptr;
-    }
-    void *address = ::mmap(nullptr, file_size, PROT_READ | PROT_WRITE, MAP_SHARED, file.fd(), 0);
-    if (address == MAP_FAILED) {
-        cause = static_cast<qerrno>(errno);
-        problem = path + ": cannot be mapped: " + ::strerrordesc_np(errno);
-        return nullptr;
-    }
-    const std::span map(static_cast<std::byte *>(address), file_size);
-    const ring_header head = new_header(by, map);
-    std::memcpy(map.data(), &head, sizeof head);
-    cause = file.move_in_place(problem);
-    if (cause != EOK) {
-        ::munmap(address, file_size);
-        return nullptr;
-    }
-    return std::unique_ptr<ring>(new ring(path, file.take(), map, snap));
+    const auto begin = [by](std::span<std::byte> map) {
+        const ring_header head = new_header(by, map);
+        std::memcpy(map.data(), &head, sizeof head);
+    };
+    trace::mapped_file made = trace::make_mapped(trace::ring_file, path, file_size, begin, cause, problem);
+    return made.map.empty() ? nullptr : std::unique_ptr<ring>(new ring(path, std::move(made), snap));
 }
 
-ring::ring(std::string path, platform_posix::unique_fd file, std::span<std::byte> map, std::uint32_t snap)
-    : path_(std::move(path)), file_(std::move(file)), map_(map),
-      header_(reinterpret_cast<ring_header *>(map.data())),
-      slots_(reinterpret_cast<slot *>(map.data() + slots_offset), header_->slot_count),
+ring::ring(std::string path, trace::mapped_file made, std::uint32_t snap)
+    : path_(std::move(path)), file_(std::move(made.file)), map_(made.map),
+      header_(reinterpret_cast<ring_header *>(map_.data())),
+      slots_(reinterpret_cast<slot *>(map_.data() + slots_offset), header_->slot_count),
       by_(static_cast<observer>(header_->by)), pid_(header_->pid)
 {
     const std::size_t quarter = slots_.size() / 4 * slot_room - sizeof(record_prefix);

@@ -9,7 +9,7 @@
 #define PLATFORM_POSIX_CAPTURE_RING_H
 
 #include "capture/format.h"
-#include "unique_fd.h"
+#include "trace/file.h"
 
 #include <platform/qerr.h>
 
@@ -44,7 +44,7 @@ public:
     void leave_file() noexcept { file_.reset(); }
 
 private:
-    ring(std::string path, platform_posix::unique_fd file, std::span<std::byte> map, std::uint32_t snap);
+    ring(std::string path, trace::mapped_file made, std::uint32_t snap);
 
     [[nodiscard]] bool write_slot(std::uint64_t number, const slot &made) noexcept;
 

@@ -10,8 +10,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <optional>
 #include <string_view>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <utility>
@@ -30,6 +32,8 @@ static_assert(offsetof(capture::ring_header, magic) == offsetof(file_head, magic
 namespace {
 
 using platform_posix::unique_fd;
+
+constexpr std::string_view temporary_end = ".XXXXXX";
 
 qerrno refuse(std::string &problem, const std::string &path, int cause, const std::string &why)
 {
@@ -112,27 +116,110 @@ qerrno set_aside(const std::string &path, const file_kind &kind, std::string &pr
     return EOK;
 }
 
-/* True for NAME-PID.trace, or whatever the kind ends with, of a process that has ended, and for predecessors. */
-bool is_of_dead_process(std::string_view name, std::string_view program, const file_kind &kind)
+/* What is behind NAME-PID.trace, or whatever the kind ends with: "", ".1" of a predecessor, ".XXXXXX" of a file that
+ * is being made. */
+struct file_name {
+    pid_t pid;
+    std::string_view behind;
+};
+
+std::optional<file_name> name_in(std::string_view name, std::string_view program, const file_kind &kind)
 {
-    const std::string_view name_end = kind.name_end;
-    bool was_set_aside = false;
-    for (std::size_t index = 1; index <= kind.kept && !was_set_aside; ++index) {
-        const std::string number = predecessor("", index);
-        was_set_aside = name.ends_with(number);
-        name.remove_suffix(was_set_aside ? number.size() : 0);
+    const std::size_t end = name.rfind(kind.name_end);
+    const std::size_t dash = end == std::string_view::npos ? end : name.substr(0, end).rfind('-');
+    if (dash == std::string_view::npos || dash == 0 ||
+        (!program.empty() && name.substr(0, dash) != program)) {
+        return std::nullopt;
     }
-    const std::string start = std::string(program) + "-";
-    if (!name.starts_with(start) || !name.ends_with(name_end) ||
-        name.size() <= start.size() + name_end.size()) {
-        return false;
+    file_name found{0, name.substr(end + kind.name_end.size())};
+    const auto [stop, error] = std::from_chars(name.data() + dash + 1, name.data() + end, found.pid);
+    if (error != std::errc() || stop != name.data() + end || found.pid <= 0) {
+        return std::nullopt;
     }
-    pid_t pid = 0;
-    const char *end = name.data() + name.size() - name_end.size();
-    const auto [stop, error] = std::from_chars(name.data() + start.size(), end, pid);
-    return error == std::errc() && stop == end && pid > 0 &&
-           (was_set_aside || (::kill(pid, 0) < 0 && errno == ESRCH));
+    return found;
 }
+
+bool has_ended(pid_t pid)
+{
+    return ::kill(pid, 0) < 0 && errno == ESRCH;
+}
+
+bool is_set_aside(std::string_view behind, const file_kind &kind)
+{
+    for (std::size_t index = 1; index <= kind.kept; ++index) {
+        if (behind == predecessor("", index)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* A process that was killed while it made its file: nobody has that open, and it has no head to tell by. */
+void remove_half_made(const std::string &path)
+{
+    const unique_fd left(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    struct stat about {};
+    if (left && ::fstat(left.get(), &about) == 0 && S_ISREG(about.st_mode) &&
+        ::flock(left.get(), LOCK_EX | LOCK_NB) == 0) {
+        ::unlink(path.c_str());
+    }
+}
+
+/* A locked file under a name of its own beside `path`; it is removed again when it was not moved there. */
+class new_file {
+public:
+    explicit new_file(const std::string &path) : path_(path) {}
+    ~new_file()
+    {
+        if (!temporary_.empty()) {
+            ::unlink(temporary_.c_str());
+        }
+    }
+    new_file(const new_file &) = delete;
+    new_file &operator=(const new_file &) = delete;
+
+    qerrno make(std::uint64_t size, std::string &problem)
+    {
+        std::string name = path_ + std::string(temporary_end);
+        fd_.reset(::mkostemp(name.data(), O_CLOEXEC));
+        if (!fd_) {
+            return refuse(problem, path_, errno);
+        }
+        temporary_ = name;
+        if (::flock(fd_.get(), LOCK_EX | LOCK_NB) < 0) {
+            return refuse(problem, path_, errno);
+        }
+        if (const int cause = allocate(fd_.get(), size); cause != 0) {
+            return refuse(problem, path_, cause);
+        }
+        return EOK;
+    }
+
+    qerrno move_in_place(const file_kind &kind, std::string &problem)
+    {
+        bool found = false;
+        qerrno status = may_replace(path_, kind, problem, found);
+        if (status == EOK && found && kind.kept > 0) {
+            status = set_aside(path_, kind, problem);
+        }
+        if (status != EOK) {
+            return status;
+        }
+        if (::rename(temporary_.c_str(), path_.c_str()) < 0) {
+            return refuse(problem, path_, errno);
+        }
+        temporary_.clear();
+        return EOK;
+    }
+
+    [[nodiscard]] int fd() const noexcept { return fd_.get(); }
+    [[nodiscard]] unique_fd take() noexcept { return std::move(fd_); }
+
+private:
+    const std::string &path_;
+    std::string temporary_; /* empty: there is none (any more) */
+    unique_fd fd_;
+};
 
 } // namespace
 
@@ -151,11 +238,20 @@ void remove_dead(const std::string &directory, std::string_view program, std::si
     for (fs::directory_iterator at(directory, failed); !failed && at != fs::directory_iterator();
          at.increment(failed)) {
         const std::string path = at->path().string();
+        const std::string name = at->path().filename().string();
+        const auto about = name_in(name, program, kind);
+        if (!about) {
+            continue;
+        }
+        const bool ended = has_ended(about->pid);
+        if (ended && about->behind.size() == temporary_end.size() && about->behind.starts_with('.')) {
+            remove_half_made(path);
+        }
         std::string ignored;
         bool found = false;
         std::error_code gone;
         /* A process of another container may have a pid that is nobody's here: its lock tells. */
-        if (is_of_dead_process(at->path().filename().string(), program, kind) &&
+        if ((is_set_aside(about->behind, kind) || (ended && about->behind.empty())) &&
             may_replace(path, kind, ignored, found) == EOK) {
             dead.emplace_back(at->last_write_time(gone), path);
         }
@@ -166,46 +262,30 @@ void remove_dead(const std::string &directory, std::string_view program, std::si
     }
 }
 
-new_file::~new_file()
+mapped_file make_mapped(const file_kind &kind, const std::string &path, std::size_t size,
+                        const std::function<void(std::span<std::byte>)> &begin, qerrno &cause,
+                        std::string &problem)
 {
-    if (!temporary_.empty()) {
-        ::unlink(temporary_.c_str());
+    const auto nothing = [&](qerrno why) {
+        cause = why;
+        return mapped_file{};
+    };
+    new_file made(path);
+    if (const qerrno status = made.make(size, problem); status != EOK) {
+        return nothing(status);
     }
-}
-
-qerrno new_file::make(const std::string &path, std::uint64_t size, std::string &problem)
-{
-    path_ = path;
-    std::string name = path + ".XXXXXX";
-    fd_.reset(::mkostemp(name.data(), O_CLOEXEC));
-    if (!fd_) {
-        return refuse(problem, path, errno);
+    void *address = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, made.fd(), 0);
+    if (address == MAP_FAILED) {
+        return nothing(
+            refuse(problem, path, errno, std::string("cannot be mapped: ") + ::strerrordesc_np(errno)));
     }
-    temporary_ = name;
-    if (const int cause = allocate(fd_.get(), size); cause != 0) {
-        return refuse(problem, path, cause);
+    const std::span map(static_cast<std::byte *>(address), size);
+    begin(map);
+    if (const qerrno status = made.move_in_place(kind, problem); status != EOK) {
+        ::munmap(address, size);
+        return nothing(status);
     }
-    if (::flock(fd_.get(), LOCK_EX | LOCK_NB) < 0) {
-        return refuse(problem, path, errno);
-    }
-    return EOK;
-}
-
-qerrno new_file::move_in_place(std::string &problem)
-{
-    bool found = false;
-    qerrno status = may_replace(path_, kind_, problem, found);
-    if (status == EOK && found && kind_.kept > 0) {
-        status = set_aside(path_, kind_, problem);
-    }
-    if (status != EOK) {
-        return status;
-    }
-    if (::rename(temporary_.c_str(), path_.c_str()) < 0) {
-        return refuse(problem, path_, errno);
-    }
-    temporary_.clear();
-    return EOK;
+    return {made.take(), map};
 }
 
 } // namespace l2vpn::trace

@@ -9,7 +9,10 @@
 #include <platform/qerr.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -39,33 +42,26 @@ extern const file_kind ring_file;
 [[nodiscard]] std::string path_of_process(const std::string &directory, std::string_view program,
                                           const file_kind &kind);
 
-/* Removes such files of processes of this name that have ended, kept predecessors too, but for the newest `keep`. */
+/* Removes such files of processes of this name that have ended, kept predecessors too, but for the newest `keep`,
+ * and what processes of this name have left half made. An empty name is any. */
 void remove_dead(const std::string &directory, std::string_view program, std::size_t keep,
                  const file_kind &kind);
 
-/* A file of `size` zero bytes, allocated and locked, under a name of its own beside `path`. It becomes
- * `path` by move_in_place(), which replaces nothing but an empty file and one of its kind of a process that has
- * ended, unless those are kept; it is removed again when it was not moved. */
-class new_file {
-public:
-    explicit new_file(const file_kind &kind) : kind_(kind) {}
-    ~new_file();
-    new_file(const new_file &) = delete;
-    new_file &operator=(const new_file &) = delete;
-
-    /* EOK, or the errno with a line for people in `problem`. */
-    [[nodiscard]] qerrno make(const std::string &path, std::uint64_t size, std::string &problem);
-    [[nodiscard]] qerrno move_in_place(std::string &problem);
-
-    [[nodiscard]] int fd() const noexcept { return fd_.get(); }
-    [[nodiscard]] platform_posix::unique_fd take() noexcept { return std::move(fd_); }
-
-private:
-    const file_kind &kind_;
-    std::string path_;
-    std::string temporary_; /* empty: there is none (any more) */
-    platform_posix::unique_fd fd_;
+/* A file of this process's, mapped. */
+struct mapped_file {
+    platform_posix::unique_fd file; /* open for its lock: it says that the file is in use */
+    std::span<std::byte> map;       /* empty: there is none */
 };
+
+/*
+ * Makes a file of `size` bytes, allocated, locked and mapped, which `begin` gives its head. It is made under a name
+ * of its own and becomes `path` complete: a process that still maps an older one keeps it. Nothing is replaced but
+ * an empty file and one of its kind of a process that has ended, unless those are kept. On failure nothing stays,
+ * the errno is in `cause` and a line for people in `problem`.
+ */
+[[nodiscard]] mapped_file make_mapped(const file_kind &kind, const std::string &path, std::size_t size,
+                                      const std::function<void(std::span<std::byte>)> &begin, qerrno &cause,
+                                      std::string &problem);
 
 } // namespace l2vpn::trace
 

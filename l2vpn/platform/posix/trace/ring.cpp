@@ -1,5 +1,4 @@
 #include "trace/ring.h"
-#include "trace/file.h"
 #include "trace/values.h"
 
 #include <algorithm>
@@ -84,26 +83,12 @@ std::unique_ptr<ring> ring::create(const std::string &path, std::uint64_t size, 
                                    std::string &problem)
 {
     const auto file_size = static_cast<std::size_t>(records_offset + size);
-    new_file file(trace_file);
-    cause = file.make(path, file_size, problem);
-    if (cause != EOK) {
-        return nullptr;
-    }
-    void *address = ::mmap(nullptr, file_size, PROT_READ | PROT_WRITE, MAP_SHARED, file.fd(), 0);
-    if (address == MAP_FAILED) {
-        cause = static_cast<qerrno>(errno);
-        problem = path + ": cannot be mapped: " + ::strerrordesc_np(errno);
-        return nullptr;
-    }
-    const std::span map(static_cast<std::byte *>(address), file_size);
-    const header head = new_header(map);
-    std::memcpy(map.data(), &head, sizeof head);
-    cause = file.move_in_place(problem);
-    if (cause != EOK) {
-        ::munmap(address, file_size);
-        return nullptr;
-    }
-    return std::unique_ptr<ring>(new ring(path, file.take(), map));
+    const auto begin = [](std::span<std::byte> map) {
+        const header head = new_header(map);
+        std::memcpy(map.data(), &head, sizeof head);
+    };
+    mapped_file made = make_mapped(trace_file, path, file_size, begin, cause, problem);
+    return made.map.empty() ? nullptr : std::unique_ptr<ring>(new ring(path, std::move(made)));
 }
 
 void ring::release_file() noexcept
@@ -112,10 +97,10 @@ void ring::release_file() noexcept
     file_.reset();
 }
 
-ring::ring(std::string path, platform_posix::unique_fd file, std::span<std::byte> map)
-    : path_(std::move(path)), file_(std::move(file)), map_(map),
-      header_(reinterpret_cast<header *>(map.data())), texts_(elements<text>(map, header_->texts)),
-      records_(elements<record>(map, header_->records))
+ring::ring(std::string path, mapped_file made)
+    : path_(std::move(path)), file_(std::move(made.file)), map_(made.map),
+      header_(reinterpret_cast<header *>(map_.data())), texts_(elements<text>(map_, header_->texts)),
+      records_(elements<record>(map_, header_->records))
 {
     farewell_ = "l2vpn: the trace of " + std::string(program_invocation_short_name) + "[" +
                 std::to_string(header_->pid) + "] is in " + path_ + "\n";

@@ -3,12 +3,12 @@
  *
  * write() may be called by any number of threads: a record's number is taken by one atomic addition, its
  * slot by one compare-and-exchange, and nothing waits. All space is allocated when the file is made, so
- * that a full disk shows then and not as SIGBUS later. The file is made beside its path and moved there
- * when it is complete: a process that still maps an older one keeps it.
+ * that a full disk shows then and not as SIGBUS later.
  */
 #ifndef PLATFORM_POSIX_TRACE_RING_H
 #define PLATFORM_POSIX_TRACE_RING_H
 
+#include "trace/file.h"
 #include "trace/format.h"
 #include "unique_fd.h"
 
@@ -61,7 +61,7 @@ public:
     void leave_file() noexcept { file_.reset(); }
 
 private:
-    ring(std::string path, platform_posix::unique_fd file, std::span<std::byte> map);
+    ring(std::string path, mapped_file made);
 
     [[nodiscard]] std::uint16_t number_of(const char *what) noexcept;
     static void complete(text &entry, const char *what) noexcept;
