@@ -6,10 +6,6 @@
 #include <platform/config.h>
 #include <unistd.h>
 
-#ifndef L2VPN_VERSION
-#define L2VPN_VERSION "0"
-#endif
-
 namespace l2vpnd {
 
 namespace {

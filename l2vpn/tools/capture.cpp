@@ -12,10 +12,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#ifndef L2VPN_VERSION
-#define L2VPN_VERSION "0"
-#endif
-
 namespace l2vpnctl {
 
 namespace {

@@ -4,10 +4,6 @@
 #include <iostream>
 #include <utility>
 
-#ifndef L2VPN_VERSION
-#define L2VPN_VERSION "0"
-#endif
-
 namespace l2vpnctl {
 
 namespace {
