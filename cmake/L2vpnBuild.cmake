@@ -59,6 +59,30 @@ if(L2VPN_SANITIZE MATCHES "undefined")
     list(APPEND L2VPN_TEST_OPTIONS -fno-sanitize=null,alignment,object-size,vptr,pointer-overflow)
 endif()
 
+# Probes for tracers, where the header that makes them is (Debian: systemtap-sdt-dev). Nothing is linked for them.
+option(L2VPN_PROBES "Probes for bpftrace and other tracers, where <sys/sdt.h> is there" ON)
+include(CheckIncludeFileCXX)
+check_include_file_cxx(sys/sdt.h L2VPN_HAVE_SDT)
+add_library(l2vpn_probes INTERFACE)
+target_include_directories(l2vpn_probes INTERFACE ${CMAKE_CURRENT_LIST_DIR}/../l2vpn/probes)
+if(NOT L2VPN_PROBES)
+    message(STATUS "Probes for tracers: none, as asked")
+elseif(NOT L2VPN_HAVE_SDT)
+    message(STATUS "Probes for tracers: none, <sys/sdt.h> is missing")
+else()
+    message(STATUS "Probes for tracers: made")
+    target_compile_definitions(l2vpn_probes INTERFACE L2VPN_PROBES)
+endif()
+
+# l2vpn_probe_test(TARGET SOURCES...): adds tests of what probes tell, where there are probes and it is known how
+# to stop at one. ThreadSanitizer defers the signal that a stop is.
+function(l2vpn_probe_test target)
+    if(L2VPN_PROBES AND L2VPN_HAVE_SDT AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64" AND NOT L2VPN_SANITIZE MATCHES "thread")
+        target_sources(${target} PRIVATE ${ARGN})
+        target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../tests/support)
+    endif()
+endfunction()
+
 # l2vpn_version_script(TARGET FILE): exports what FILE lists and nothing else.
 function(l2vpn_version_script target file)
     target_link_options(${target} PRIVATE LINKER:--version-script=${file} LINKER:--no-undefined-version)

@@ -79,6 +79,15 @@ install(CODE "
     cmake_path(APPEND sysconfdir \"${CMAKE_INSTALL_SYSCONFDIR}\")
     configure_file(\"${packaging}/systemd/l2vpnd.service.in\" \"${made}/l2vpnd.service\" @ONLY)
     file(INSTALL \"${packaging}/systemd/l2vpnd.conf\" DESTINATION \"\${sysconfdir}/l2vpn\")")
+# Scripts name the files that they look into by absolute paths, too.
+install(CODE "
+    cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
+    cmake_path(APPEND prefix \"${CMAKE_INSTALL_LIBDIR}\" OUTPUT_VARIABLE l2vpn_libdir)
+    cmake_path(APPEND prefix \"${CMAKE_INSTALL_SBINDIR}\" OUTPUT_VARIABLE l2vpn_sbindir)
+    foreach(script l2vpn-latency l2vpn-states l2vpn-traffic)
+        configure_file(\"${packaging}/bpftrace/\${script}.bt.in\" \"${made}/\${script}.bt\" @ONLY)
+        file(INSTALL \"${made}/\${script}.bt\" DESTINATION \"\${prefix}/${CMAKE_INSTALL_DATADIR}/l2vpn\")
+    endforeach()")
 install(FILES ${made}/l2vpnd.service ${packaging}/systemd/l2vpnd.socket DESTINATION ${L2VPN_UNITDIR})
 install(FILES ${packaging}/systemd/sysusers.conf DESTINATION lib/sysusers.d RENAME l2vpnd.conf)
 install(FILES ${packaging}/systemd/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME l2vpnd.conf)

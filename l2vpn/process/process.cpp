@@ -1,5 +1,7 @@
 #include "process.h"
 
+#include "probe.h"
+
 #include <algorithm>
 #include <bit>
 #include <cerrno>
@@ -76,6 +78,8 @@ drop l2vpn_process::take(owner &from, bytes raw, message &msg)
         return reason;
     }
     const batch_step step = from.batch.follow(*msg.row, msg.flags, msg.count, from.count.batch);
+    L2VPN_PROBE(l2vpnd, batch, from.info.peer_id, from.info.class_id, msg.row->type, msg.count,
+                uint32_t{step.opened}, uint32_t{step.closed});
     drop result = drop::none;
     try {
         result = (this->*s_handlers[msg.row->type].fn)(from, msg, step);

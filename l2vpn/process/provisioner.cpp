@@ -7,6 +7,7 @@
  * wanted can change until the message is made.
  */
 #include "encoder.h"
+#include "probe.h"
 #include "process.h"
 
 #include <algorithm>
@@ -108,6 +109,8 @@ qerrno l2vpn_process::tell_some(owner &to)
     const qerrno status =
         provision ? send(to, L2VPN_AC_MSG_PROV, encode_provision(cls, store, slots, m_options.nodeid, 0))
                   : send(to, L2VPN_AC_MSG_UNPROV, encode_unprovision(store, slots, 0));
+    L2VPN_PROBE(l2vpnd, provision, to.info.peer_id, to.info.class_id, uint32_t{provision},
+                uint64_t{slots.size()}, status);
     if (status == EOK) {
         for (const uint32_t slot : slots) {
             store.head(slot).provisioned = provision;

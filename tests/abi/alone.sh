@@ -35,7 +35,7 @@ cp "$root/tests/abi/contract_platform.h" "$work/contract/platform/platform.h"
 compiles c "$root/tests/abi/headers.c" -I"$lib" -I"$work/contract"
 compiles c++ "$root/tests/abi/headers.cpp" -I"$lib" -I"$work/contract"
 for source in "$root"/l2vpn/lib/src/*.cpp; do
-    compiles c++ "$source" -I"$lib" -I"$work/contract"
+    compiles c++ "$source" -I"$lib" -I"$work/contract" -I"$root/l2vpn/probes"
 done
 
 # calls FUNCTION-CALL: compiles a program that makes it.

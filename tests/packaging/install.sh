@@ -21,10 +21,13 @@ lib=$(dirname "$(find "$prefix" -name libl2vpn_ac.so.1)")
 
 missing=()
 for file in bin/l2vpnctl bin/l2vpn-trace sbin/l2vpnd include/l2vpn/l2vpn_ac_api.h include/platform/platform.h \
-    include/platform/sim.h share/bash-completion/completions/l2vpnctl \
+    include/platform/sim.h share/l2vpn/l2vpn-states.bt share/bash-completion/completions/l2vpnctl \
     share/doc/l2vpn_ac/tutorial.md share/doc/l2vpn_ac/performance_cost.svg share/doc/l2vpn_ac/CHANGELOG.md; do
     if [[ ! -e $prefix/$file ]]; then missing+=("$file"); fi
 done
+if grep -q '@l2vpn_' "$prefix"/share/l2vpn/*.bt; then
+    missing+=("the paths in share/l2vpn/*.bt")
+fi
 for library in l2vpn_ac l2vpn_platform l2vpn_sim; do
     for file in "lib$library.so" "lib$library.so.1" "pkgconfig/$library.pc"; do
         if [[ ! -e $lib/$file ]]; then missing+=("$lib/$file"); fi

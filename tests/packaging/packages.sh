@@ -35,7 +35,7 @@ has libl2vpn-ac-dev usr/include/l2vpn/l2vpn_ac_api.h usr/include/platform/platfo
     usr/share/man/man3/l2vpn_ac_create.3.gz usr/share/man/man7/l2vpn_ac.7.gz
 has l2vpnd usr/sbin/l2vpnd usr/bin/l2vpnctl usr/bin/l2vpn-trace lib/systemd/system/l2vpnd.service \
     lib/systemd/system/l2vpnd.socket usr/lib/sysusers.d/l2vpnd.conf usr/lib/tmpfiles.d/l2vpnd.conf \
-    etc/l2vpn/l2vpnd.conf "$multiarch/wireshark/plugins/l2vpn.lua" \
+    etc/l2vpn/l2vpnd.conf usr/share/l2vpn/l2vpn-{latency,states,traffic}.bt "$multiarch/wireshark/plugins/l2vpn.lua" \
     usr/share/bash-completion/completions/{l2vpnctl,l2vpnd,l2vpn-trace} usr/share/man/man8/l2vpnd.8.gz
 for page in "$sources"/CHANGELOG.md "$sources"/docs/*.md "$sources"/docs/*.svg; do
     has l2vpn-ac-doc "usr/share/doc/l2vpn-ac-doc/${page##*/}"

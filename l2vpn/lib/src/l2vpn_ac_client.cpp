@@ -109,7 +109,7 @@ static qerrno connect_client(l2vpn_ac_client_use &client, l2vpn_ac_class_t class
         return undo(client, taken::registration, rc);
     }
 
-    client->state.store(L2VPN_AC_ST_JOINING, std::memory_order_relaxed);
+    l2vpn_ac_set_state(client.get(), L2VPN_AC_ST_JOINING);
     client->retry_secs.store(L2VPN_AC_RETRY_AFTER_CONNECT, std::memory_order_relaxed);
     *hd = client.get();
     rc = l2vpn_ac_activate_timer(client.get());

@@ -2,6 +2,7 @@
 
 #include "l2vpn_ac_debug.h"
 #include "l2vpn_ac_state.h"
+#include "probe.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -209,8 +210,10 @@ l2vpn_ac_client_use::l2vpn_ac_client_use(const void *handle)
         return;
     begin(handle);
     const wavl_node_t *const node = wavl_search(&s_l2vpn_ac_global.client_tree, node_of(handle), 0);
-    if (node != nullptr)
-        ctx_ = static_cast<l2vpn_ac_client_ctx *>(const_cast<void *>(l2vpn_ac_client_get_key(node)));
+    if (node == nullptr)
+        return;
+    ctx_ = static_cast<l2vpn_ac_client_ctx *>(const_cast<void *>(l2vpn_ac_client_get_key(node)));
+    L2VPN_PROBE(l2vpn_ac, client__found, ctx_, ctx_->class_id);
 }
 
 l2vpn_ac_client_use::l2vpn_ac_client_use(first, l2vpn_ac_client_ctx *ctx) : ctx_(ctx), inherits_(true)

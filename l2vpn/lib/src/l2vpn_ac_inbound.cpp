@@ -11,6 +11,7 @@
  */
 #include "l2vpn_ac_inbound.h"
 
+#include "l2vpn_ac_callback.h"
 #include "l2vpn_ac_class.h"
 #include "l2vpn_ac_data.h"
 #include "l2vpn_ac_debug.h"
@@ -74,7 +75,8 @@ void provision(const inbound &message)
         return;
     }
     if (message.client->cbv.prov_cb != nullptr)
-        (void)message.client->cbv.prov_cb(message.client, bulk, message.handles(), data, message.hdr->flags);
+        l2vpn_ac_call<L2VPN_AC_MSG_PROV>(message.client, message.client->cbv.prov_cb, bulk, message.handles(),
+                                         data, message.hdr->flags);
     free(data);
 }
 
@@ -82,8 +84,8 @@ void unprovision(const inbound &message)
 {
     l2vpn_ac_convert_words(message.handles(), message.bulk());
     if (message.client->cbv.unprov_cb != nullptr)
-        (void)message.client->cbv.unprov_cb(message.client, message.bulk(), message.handles(),
-                                            message.hdr->flags);
+        l2vpn_ac_call<L2VPN_AC_MSG_UNPROV>(message.client, message.client->cbv.unprov_cb, message.bulk(),
+                                           message.handles(), message.hdr->flags);
 }
 
 void bulk_notify(const inbound &message)
@@ -93,15 +95,16 @@ void bulk_notify(const inbound &message)
 
     auto *const records = reinterpret_cast<l2vpn_ac_bulk_notify_t *>(message.payload());
     if (message.client->cbv.bulk_notify_cb != nullptr)
-        (void)message.client->cbv.bulk_notify_cb(message.client, message.bulk(), records, message.hdr->flags);
+        l2vpn_ac_call<L2VPN_AC_MSG_BULK_NOTIFY>(message.client, message.client->cbv.bulk_notify_cb,
+                                                message.bulk(), records, message.hdr->flags);
 }
 
 void hdr_notify(const inbound &message)
 {
     l2vpn_ac_convert_hdr(message.hdr);
     if (message.client->cbv.hdr_notify_cb != nullptr)
-        (void)message.client->cbv.hdr_notify_cb(message.client, message.hdr->bulk, nullptr,
-                                                message.hdr->flags);
+        l2vpn_ac_call<L2VPN_AC_MSG_HDR_NOTIFY>(message.client, message.client->cbv.hdr_notify_cb,
+                                               message.hdr->bulk, nullptr, message.hdr->flags);
 }
 
 /* --- the table --------------------------------------------------------------------------------------- */
@@ -170,5 +173,5 @@ void l2vpn_ac_msg_cb(l2vpn_ipc_client_t, uint32_t class_id, uint32_t, void *mess
     /* As the word lies now: a callback, or the header notice's conversion, may have changed it. */
     const uint32_t flags = hdr->flags;
     if ((flags & L2VPN_AC_FLAG_NOTICE) != 0)
-        (void)client->cbv.status_cb(client.get(), L2VPN_AC_STATUS_FLAG, flags);
+        l2vpn_ac_tell_status(client.get(), L2VPN_AC_STATUS_FLAG, flags);
 }

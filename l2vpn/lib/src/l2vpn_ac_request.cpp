@@ -3,6 +3,7 @@
  */
 #include "l2vpn_ac_bulk.h"
 #include "l2vpn_ac_debug.h"
+#include "probe.h"
 
 #include <cerrno>
 
@@ -69,19 +70,30 @@ static constexpr l2vpn_ac_kind delete_kind = {
     .failed_text = "Failed to unicast a DELETE to L2VPN:%s",
 };
 
+/* A function of its own for each kind: what its probes tell is in registers anyway. */
+template <const l2vpn_ac_kind &kind>
+static qerrno request(l2vpn_ac_client_hd_t hd, uint32_t flags, uint32_t bulk_size, ifhtype *ifh,
+                      l2vpn_ac_defn_t *defns, l2vpn_ac_info_t *infos)
+{
+    L2VPN_PROBE(l2vpn_ac, request__entry, kind.msg_type, hd, bulk_size, flags);
+    const qerrno rc = l2vpn_ac_bulk_send(kind, hd, flags, bulk_size, ifh, defns, infos);
+    L2VPN_PROBE(l2vpn_ac, request__return, kind.msg_type, rc);
+    return rc;
+}
+
 qerrno l2vpn_ac_create(l2vpn_ac_client_hd_t hd, uint32_t flags, uint32_t bulk_size, ifhtype *ifh,
                        l2vpn_ac_defn_t *defns, l2vpn_ac_info_t *infos)
 {
-    return l2vpn_ac_bulk_send(create_kind, hd, flags, bulk_size, ifh, defns, infos);
+    return request<create_kind>(hd, flags, bulk_size, ifh, defns, infos);
 }
 
 qerrno l2vpn_ac_update(l2vpn_ac_client_hd_t hd, uint32_t flags, uint32_t bulk_size, ifhtype *ifh,
                        l2vpn_ac_info_t *infos)
 {
-    return l2vpn_ac_bulk_send(update_kind, hd, flags, bulk_size, ifh, nullptr, infos);
+    return request<update_kind>(hd, flags, bulk_size, ifh, nullptr, infos);
 }
 
 qerrno l2vpn_ac_delete(l2vpn_ac_client_hd_t hd, uint32_t flags, uint32_t bulk_size, ifhtype *ifh)
 {
-    return l2vpn_ac_bulk_send(delete_kind, hd, flags, bulk_size, ifh, nullptr, nullptr);
+    return request<delete_kind>(hd, flags, bulk_size, ifh, nullptr, nullptr);
 }

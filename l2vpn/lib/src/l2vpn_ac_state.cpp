@@ -1,14 +1,22 @@
 #include "l2vpn_ac_state.h"
 
+#include "l2vpn_ac_callback.h"
 #include "l2vpn_ac_debug.h"
 #include "l2vpn_ac_delivery.h"
 #include "l2vpn_ac_lock.h"
 #include "l2vpn_ac_send.h"
+#include "probe.h"
 
 #include <cerrno>
 #include <cstring>
 
 static constexpr auto relaxed = std::memory_order_relaxed;
+
+void l2vpn_ac_set_state(l2vpn_ac_client_ctx *ctx, uint16_t state)
+{
+    ctx->state.store(state, relaxed);
+    L2VPN_PROBE(l2vpn_ac, state, ctx, ctx->class_id, uint32_t{state});
+}
 
 /* --- events ------------------------------------------------------------------------------------------ */
 
@@ -23,8 +31,8 @@ static void disconnected(l2vpn_ac_client_ctx *ctx, uint32_t event_arg)
     L2VPN_AC_DEBUG("l2vpn_ac_evt_cb", "Disconnected from L2VPN process");
     stop_timer(ctx);
     ctx->retry_secs.store(L2VPN_AC_RETRY_AFTER_EVENT, relaxed);
-    ctx->state.store(L2VPN_AC_ST_IDLE, relaxed);
-    (void)ctx->cbv.status_cb(ctx, L2VPN_AC_STATUS_DOWN, event_arg);
+    l2vpn_ac_set_state(ctx, L2VPN_AC_ST_IDLE);
+    l2vpn_ac_tell_status(ctx, L2VPN_AC_STATUS_DOWN, event_arg);
 }
 
 static void connected(l2vpn_ac_client_ctx *ctx, uint32_t event_arg)
@@ -32,9 +40,9 @@ static void connected(l2vpn_ac_client_ctx *ctx, uint32_t event_arg)
     L2VPN_AC_DEBUG("l2vpn_ac_evt_cb", "Connected to L2VPN process");
     if (ctx->state.load(relaxed) == L2VPN_AC_ST_JOINING)
         stop_timer(ctx);
-    ctx->state.store(L2VPN_AC_ST_UP, relaxed);
+    l2vpn_ac_set_state(ctx, L2VPN_AC_ST_UP);
     ctx->retry_secs.store(L2VPN_AC_RETRY_AFTER_EVENT, relaxed);
-    (void)ctx->cbv.status_cb(ctx, L2VPN_AC_STATUS_UP, event_arg);
+    l2vpn_ac_tell_status(ctx, L2VPN_AC_STATUS_UP, event_arg);
 }
 
 void l2vpn_ac_evt_cb(l2vpn_ipc_client_t, uint32_t peer, uint32_t, l2vpn_ipc_evt_t event, uint32_t event_arg,
@@ -62,6 +70,7 @@ static void start_timer(l2vpn_ac_client_ctx *ctx, const char *function)
         return;
     const uint32_t seconds = ctx->retry_secs.fetch_add(1, relaxed);
     L2VPN_AC_DEBUG(function, "%s %d secs", function, seconds);
+    L2VPN_PROBE(l2vpn_ac, retry, ctx, ctx->class_id, seconds);
     const timespec duration = {.tv_sec = static_cast<time_t>(seconds), .tv_nsec = 0};
     mgd_timer_leaf_start(ctx->tmr_leaf, &duration);
 }
@@ -77,7 +86,7 @@ qerrno l2vpn_ac_activate_timer(l2vpn_ac_client_ctx *ctx)
     start_timer(ctx, __func__);
 
     if (ctx->state.load(relaxed) == L2VPN_AC_ST_UP) {
-        (void)ctx->cbv.status_cb(ctx, L2VPN_AC_STATUS_DOWN, 0);
+        l2vpn_ac_tell_status(ctx, L2VPN_AC_STATUS_DOWN, 0);
         L2VPN_AC_DEBUG(__func__, "%s send down to client", __func__);
     }
     return EOK;
@@ -100,7 +109,7 @@ void l2vpn_ac_connect_expire_fn(mgd_timer_leaf_t *leaf)
     if (sent && state == L2VPN_AC_ST_UP) {
         L2VPN_AC_DEBUG(__func__, "%s send UP to client", __func__);
         client->retry_secs.store(L2VPN_AC_RETRY_AFTER_EVENT, relaxed);
-        (void)client->cbv.status_cb(client.get(), L2VPN_AC_STATUS_UP, 0);
+        l2vpn_ac_tell_status(client.get(), L2VPN_AC_STATUS_UP, 0);
         return;
     }
     start_timer(client.get(), __func__);
@@ -127,6 +136,8 @@ qerrno l2vpn_ac_send_join(const l2vpn_ac_client_ctx *ctx)
 
     alignas(l2vpn_ac_msg_hdr_t) uint8_t message[L2VPN_AC_HDR_LEN];
     std::memcpy(message, join, sizeof message);
-    return l2vpn_ipc_ucast(s_l2vpn_ac_global.ipc_client, ctx->class_id, L2VPN_AC_DESTINATION, message,
-                           sizeof message, 0);
+    const qerrno rc = l2vpn_ipc_ucast(s_l2vpn_ac_global.ipc_client, ctx->class_id, L2VPN_AC_DESTINATION,
+                                      message, sizeof message, 0);
+    L2VPN_PROBE(l2vpn_ac, join, ctx, ctx->class_id, rc);
+    return rc;
 }

@@ -51,6 +51,9 @@ void l2vpn_ac_connect_expire_fn(mgd_timer_leaf_t *leaf);
 /* The event manager's handler that runs all expired timers. Takes no lock. */
 void l2vpn_ac_tmr_expiry_handler(event_context_t *context, void *arg);
 
+/* From here on the client is in this state. */
+void l2vpn_ac_set_state(l2vpn_ac_client_ctx *ctx, uint16_t state);
+
 /* Sends the JOIN message. */
 qerrno l2vpn_ac_send_join(const l2vpn_ac_client_ctx *ctx);
 

@@ -14,6 +14,7 @@
 #include "l2vpn_ac_lock.h"
 #include "l2vpn_ac_send.h"
 #include "l2vpn_ac_wire.h"
+#include "probe.h"
 
 #include <cerrno>
 #include <sys/uio.h>
@@ -112,8 +113,7 @@ qerrno send_records(const mstp_kind &kind, l2vpn_ac_client_ctx *ctx, uint32_t fl
     return rc;
 }
 
-qerrno mstp_send(const mstp_kind &kind, l2vpn_ac_client_hd_t hd, uint32_t flags, void *records,
-                 uint32_t count)
+qerrno send(const mstp_kind &kind, l2vpn_ac_client_hd_t hd, uint32_t flags, void *records, uint32_t count)
 {
     L2VPN_AC_TRACE(kind.trace_id, kind.function, "%p 0x%x %u", static_cast<void *>(hd), flags, count);
 
@@ -124,6 +124,15 @@ qerrno mstp_send(const mstp_kind &kind, l2vpn_ac_client_hd_t hd, uint32_t flags,
     L2VPN_AC_DEBUG(kind.function, "%s", kind.called_text);
     return count == 0 ? send_empty(kind, client.get(), flags, lock)
                       : send_records(kind, client.get(), flags, records, count, lock);
+}
+
+qerrno mstp_send(const mstp_kind &kind, l2vpn_ac_client_hd_t hd, uint32_t flags, void *records,
+                 uint32_t count)
+{
+    L2VPN_PROBE(l2vpn_ac, request__entry, kind.msg_type, hd, count, flags);
+    const qerrno rc = send(kind, hd, flags, records, count);
+    L2VPN_PROBE(l2vpn_ac, request__return, kind.msg_type, rc);
+    return rc;
 }
 
 } // namespace
@@ -146,12 +155,15 @@ qerrno l2vpn_msti_vid_map(l2vpn_ac_client_hd_t hd, uint32_t flags, l2vpn_msti_vi
 
 qerrno l2vpn_mstp_protect(l2vpn_ac_client_hd_t hd, uint32_t flags, l2vpn_mstp_prot_t *prot)
 {
+    L2VPN_PROBE(l2vpn_ac, request__entry, L2VPN_MSTP_MSG_PROTECTED, hd, uint32_t{1}, flags);
     L2VPN_AC_TRACE(L2VPN_AC_TRACE_MSTP_PROTECT, __func__, "%p 0x%x", static_cast<void *>(hd), flags);
 
     const l2vpn_ac_lock lock(s_l2vpn_ac_global.api_lock, __func__);
     const l2vpn_ac_client_use client(hd);
-    if (!client)
+    if (!client) {
+        L2VPN_PROBE(l2vpn_ac, request__return, L2VPN_MSTP_MSG_PROTECTED, qerrno{EINVAL});
         return EINVAL;
+    }
 
     /* Static, under the lock: `bulk` is never written, and never leaks what a stack held. */
     static l2vpn_ac_msg_hdr_t hdr;
@@ -164,5 +176,6 @@ qerrno l2vpn_mstp_protect(l2vpn_ac_client_hd_t hd, uint32_t flags, l2vpn_mstp_pr
     copy.word = l2vpn_ac_convert(copy.word);
     const iovec pieces[] = {{&hdr, sizeof hdr}, {&copy, sizeof copy}};
     (void)l2vpn_ac_send_pieces(client.get(), pieces, 2);
+    L2VPN_PROBE(l2vpn_ac, request__return, L2VPN_MSTP_MSG_PROTECTED, qerrno{EOK});
     return EOK;
 }

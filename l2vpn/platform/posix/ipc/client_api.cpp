@@ -6,6 +6,7 @@
 
 #include "../capture/capture.h"
 #include "../config_internal.h"
+#include "probe.h"
 
 #include <cerrno>
 #include <platform/config.h>
@@ -250,6 +251,7 @@ extern "C" qerrno l2vpn_ipc_ucastv(l2vpn_ipc_client_t client, uint32_t class_id,
     }
     sending what;
     const qerrno status = send_or_queue(*client, class_id, pieces, count, length, what);
+    L2VPN_PROBE(l2vpn_platform, message__sent, class_id, length, status, pieces->iov_base, uint64_t{0});
     if (what.from && !what.waits) {
         client_record(*what.from, what.on.get(), l2vpn::capture::record_kind::message,
                       l2vpn::capture::flow::to_process, status, pieces, count);

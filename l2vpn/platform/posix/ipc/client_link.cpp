@@ -5,6 +5,7 @@
 #include "client.h"
 
 #include "../config_internal.h"
+#include "probe.h"
 #include "server_trust.h"
 
 #include <algorithm>
@@ -149,6 +150,7 @@ void flush_queue(l2vpn_ipc_client &client, registration &of, link &to)
 
 void greeted(l2vpn_ipc_client &client, registration &of, link &from, const greeting &answer)
 {
+    capture::begin_owner(); /* its directory may not have been there before */
     of.server_nodeid = answer.nodeid;
     of.flushed = 0;
     {
@@ -222,6 +224,8 @@ void read_messages(l2vpn_ipc_client &client, registration &of, link &from, uint3
             return;
         }
         const iovec message{buffer, received.length};
+        L2VPN_PROBE(l2vpn_platform, message__received, of.class_id, uint64_t{received.length}, buffer,
+                    uint64_t{0});
         client_record(of, &from, capture::record_kind::message, capture::flow::to_owner, EOK, &message, 1);
         of.msg_cb(&client, of.class_id, 0, buffer, received.length, 0, of.cookie);
     }

@@ -3,6 +3,8 @@
  */
 #include "server.h"
 
+#include "probe.h"
+
 #include <cerrno>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -165,6 +167,8 @@ bool greet(l2vpn_ipc_peer &peer, const void *bytes, const packet &received)
 void record_received(const l2vpn_ipc_peer &peer, void *buffer, uint32_t length)
 {
     const iovec message{buffer, length};
+    L2VPN_PROBE(l2vpn_platform, message__received, peer.info.class_id, uint64_t{length}, buffer,
+                peer.info.peer_id);
     record(peer, capture::record_kind::message, capture::flow::to_process, EOK, &message, 1);
 }
 
@@ -273,7 +277,10 @@ extern "C" qerrno l2vpn_ipc_server_sendv(l2vpn_ipc_server_t server, l2vpn_ipc_pe
     if (peer->state == peer_state::dropped) {
         return ENOTCONN;
     }
-    return send_or_queue(*peer, pieces, count, length);
+    const qerrno status = send_or_queue(*peer, pieces, count, length);
+    L2VPN_PROBE(l2vpn_platform, message__sent, peer->info.class_id, length, status, pieces->iov_base,
+                peer->info.peer_id);
+    return status;
 }
 
 extern "C" uint64_t l2vpn_ipc_server_queued(l2vpn_ipc_server_t, l2vpn_ipc_peer_t peer)
