@@ -18,6 +18,7 @@
 #include <new>
 #include <optional>
 #include <string_view>
+#include <sys/auxv.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -156,14 +157,14 @@ std::string debug_sink()
 }
 
 /* Off, on or a file. */
-std::string place(const char *name)
+std::string place(const char *name, std::string_view otherwise)
 {
     const auto text = environment(name);
     if (!text || *text == "off" || *text == "on" || text->find('/') != std::string_view::npos) {
-        return std::string(text.value_or("off"));
+        return std::string(text.value_or(otherwise));
     }
-    complain(name, *text, "not off, on or a path with a slash in it; using off");
-    return "off";
+    complain(name, *text, "not off, on or a path with a slash in it; using " + std::string(otherwise));
+    return std::string(otherwise);
 }
 
 configuration read_environment()
@@ -176,8 +177,10 @@ configuration read_environment()
     }
     read.log_to_stderr = log_to_stderr();
     read.debug_sink = debug_sink();
-    read.trace = place("L2VPN_TRACE");
-    read.capture = place("L2VPN_CAPTURE");
+    read.trace = place("L2VPN_TRACE", "off");
+    // What a set-id program was not asked for it does not write.
+    read.capture = place("L2VPN_CAPTURE", ::getauxval(AT_SECURE) != 0 ? "off" : "on");
+    read.capture_asked = environment("L2VPN_CAPTURE").has_value();
     return read;
 }
 
@@ -193,14 +196,21 @@ const configuration &config()
 qerrno make_runtime_dir(std::string &problem)
 {
     const std::string &path = config().runtime_dir;
+    if (::mkdir(path.c_str(), 0750) < 0 && errno != EEXIST) {
+        const int cause = errno;
+        problem = path + ": cannot make the directory: " + ::strerrordesc_np(cause);
+        return static_cast<qerrno>(cause);
+    }
+    return check_runtime_dir(problem);
+}
+
+qerrno check_runtime_dir(std::string &problem)
+{
+    const std::string &path = config().runtime_dir;
     const auto refuse = [&](int cause, const std::string &why) {
         problem = path + ": " + why;
         return static_cast<qerrno>(cause);
     };
-    if (::mkdir(path.c_str(), 0750) < 0 && errno != EEXIST) {
-        const int cause = errno;
-        return refuse(cause, std::string("cannot make the directory: ") + ::strerrordesc_np(cause));
-    }
     // Anybody may put anything under /tmp: a link there is somebody else's.
     struct stat found {};
     const bool is_fallback = path == fallback_dir();

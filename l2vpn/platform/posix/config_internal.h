@@ -27,6 +27,7 @@ struct configuration {
     std::string trace;
     std::uint32_t trace_size_kib = 0;
     std::string capture;
+    bool capture_asked = false; /* by the environment: what goes wrong is said */
     std::uint32_t capture_size_kib = 0;
     std::uint32_t capture_snap = 0;
 };
@@ -38,6 +39,9 @@ struct configuration {
  * is there and fit to be trusted, else the errno and, in `problem`, one line that names the directory and
  * says what is wrong. Any thread. */
 [[nodiscard]] qerrno make_runtime_dir(std::string &problem);
+
+/* The same for a directory that is there. */
+[[nodiscard]] qerrno check_runtime_dir(std::string &problem);
 
 } // namespace l2vpn::platform_posix
 

@@ -20,6 +20,7 @@
 #include <new>
 #include <pthread.h>
 #include <string_view>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -30,7 +31,12 @@ constinit std::atomic<ring *> in_use{nullptr};
 
 namespace {
 
-constexpr std::size_t dead_rings_kept = 2;
+/* Of processes that have ended, in the runtime directory. */
+constexpr std::size_t dead_rings_kept = 2; /* of one name */
+constexpr std::size_t all_dead_rings_kept = 32;
+
+/* What an owner's ring by default leaves free of its file system. */
+constexpr std::uint64_t share_left_free = 4;
 
 struct switchboard {
     std::mutex lock;
@@ -79,7 +85,7 @@ void replace(std::unique_ptr<ring> next)
     }
 }
 
-/* With the lock held. */
+/* With the lock held. A directory for a place of its own is there. */
 qerrno open_ring(const std::string &where, observer by, std::uint64_t size, std::uint32_t snap,
                  std::string &problem)
 {
@@ -89,20 +95,19 @@ qerrno open_ring(const std::string &where, observer by, std::uint64_t size, std:
         own_place
             ? trace::path_of_process(config().runtime_dir, program_invocation_short_name, trace::ring_file)
             : where;
-    qerrno cause = own_place ? platform_posix::make_runtime_dir(problem) : qerrno{EOK};
+    qerrno cause = EOK;
     std::unique_ptr<ring> opened;
     if (const ring *current = in_use.load(); current != nullptr && current->path() == path) {
         replace(nullptr); /* it becomes the predecessor */
     }
-    if (cause == EOK) {
-        opened = ring::create(path, by, size, snap, cause, problem);
-    }
+    opened = ring::create(path, by, size, snap, cause, problem);
     if (opened == nullptr) {
         return cause;
     }
     if (own_place) {
         trace::remove_dead(config().runtime_dir, program_invocation_short_name, dead_rings_kept,
                            trace::ring_file);
+        trace::remove_dead(config().runtime_dir, "", all_dead_rings_kept, trace::ring_file);
     }
     replace(std::move(opened));
     return EOK;
@@ -114,7 +119,10 @@ qerrno open_or_say(const char *where, observer by, std::uint32_t size_kib, std::
     std::string problem;
     qerrno status = ENOMEM;
     try {
-        status = open_ring(where, by, std::uint64_t{size_kib} * 1024, snap, problem);
+        status = std::string_view(where) == "on" ? platform_posix::make_runtime_dir(problem) : qerrno{EOK};
+        if (status == EOK) {
+            status = open_ring(where, by, std::uint64_t{size_kib} * 1024, snap, problem);
+        }
     } catch (const std::bad_alloc &) {
         problem.clear();
     }
@@ -123,6 +131,28 @@ qerrno open_or_say(const char *where, observer by, std::uint32_t size_kib, std::
                      problem.empty() ? qerr_strerror(status) : problem.c_str());
     }
     return status;
+}
+
+bool leaves_room(const std::string &directory, std::uint64_t size)
+{
+    struct statvfs about {};
+    return ::statvfs(directory.c_str(), &about) == 0 &&
+           about.f_bavail >= about.f_blocks / share_left_free + size / about.f_frsize + 1;
+}
+
+/* A ring that nobody asked for: it takes no directory that is not there, and no space that is wanted elsewhere, and
+ * where there cannot be one nobody is told. With the lock held. False: there may be one later. */
+bool open_by_default(const platform_posix::configuration &config) noexcept
+try {
+    const std::uint64_t size = std::uint64_t{config.capture_size_kib} * 1024;
+    std::string problem;
+    const qerrno status = platform_posix::check_runtime_dir(problem);
+    if (status == EOK && leaves_room(config.runtime_dir, size)) {
+        (void)open_ring("on", observer::owner, size, config.capture_snap, problem);
+    }
+    return status != ENOENT;
+} catch (const std::bad_alloc &) {
+    return false;
 }
 
 } // namespace
@@ -170,8 +200,13 @@ void begin_owner()
         return;
     }
     const platform_posix::configuration &config = platform_posix::config();
-    if (config.capture != "off") {
+    if (config.capture == "off") {
+        return;
+    }
+    if (config.capture_asked) {
         open_or_say(config.capture.c_str(), observer::owner, config.capture_size_kib, config.capture_snap);
+    } else {
+        board().owner_begun = open_by_default(config);
     }
 }
 

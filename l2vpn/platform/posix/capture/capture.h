@@ -39,7 +39,7 @@ void record(record_kind kind, flow direction, const link_facts &about, qerrno st
 /* The name of a running program, as far as it can be told. */
 [[nodiscard]] std::array<char, 16> name_of_process(pid_t pid);
 
-/* An owner begins: its ring is made, as the environment says, unless there is one. */
+/* An owner begins, or a link of it: its ring is made, as the environment says, unless there is one or cannot be. */
 void begin_owner();
 
 } // namespace l2vpn::capture
