@@ -39,8 +39,8 @@ extern "C" __attribute__((visibility("default"))) int statvfs(const char *path, 
 {
     using function = int (*)(const char *, struct statvfs *);
     const int result = reinterpret_cast<function>(dlsym(RTLD_NEXT, "statvfs"))(path, about);
-    /* A quarter of it is free, and no byte more; or all of it. */
-    about->f_bavail = s_nearly_full ? about->f_blocks / 4 : about->f_blocks;
+    constexpr uint64_t wanted = uint64_t{64} * 256 * 1024;
+    about->f_bavail = wanted / about->f_frsize - (s_nearly_full ? 1 : 0);
     return result;
 }
 
@@ -278,7 +278,7 @@ TEST_F(owner_rings, take_nothing_of_a_full_disk)
     EXPECT_THAT(files(), IsEmpty());
 }
 
-TEST_F(owner_rings, leave_a_quarter_of_the_disk_free_unless_they_are_asked_for)
+TEST_F(owner_rings, take_a_sixty_fourth_of_what_is_free_at_most_unless_they_are_asked_for)
 {
     s_nearly_full = true;
     expect_none();

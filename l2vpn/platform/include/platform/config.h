@@ -21,8 +21,8 @@
  *   L2VPN_CAPTURE          the ring of an owner's latest messages: off, or on (a file of its own under the
  *                          runtime directory, NAME-PID.ring; of processes that have ended, the newest 2 of a
  *                          name are kept, and 32 of all), or the file's path, which has a slash in it. By
- *                          default on where the directory is there and may be written, and a quarter of its
- *                          file system stays free; off, without a word, elsewhere and in set-id programs
+ *                          default on where the directory is there and may be written and 64 times the
+ *                          ring's size is free; off, without a word, elsewhere and in set-id programs
  *   L2VPN_CAPTURE_SIZE     size of that ring in KiB, 64 to 1048576. Default 256
  *   L2VPN_CAPTURE_SNAP     how many bytes of a message it keeps, 16 to 1048576. Default 160
  *

@@ -35,8 +35,8 @@ namespace {
 constexpr std::size_t dead_rings_kept = 2; /* of one name */
 constexpr std::size_t all_dead_rings_kept = 32;
 
-/* What an owner's ring by default leaves free of its file system. */
-constexpr std::uint64_t share_left_free = 4;
+/* A ring that nobody asked for takes no more than this part of what is free: any number of them fills no disk. */
+constexpr std::uint64_t part_of_free_space = 64;
 
 struct switchboard {
     std::mutex lock;
@@ -133,11 +133,11 @@ qerrno open_or_say(const char *where, observer by, std::uint32_t size_kib, std::
     return status;
 }
 
-bool leaves_room(const std::string &directory, std::uint64_t size)
+bool has_room(const std::string &directory, std::uint64_t size)
 {
     struct statvfs about {};
     return ::statvfs(directory.c_str(), &about) == 0 &&
-           about.f_bavail >= about.f_blocks / share_left_free + size / about.f_frsize + 1;
+           about.f_bavail * about.f_frsize >= size * part_of_free_space;
 }
 
 /* A ring that nobody asked for: it takes no directory that is not there, and no space that is wanted elsewhere, and
@@ -147,7 +147,7 @@ try {
     const std::uint64_t size = std::uint64_t{config.capture_size_kib} * 1024;
     std::string problem;
     const qerrno status = platform_posix::check_runtime_dir(problem);
-    if (status == EOK && leaves_room(config.runtime_dir, size)) {
+    if (status == EOK && has_room(config.runtime_dir, size)) {
         (void)open_ring("on", observer::owner, size, config.capture_snap, problem);
     }
     return status != ENOENT;
