@@ -95,23 +95,6 @@ json records_of(const captured &what, const reading &message)
     return rows;
 }
 
-std::string time_text(std::uint64_t time, const char *format, bool utc)
-{
-    const auto whole = static_cast<time_t>(time / 1'000'000'000);
-    tm parts{};
-    utc ? gmtime_r(&whole, &parts) : localtime_r(&whole, &parts);
-    char text[64];
-    strftime(text, sizeof text, format, &parts);
-    char fraction[16];
-    snprintf(fraction, sizeof fraction, ".%09" PRIu64, time % 1'000'000'000);
-    return text + std::string(fraction);
-}
-
-std::string owner_name(const record_head &head)
-{
-    return l2vpnd::to_text({reinterpret_cast<const std::uint8_t *>(head.name.data()), head.name.size()});
-}
-
 /* "a=1 b=2:3" */
 std::string flat(const json &object)
 {
@@ -178,6 +161,23 @@ std::string message_text(const captured &what, const reading &message)
 
 } // namespace
 
+std::string time_text(std::uint64_t time, const char *format, bool utc)
+{
+    const auto whole = static_cast<time_t>(time / 1'000'000'000);
+    tm parts{};
+    utc ? gmtime_r(&whole, &parts) : localtime_r(&whole, &parts);
+    char text[64];
+    strftime(text, sizeof text, format, &parts);
+    char fraction[16];
+    snprintf(fraction, sizeof fraction, ".%09" PRIu64, time % 1'000'000'000);
+    return text + std::string(fraction);
+}
+
+std::string program_of(const record_head &head)
+{
+    return l2vpnd::to_text({reinterpret_cast<const std::uint8_t *>(head.name.data()), head.name.size()});
+}
+
 json describe(const captured &what, const reading &message, detail how)
 {
     const record_head &head = what.head;
@@ -185,11 +185,11 @@ json describe(const captured &what, const reading &message, detail how)
                 {"observer", head.by == observer::process ? "process" : "owner"},
                 {"number", head.number},
                 {head.by == observer::process ? "owner" : "link", head.link},
-                {"class", head.class_id},
+                {"class", head.class_id == no_class ? json() : json(head.class_id)},
                 {"node", head.nodeid},
                 {"pid", head.pid},
                 {"uid", head.uid},
-                {"program", owner_name(head)}};
+                {"program", program_of(head)}};
     static constexpr const char *kinds[] = {"message", "up", "down", "refused"};
     out["kind"] = kinds[static_cast<int>(head.kind) - 1];
     out["status"] = head.status;
@@ -222,8 +222,8 @@ std::string to_lines(const captured &what, const reading &message, detail how, b
     const record_head &head = what.head;
     std::string out = time_text(what.time, "%H:%M:%S", false);
     out += (head.by == observer::process ? " owner " : " link ") + std::to_string(head.link) + " ";
-    out +=
-        owner_name(head) + "[" + std::to_string(head.pid) + "] class " + std::to_string(head.class_id) + " ";
+    out += program_of(head) + "[" + std::to_string(head.pid) + "] " +
+           (head.class_id == no_class ? "no class" : "class " + std::to_string(head.class_id)) + " ";
     switch (head.kind) {
     case record_kind::message:
         out += message_text(what, message);

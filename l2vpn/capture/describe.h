@@ -32,6 +32,9 @@ struct reading {
 
 [[nodiscard]] reading read(const captured &what);
 
+/* The same; a malformed message is read as its header says, too, as far as that is there. Its fault stays. */
+[[nodiscard]] reading read_as_claimed(const captured &what);
+
 /* The bytes of an element; empty where they were not kept. */
 [[nodiscard]] std::span<const std::uint8_t> element(const captured &what, const section &of,
                                                     std::uint32_t index);
@@ -45,6 +48,12 @@ struct reading {
 
 /* The same for a name; else empty. */
 [[nodiscard]] std::string name_in(const captured &what, const reading &message, std::uint32_t index);
+
+/* A time of a record, in the local zone or UTC: the format of strftime(), then nanoseconds. */
+[[nodiscard]] std::string time_text(std::uint64_t time, const char *format, bool utc);
+
+/* The name of the owner's program, for people. */
+[[nodiscard]] std::string program_of(const record_head &head);
 
 enum class detail : std::uint8_t { none, records };
 

@@ -102,6 +102,18 @@ reading read(const captured &what)
     return message;
 }
 
+reading read_as_claimed(const captured &what)
+{
+    reading message = read(what);
+    const l2vpnd::class_row *cls = l2vpnd::find_class(what.head.class_id);
+    if (message.fault != nullptr && message.row != nullptr && cls != nullptr) {
+        const std::uint64_t count = message.row->counted ? message.words[0] : 1;
+        message.sections = sections_of(*message.row, *cls, count);
+        message.count = static_cast<std::uint32_t>(std::min<std::uint64_t>(count, what.message.size()));
+    }
+    return message;
+}
+
 l2vpnd::field_list record_fields(std::uint32_t type)
 {
     switch (type) {

@@ -104,6 +104,7 @@ local records = {
 
 local packed_heads = 17 -- the class whose information is its heads, one behind the other, and zeros
 local packed_info_size = 200
+local no_class = 0xFFFFFFFF -- of a link that was refused before it had told one
 
 local function size_of(layout)
     local size = 0
@@ -325,7 +326,7 @@ function l2vpn.dissector(tvb, pinfo, root)
     end
     local program = text_in(tvb(48, 16))
     record:add(f.program, tvb(48, 16), program)
-    local owner = program .. "[" .. tvb(16, 4):uint() .. "] class " .. class
+    local owner = program .. "[" .. tvb(16, 4):uint() .. "] " .. (class == no_class and "no class" or "class " .. class)
     pinfo.cols.src = direction == to_owner and "l2vpnd" or owner
     pinfo.cols.dst = direction == to_owner and owner or "l2vpnd"
     local info = {}

@@ -3,6 +3,7 @@
  */
 #include "../unit/ipc/harness.h"
 #include "child.h"
+#include "describe.h"
 #include "ring_reader.h"
 
 #include <algorithm>
@@ -96,6 +97,27 @@ TEST_F(recorded_links, links_that_the_server_ends_are_down)
     server.stop();
     ASSERT_EQ(count(record_kind::link_down), 2U);
     EXPECT_EQ(m_records.back().head.link, 2U);
+}
+
+/* Not of class 0, which it never named. */
+TEST_F(recorded_links, a_link_that_is_refused_before_it_has_told_a_class_has_none)
+{
+    ASSERT_EQ(server.start(on, service), qerrno{EOK});
+    const raw_socket stranger = raw_socket::connect_to(socket_path(service));
+    ASSERT_TRUE(stranger.send(bytes(12, 'x')));
+    ASSERT_TRUE(on.until([&] { return count(record_kind::link_refused) == 1; }));
+    const captured &refused = m_records.back();
+    EXPECT_EQ(refused.head.class_id, no_class);
+    EXPECT_EQ(refused.head.status, static_cast<uint32_t>(EPROTO));
+    EXPECT_TRUE(describe(refused, read(refused), detail::none)["class"].is_null());
+    EXPECT_NE(
+        to_lines(refused, read(refused), detail::none, false).find("] no class REFUSED: Protocol error\n"),
+        std::string::npos);
+
+    const raw_socket wide = raw_socket::connect_to(socket_path(service));
+    ASSERT_TRUE(wide.send(greeting_bytes({.class_id = 5, .mtu = 1 << 20})));
+    ASSERT_TRUE(on.until([&] { return count(record_kind::link_refused) == 2; }));
+    EXPECT_EQ(m_records.back().head.class_id, 5U) << "it has told its own";
 }
 
 TEST_F(recorded_links, a_link_that_its_peer_ends_is_down_once)

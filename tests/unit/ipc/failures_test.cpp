@@ -201,6 +201,23 @@ TEST_F(client_failures, a_socket_that_does_not_tell_its_room_has_room_for_the_co
     EXPECT_EQ(mtu, 65536U);
 }
 
+TEST_F(client_failures, a_server_whose_user_cannot_be_told_is_not_said_to_pose_as_one)
+{
+    recording_server server;
+    ASSERT_EQ(server.start(on, service), qerrno{EOK});
+    owner one(new_client(on, service), 5);
+    ASSERT_EQ(one.start(), qerrno{EOK});
+    order ordered("getsockopt", ENOBUFS);
+    ordered.begin();
+    EXPECT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_CONNECTED) == 1; }));
+    ordered.end();
+    EXPECT_EQ(ordered.failed().cause, ENOBUFS);
+    EXPECT_EQ(
+        syslog_count(socket_path(service) + ": cannot tell who the server is: No buffer space available"),
+        1U);
+    EXPECT_EQ(syslog_count(socket_path(service) + ": a process of uid"), 0U);
+}
+
 TEST_F(client_failures, a_class_that_cannot_be_registered_can_be_later)
 {
     recording_server server;

@@ -14,6 +14,7 @@ namespace l2vpn::capture {
 
 constexpr std::uint16_t record_version = 1;
 constexpr std::size_t head_length = 64;
+constexpr std::uint32_t no_class = 0xFFFFFFFF; /* of a link that was refused before it had told one */
 
 enum class record_kind : std::uint8_t { message = 1, link_up, link_down, link_refused };
 enum class flow : std::uint8_t { none, to_process, to_owner };

@@ -284,8 +284,13 @@ void client_attempt(l2vpn_ipc_client &client, registration &of)
     }
     ucred listener{};
     socklen_t size = sizeof listener;
-    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &listener, &size) != 0 ||
-        !server_is_trusted(listener.uid, geteuid(), directory_given_to(client.directory))) {
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &listener, &size) != 0) {
+        client_attempt_failed(client, of, LOG_ERR,
+                              std::string("cannot tell who the server is: ") +
+                                  qerr_strerror(static_cast<qerrno>(errno)));
+        return;
+    }
+    if (!server_is_trusted(listener.uid, geteuid(), directory_given_to(client.directory))) {
         client_attempt_failed(
             client, of, LOG_ERR,
             "a process of uid " + std::to_string(listener.uid) + " poses as the server: not trusted", true);

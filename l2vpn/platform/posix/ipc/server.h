@@ -43,6 +43,7 @@ struct l2vpn_ipc_peer {
     l2vpn_ipc_peer_info_t info{};
     std::array<char, 16> name{}; /* of its program, when its messages are recorded */
     peer_state state = peer_state::greeting;
+    bool greeted = false; /* its class is known */
     bool end_recorded = false;
     event_fd_watch_t *watch = nullptr;
     l2vpn::ipc::message_queue queue;

@@ -25,8 +25,8 @@ void record(const l2vpn_ipc_peer &peer, capture::record_kind kind, capture::flow
     if (!capture::is_off()) {
         const l2vpn_ipc_peer_info_t &info = peer.info;
         capture::record(kind, direction,
-                        {info.class_id, info.nodeid, info.peer_id, static_cast<uint32_t>(info.pid), info.uid,
-                         peer.name.data()},
+                        {peer.greeted ? info.class_id : capture::no_class, info.nodeid, info.peer_id,
+                         static_cast<uint32_t>(info.pid), info.uid, peer.name.data()},
                         status, pieces, count);
     }
 }
@@ -137,6 +137,7 @@ bool greet(l2vpn_ipc_peer &peer, const void *bytes, const packet &received)
                     "sent garbage of " + std::to_string(received.length) + " bytes for a greeting");
         return false;
     }
+    peer.greeted = true;
     peer.info.class_id = hello.class_id;
     peer.info.nodeid = hello.nodeid;
     if (hello.mtu > peer.info.mtu) {
