@@ -102,7 +102,8 @@ uint32_t ac_store::insert(uint32_t node, uint32_t handle, uint32_t owner)
     const uint32_t slot = take_slot();
     const uint32_t hash = hash_of(node, handle);
     m_index[probe(hash, node, handle)] = {slot, hash};
-    new (place(slot)) ac_head{node, handle, owner, no_slot, no_slot, 0, ac_stage::settled, false, false, 0};
+    new (place(slot)) ac_head{node,  handle, owner,           no_slot, no_slot, 0, 0, 0, ac_stage::settled,
+                              false, false,  ac_asker::nobody};
     m_count++;
     return slot;
 }

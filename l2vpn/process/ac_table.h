@@ -1,14 +1,14 @@
 /*
  * The ACs, by node, class and handle.
  *
- * One store a class, because ACs of one class are all of one size. In a store every AC has a slot: a head of 28
+ * One store a class, because ACs of one class are all of one size. In a store every AC has a slot: a head of 36
  * bytes, the definition and the info message, both exactly as they came. Slots stand in chunks that never
  * move, so a slot number names an AC for its life and a reader can page through a store by slot number
  * while ACs come and go. A hash index of 8 bytes an entry (slot and hash, linear probing, at most three
  * quarters full) finds an AC by node and handle without touching any other slot.
  *
- * Memory per AC: 28 + 616 + info size, and 11 to 22 bytes of the index: 671 to 682 bytes for a class with a
- * head only, 3,011 to 3,022 for class 8. Chunks are reused, and returned when a class has no AC left.
+ * Memory per AC: 36 + 616 + info size, and 11 to 22 bytes of the index: 679 to 690 bytes for a class with a
+ * head only, 3,019 to 3,030 for class 8. Nine of them are for `explain` alone: created, message, asker. Chunks are reused, and returned when a class has no AC left.
  *
  * The ACs of one owner are chained into lists through their heads; an AC is on exactly one list at a time.
  * Everything belongs to the event manager's thread.
@@ -34,20 +34,25 @@ enum class ac_stage : uint8_t {
     count
 };
 
+/* Who has last asked for it to be provisioned, or not to be. */
+enum class ac_asker : uint8_t { nobody, automatic, an_operator, count };
+
 struct ac_head {
     uint32_t node;
     uint32_t handle;
     uint32_t owner; /* the owner's slot; no_slot: this slot is free */
     uint32_t previous;
     uint32_t next;
-    uint32_t xcid; /* 0: was never provisioned */
+    uint32_t xcid;    /* 0: was never provisioned */
+    uint32_t created; /* seconds since 1970 */
+    uint32_t message; /* that created it: the how manieth over its owner's link */
     ac_stage stage;
     bool provisioned; /* the owner was told to provision it, and not told otherwise since */
     bool wanted;
-    uint8_t spare;
+    ac_asker asker;
 };
 
-static_assert(sizeof(ac_head) == 28, "as compact as told above");
+static_assert(sizeof(ac_head) == 36, "as compact as told above");
 
 /* A list of ACs of one store. */
 struct ac_list {

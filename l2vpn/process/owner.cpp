@@ -4,6 +4,11 @@
 
 namespace l2vpnd {
 
+uint64_t counters::all_received() const
+{
+    return std::accumulate(received.begin(), received.end(), all_dropped());
+}
+
 uint64_t counters::all_dropped() const
 {
     return std::accumulate(dropped.begin(), dropped.end(), uint64_t{0});

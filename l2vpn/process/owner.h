@@ -36,6 +36,7 @@ struct counters {
     uint64_t unknown_deletes = 0;
     batch_counters batch;
 
+    uint64_t all_received() const; /* those that were dropped included */
     uint64_t all_dropped() const;
 };
 
@@ -46,6 +47,9 @@ struct owner {
     l2vpn_ipc_peer_t peer;
     l2vpn_ipc_peer_info_t info;
     time_t since;
+    time_t waiting_since =
+        0; /* something is to be sent over the link all the time since then; 0: nothing is */
+    uint32_t reconnects = 0; /* links of the same class that its client process had before */
     counters count;
     batches batch;
     std::array<ac_list, static_cast<size_t>(ac_stage::count)> acs;

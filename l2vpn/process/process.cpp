@@ -65,6 +65,7 @@ qerrno l2vpn_process::accept(l2vpn_ipc_peer_t peer, const l2vpn_ipc_peer_info_t 
         m_owners_refused++;
         return ENOMEM;
     }
+    know_again(**made);
     m_owners_seen++;
     m_log.write(topic::owners, LOG_INFO, "owner %" PRIu64 ": here (class %u, node %u, pid %d, uid %u)",
                 info.peer_id, info.class_id, info.nodeid, static_cast<int>(info.pid), info.uid);
@@ -96,6 +97,26 @@ drop l2vpn_process::take(owner &from, bytes raw, message &msg)
 uint64_t l2vpn_process::client_of(const owner &o)
 {
     return o.info.pid > 0 ? static_cast<uint64_t>(o.info.pid) : (uint64_t{1} << 32 | o.slot);
+}
+
+void l2vpn_process::know_again(owner &fresh)
+{
+    if (const auto past = m_ended.extract({fresh.info.pid, fresh.info.class_id, fresh.info.nodeid})) {
+        fresh.reconnects = past.mapped();
+        m_reconnects++;
+    }
+}
+
+void l2vpn_process::remember(const owner &gone) noexcept
+try {
+    if (gone.info.pid > 0) {
+        m_ended[{gone.info.pid, gone.info.class_id, gone.info.nodeid}] = gone.reconnects + 1;
+    }
+    if (m_ended.size() > m_options.max_owners) {
+        m_ended.erase(m_ended.begin());
+    }
+} catch (const std::bad_alloc &) {
+    return; /* it counts as another */
 }
 
 /* Ends what a message ends: its own batch, and those of its type on the same client's other links. Needs no
@@ -169,6 +190,7 @@ void l2vpn_process::closed(owner &gone, qerrno reason)
                 gone.info.peer_id, gone.info.class_id, gone.info.nodeid, static_cast<int>(gone.info.pid),
                 reason == EOK ? "link closed" : qerr_strerror(reason), withdrawn);
     add(m_gone, gone.count);
+    remember(gone);
     m_owners.remove(gone);
 }
 

@@ -62,11 +62,10 @@ public:
     /* False for a class whose ACs cannot be provisioned, and for a link too narrow for one of them. */
     static bool can_provision(const owner &of);
     /* What is to be told to the owner about an AC of its own, now or as soon as its link takes it. */
-    void want(owner &of, uint32_t slot, bool provisioned);
+    void want(owner &of, uint32_t slot, bool provisioned, ac_asker asker = ac_asker::an_operator);
     /* Sends what waits, as far as the owner's queue has room. */
     void send_waiting(owner &to);
     void send_all_waiting();
-    bool anything_waits() const;
     /* Sends one message at once. */
     qerrno send(owner &to, uint32_t type, bytes message);
 
@@ -81,6 +80,9 @@ public:
     time_t since() const { return m_since; }
     uint64_t owners_refused() const { return m_owners_refused; }
     uint64_t owners_seen() const { return m_owners_seen; }
+    /* Bytes in the owner's link's queue. */
+    uint64_t queued(const owner &of) const { return m_out.queued(of); }
+    uint64_t reconnects() const { return m_reconnects; }
     /* Of all owners that are and were. */
     counters totals() const;
 
@@ -109,14 +111,26 @@ private:
         uint32_t count;
     };
 
+    /* Of links that have ended. A pid that is given anew counts as the same process. */
+    struct link_key {
+        pid_t pid;
+        uint32_t class_id;
+        uint32_t node;
+        auto operator<=>(const link_key &other) const = default;
+    };
+
     static uint64_t client_of(const owner &o);
+    void know_again(owner &fresh);
+    void remember(const owner &gone) noexcept;
+    void note_waiting(owner &of);
     void end_batches(owner &from, uint32_t type, const batch_step &step);
     void end_batch(owner &of, uint32_t type);
     bool fits(const owner &from, const message &msg) const;
-    uint32_t claim(owner &from, uint32_t handle);
+    uint32_t claim(owner &from, uint32_t handle, uint32_t now, uint32_t number);
     uint32_t find_own(const owner &from, uint32_t handle) const;
     void settle(owner &of);
     void move(owner &of, uint32_t slot, ac_stage stage);
+    void tell_waiting(owner &to);
     qerrno tell_some(owner &to);
 
     process_options m_options;
@@ -126,10 +140,12 @@ private:
     record_budget m_mstp_budget;
     owner_table m_owners;
     std::map<uint64_t, client_links> m_links; /* by client */
+    std::map<link_key, uint32_t> m_ended;     /* how many each has had; as many as there can be owners */
     counters m_gone;
     uint32_t m_last_xcid = 0;
     uint64_t m_owners_refused = 0;
     uint64_t m_owners_seen = 0;
+    uint64_t m_reconnects = 0;
     time_t m_since;
 };
 

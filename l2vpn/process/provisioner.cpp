@@ -41,9 +41,11 @@ bool l2vpn_process::can_provision(const owner &of)
     return cls.data_size != 0 && provision_limit(cls, of.info.mtu) > 0;
 }
 
-void l2vpn_process::want(owner &of, uint32_t slot, bool provisioned)
+void l2vpn_process::want(owner &of, uint32_t slot, bool provisioned, ac_asker asker)
 {
-    m_acs.store(of.info.class_id).head(slot).wanted = provisioned;
+    ac_head &ac = m_acs.store(of.info.class_id).head(slot);
+    ac.wanted = provisioned;
+    ac.asker = asker;
     move(of, slot, ac_stage::waiting);
 }
 
@@ -54,7 +56,7 @@ void l2vpn_process::settle(owner &of)
     ac_list &list = of.list(ac_stage::batched);
     while (list.count > 0) {
         if (provision) {
-            want(of, list.first, true);
+            want(of, list.first, true, ac_asker::automatic);
         } else {
             move(of, list.first, ac_stage::settled);
         }
@@ -121,7 +123,23 @@ qerrno l2vpn_process::tell_some(owner &to)
     return status;
 }
 
+/* What waits is the process's own list, or in the link's queue. */
+void l2vpn_process::note_waiting(owner &of)
+{
+    if (of.list(ac_stage::waiting).count == 0 && m_out.queued(of) == 0) {
+        of.waiting_since = 0;
+    } else if (of.waiting_since == 0) {
+        of.waiting_since = time(nullptr);
+    }
+}
+
 void l2vpn_process::send_waiting(owner &to)
+{
+    tell_waiting(to);
+    note_waiting(to);
+}
+
+void l2vpn_process::tell_waiting(owner &to)
 {
     try {
         while (to.list(ac_stage::waiting).count > 0 && m_out.queued(to) < queue_enough) {
@@ -139,16 +157,6 @@ void l2vpn_process::send_all_waiting()
     for (owner *o = m_owners.after(0); o != nullptr; o = m_owners.after(o->info.peer_id)) {
         send_waiting(*o);
     }
-}
-
-bool l2vpn_process::anything_waits() const
-{
-    for (const owner *o = m_owners.after(0); o != nullptr; o = m_owners.after(o->info.peer_id)) {
-        if (o->list(ac_stage::waiting).count > 0) {
-            return true;
-        }
-    }
-    return false;
 }
 
 } // namespace l2vpnd

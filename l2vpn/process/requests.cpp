@@ -50,20 +50,25 @@ bool l2vpn_process::fits(const owner &from, const message &msg) const
 }
 
 /* The slot of an AC that is to be `from`'s from now on, as good as new and on no list. */
-uint32_t l2vpn_process::claim(owner &from, uint32_t handle)
+uint32_t l2vpn_process::claim(owner &from, uint32_t handle, uint32_t now, uint32_t number)
 {
     ac_store &store = m_acs.store(from.info.class_id);
-    const uint32_t slot = store.find(from.info.nodeid, handle);
+    uint32_t slot = store.find(from.info.nodeid, handle);
     if (slot == no_slot) {
         from.count.acs_created++;
-        return store.insert(from.info.nodeid, handle, from.slot);
+        slot = store.insert(from.info.nodeid, handle, from.slot);
+    } else {
+        const ac_head &old = store.head(slot);
+        store.remove(m_owners.at(old.owner).list(old.stage), slot);
+        (old.owner == from.slot ? from.count.acs_replaced : from.count.acs_taken_over)++;
     }
     ac_head &ac = store.head(slot);
-    store.remove(m_owners.at(ac.owner).list(ac.stage), slot);
-    (ac.owner == from.slot ? from.count.acs_replaced : from.count.acs_taken_over)++;
     ac.owner = from.slot;
+    ac.created = now;
+    ac.message = number;
     ac.provisioned = false;
     ac.wanted = false;
+    ac.asker = ac_asker::nobody;
     return slot;
 }
 
@@ -74,8 +79,10 @@ drop l2vpn_process::on_create(owner &from, const message &msg, const batch_step 
     }
     ac_store &store = m_acs.store(from.info.class_id);
     store.reserve(msg.count);
+    const auto now = static_cast<uint32_t>(time(nullptr));
+    const auto number = static_cast<uint32_t>(from.count.all_received() + 1);
     for (uint32_t i = 0; i < msg.count; i++) {
-        const uint32_t slot = claim(from, msg.handle(i));
+        const uint32_t slot = claim(from, msg.handle(i), now, number);
         store.set_definition(slot, msg.definition(i));
         store.set_info(slot, msg.info(i));
         store.head(slot).stage = ac_stage::batched;

@@ -15,7 +15,8 @@ struct verb_row {
 constexpr verb_row s_verbs[] = {
     {"status", verb_status},       {"show clients", verb_show_clients}, {"show acs", verb_show_acs},
     {"show mstp", verb_show_mstp}, {"show batches", verb_show_batches}, {"show counters", verb_show_counters},
-    {"provision", verb_provision}, {"unprovision", verb_unprovision},   {"notify", verb_notify},
+    {"explain", verb_explain},     {"provision", verb_provision},       {"unprovision", verb_unprovision},
+    {"notify", verb_notify},
 };
 
 class ready_answer : public answer {

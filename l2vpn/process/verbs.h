@@ -91,6 +91,7 @@ answer_ptr verb_show_acs(const verb_context &context, arguments &args);
 answer_ptr verb_show_mstp(const verb_context &context, arguments &args);
 answer_ptr verb_show_batches(const verb_context &context, arguments &args);
 answer_ptr verb_show_counters(const verb_context &context, arguments &args);
+answer_ptr verb_explain(const verb_context &context, arguments &args);
 answer_ptr verb_provision(const verb_context &context, arguments &args);
 answer_ptr verb_unprovision(const verb_context &context, arguments &args);
 answer_ptr verb_notify(const verb_context &context, arguments &args);

@@ -1,8 +1,8 @@
 /*
- * Verbs about ACs: show acs, provision, unprovision. All three go through the table slot by slot and differ in
- * what they do with an AC that the filter takes.
+ * Verbs about ACs: show acs, provision, unprovision. Like explain, all three go through the table slot by slot and
+ * differ in what they do with an AC that the filter takes.
  */
-#include "verbs.h"
+#include "verbs_ac.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -26,6 +26,8 @@ constexpr state_row s_states[] = {
     {"provisioning", ac_stage::waiting, true},
 };
 
+} // namespace
+
 const char *state_of(const ac_head &ac)
 {
     const bool flag = ac.stage == ac_stage::settled ? ac.provisioned : ac.wanted;
@@ -34,86 +36,59 @@ const char *state_of(const ac_head &ac)
     return row->name;
 }
 
-struct ac_filter {
-    owner_filter owners;
-    std::set<uint32_t> handles;
-    std::optional<std::string> name;
-    std::optional<std::string> state;
+ac_filter::ac_filter(arguments &args) : owners(args), name(args.text("name")), state(args.text("state"))
+{
+    if (const json *list = args.list("handles")) {
+        for (const json &handle : *list) {
+            if (!handle.is_number_unsigned() || handle.get<uint64_t>() > UINT32_MAX) {
+                refuse_argument("handles", "a list of whole numbers from 0 to 4294967295");
+            }
+            handles.insert(handle.get<uint32_t>());
+        }
+    }
+    if (state && std::none_of(std::begin(s_states), std::end(s_states),
+                              [this](const state_row &s) { return *state == s.name; })) {
+        refuse_argument("state", "batched, created, provisioned, provisioning or unprovisioning");
+    }
+}
 
-    explicit ac_filter(arguments &args) : owners(args), name(args.text("name")), state(args.text("state"))
-    {
-        if (const json *list = args.list("handles")) {
-            for (const json &handle : *list) {
-                if (!handle.is_number_unsigned() || handle.get<uint64_t>() > UINT32_MAX) {
-                    refuse_argument("handles", "a list of whole numbers from 0 to 4294967295");
-                }
-                handles.insert(handle.get<uint32_t>());
+bool ac_filter::takes(const owner &o, const ac_store &store, uint32_t slot) const
+{
+    const ac_head &ac = store.head(slot);
+    return owners.takes(o) && (handles.empty() || handles.contains(ac.handle)) &&
+           (!state || *state == state_of(ac)) &&
+           (!name || fnmatch(name->c_str(), to_text(store.definition(slot).first(name_len)).c_str(), 0) == 0);
+}
+
+bool ac_answer::step(row_writer &rows)
+{
+    for (uint32_t looked = 0; m_class < class_count; m_class++, m_slot = 0) {
+        if (m_filter.owners.class_id && *m_filter.owners.class_id != m_class) {
+            continue;
+        }
+        const ac_store &store = m_process.acs().store(m_class);
+        for (; m_slot < store.slots(); m_slot++) {
+            if (looked++ == slots_a_step || rows.full()) {
+                return true;
+            }
+            if (store.used(m_slot)) {
+                consider(store, rows);
             }
         }
-        if (state && std::none_of(std::begin(s_states), std::end(s_states),
-                                  [this](const state_row &s) { return *state == s.name; })) {
-            refuse_argument("state", "batched, created, provisioned, provisioning or unprovisioning");
-        }
     }
+    return false;
+}
 
-    bool takes(const owner &o, const ac_store &store, uint32_t slot) const
-    {
-        const ac_head &ac = store.head(slot);
-        return owners.takes(o) && (handles.empty() || handles.contains(ac.handle)) &&
-               (!state || *state == state_of(ac)) &&
-               (!name ||
-                fnmatch(name->c_str(), to_text(store.definition(slot).first(name_len)).c_str(), 0) == 0);
+void ac_answer::consider(const ac_store &store, row_writer &rows)
+{
+    owner &o = m_process.owner_at(store.head(m_slot).owner);
+    if (m_filter.takes(o, store, m_slot)) {
+        m_taken++;
+        take(o, store, m_slot, rows);
     }
+}
 
-    bool chooses() const { return owners.chooses() || !handles.empty() || name || state; }
-};
-
-class ac_answer : public answer {
-public:
-    ac_answer(const verb_context &context, arguments &args) : m_process(context.process), m_filter(args) {}
-
-    bool step(row_writer &rows) override
-    {
-        for (uint32_t looked = 0; m_class < class_count; m_class++, m_slot = 0) {
-            if (m_filter.owners.class_id && *m_filter.owners.class_id != m_class) {
-                continue;
-            }
-            const ac_store &store = m_process.acs().store(m_class);
-            for (; m_slot < store.slots(); m_slot++) {
-                if (looked++ == slots_a_step || rows.full()) {
-                    return true;
-                }
-                if (store.used(m_slot)) {
-                    consider(store, rows);
-                }
-            }
-        }
-        return false;
-    }
-
-protected:
-    virtual void take(owner &o, const ac_store &store, uint32_t slot, row_writer &rows) = 0;
-
-    l2vpn_process &process() { return m_process; }
-    const ac_filter &filter() const { return m_filter; }
-    uint64_t taken() const { return m_taken; }
-
-private:
-    void consider(const ac_store &store, row_writer &rows)
-    {
-        owner &o = m_process.owner_at(store.head(m_slot).owner);
-        if (m_filter.takes(o, store, m_slot)) {
-            m_taken++;
-            take(o, store, m_slot, rows);
-        }
-    }
-
-    l2vpn_process &m_process;
-    ac_filter m_filter;
-    uint32_t m_class = 0;
-    uint32_t m_slot = 0;
-    uint64_t m_taken = 0;
-};
+namespace {
 
 class show_answer : public ac_answer {
 public:

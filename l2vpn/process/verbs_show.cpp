@@ -64,6 +64,31 @@ json show_counters(const counters &c)
     };
 }
 
+json time_or_null(time_t since)
+{
+    return since == 0 ? json() : json(since);
+}
+
+uint32_t open_batches(const owner &o)
+{
+    uint32_t open = 0;
+    for (uint32_t type = 0; type < message_types; type++) {
+        open += o.batch.of(type).open ? 1 : 0;
+    }
+    return open;
+}
+
+/* 0: none is open. */
+time_t oldest_batch(const owner &o)
+{
+    time_t since = 0;
+    for (uint32_t type = 0; type < message_types; type++) {
+        const batch &b = o.batch.of(type);
+        since = b.open && (since == 0 || b.since < since) ? b.since : since;
+    }
+    return since;
+}
+
 class clients_answer : public owner_answer {
 public:
     using owner_answer::owner_answer;
@@ -80,16 +105,41 @@ private:
                     {"joins", o.count.received[0]},
                     {"acs", o.ac_count()},
                     {"waiting", o.list(ac_stage::waiting).count},
+                    {"queued", m_process.queued(o)},
+                    {"waiting_since", time_or_null(o.waiting_since)},
+                    {"open_batches", open_batches(o)},
+                    {"batch_since", time_or_null(oldest_batch(o))},
                     {"mstp_records", o.mstp.records()},
                     {"vlans", o.mstp.vlans().size()},
                     {"messages", sum(o.count.received)},
                     {"dropped", o.count.all_dropped()},
                     {"sent", sum(o.count.sent)},
+                    {"send_failures", o.count.send_failures},
+                    {"reconnects", o.reconnects},
+                    {"changes",
+                     {{"created", o.count.acs_created + o.count.acs_replaced + o.count.acs_taken_over},
+                      {"updated", o.count.acs_updated},
+                      {"deleted", o.count.acs_deleted},
+                      {"provisioned", o.count.acs_provisioned},
+                      {"unprovisioned", o.count.acs_unprovisioned}}},
                     {"bytes_received", o.count.bytes_received},
                     {"bytes_sent", o.count.bytes_sent}});
         rows.add(row);
+        m_shown++;
         return true;
     }
+
+    json result() override
+    {
+        return {{"owners", m_shown},
+                {"seen", m_process.owners_seen()},
+                {"refused", m_process.owners_refused()},
+                {"reconnects", m_process.reconnects()},
+                {"pid", getpid()},
+                {"since", m_process.since()}};
+    }
+
+    uint64_t m_shown = 0;
 };
 
 class counters_answer : public owner_answer {

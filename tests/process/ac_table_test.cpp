@@ -93,8 +93,8 @@ TEST(ac_store, keeps_its_promise_of_memory)
             store.insert(1, handle, 0);
         }
         const uint64_t each = store.memory() / count;
-        EXPECT_GE(each, 28U + 616 + info_bytes);
-        EXPECT_LE(each, 28U + 616 + info_bytes + 3 + 22 + 3);
+        EXPECT_GE(each, 36U + 616 + info_bytes);
+        EXPECT_LE(each, 36U + 616 + info_bytes + 3 + 22 + 3);
     }
 }
 

@@ -84,7 +84,7 @@ TEST(provisioning, is_never_sent_to_a_class_without_layout)
         EXPECT_EQ(b.process.acs().store(class_id).size(), 2U);
         EXPECT_TRUE(sent(b, *o).empty()) << class_id;
         EXPECT_FALSE(l2vpn_process::can_provision(*o));
-        EXPECT_FALSE(b.process.anything_waits());
+        EXPECT_FALSE(b.anything_waits());
     }
     EXPECT_FALSE(l2vpn_process::can_provision(*b.connect(9)));
 }
@@ -97,7 +97,7 @@ TEST(provisioning, needs_a_link_wide_enough_for_one_ac)
     EXPECT_FALSE(l2vpn_process::can_provision(*narrow));
     b.process.received(*narrow, create(8, {1}));
     EXPECT_TRUE(sent(b, *narrow).empty());
-    EXPECT_FALSE(b.process.anything_waits());
+    EXPECT_FALSE(b.anything_waits());
 }
 
 /* Its owner was told of no AC, so there is none to take back; whoever wants to comes to an end. */
@@ -111,7 +111,7 @@ TEST(provisioning, says_nothing_on_a_link_too_narrow_for_a_handle)
         b.process.want(*wide, b.process.acs().store(3).find(7, 1), provisioned);
         b.process.send_waiting(*wide);
         EXPECT_TRUE(sent(b, *wide).empty());
-        EXPECT_FALSE(b.process.anything_waits());
+        EXPECT_FALSE(b.anything_waits());
         EXPECT_EQ(b.ac(3, 1).stage, ac_stage::settled);
     }
 }
@@ -162,16 +162,16 @@ TEST(provisioning, waits_for_an_owner_that_does_not_read)
     b.out.status = ENOBUFS;
     owner *o = b.connect(3);
     b.process.received(*o, create(3, {1, 2}));
-    EXPECT_TRUE(b.process.anything_waits());
+    EXPECT_TRUE(b.anything_waits());
     EXPECT_EQ(b.ac(3, 1).stage, ac_stage::waiting);
     EXPECT_FALSE(b.ac(3, 1).provisioned);
     b.out.status = EOK;
     b.out.waiting = 1 << 30;
     b.process.send_all_waiting();
-    EXPECT_TRUE(b.process.anything_waits()) << "its queue is long enough";
+    EXPECT_TRUE(b.anything_waits()) << "its queue is long enough";
     b.out.waiting = 0;
     b.process.send_all_waiting();
-    EXPECT_FALSE(b.process.anything_waits());
+    EXPECT_FALSE(b.anything_waits());
     EXPECT_TRUE(b.ac(3, 1).provisioned);
     EXPECT_EQ(o->count.send_failures, 0U);
 }

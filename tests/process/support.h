@@ -166,6 +166,17 @@ public:
                            [&text](const std::string &line) { return line.find(text) != std::string::npos; });
     }
 
+    /* An AC of any owner. */
+    bool anything_waits() const
+    {
+        const l2vpnd::owner_table &owners = process.owners();
+        const l2vpnd::owner *o = owners.after(0);
+        while (o != nullptr && o->list(l2vpnd::ac_stage::waiting).count == 0) {
+            o = owners.after(o->info.peer_id);
+        }
+        return o != nullptr;
+    }
+
     /* The slot of an AC, or no_slot. */
     uint32_t slot(uint32_t class_id, uint32_t handle, uint32_t node = 7) const
     {
