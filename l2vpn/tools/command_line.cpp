@@ -219,57 +219,6 @@ void add_commands(CLI::App &app, command_line &line, values &given)
     }
 }
 
-void add_recordings(CLI::App &app, command_line &line)
-{
-    recording_options &to = line.recordings;
-    const auto add = [&](const char *name, const char *text, void (*run)(const command_line &)) {
-        CLI::App *verb = app.add_subcommand(name, text)->fallthrough();
-        verb->add_option("--count", to.count, "End after so many records")
-            ->type_name("N")
-            ->check(CLI::Range(uint64_t{1}, UINT64_MAX).description(""));
-        verb->add_flag("--history", to.history, "What the process's ring holds already, too");
-        verb->final_callback([&line, run] { line.what.run = run; });
-        return verb;
-    };
-    CLI::App *seen = add("monitor", "Show messages as they come, or from a file", monitor);
-    record_choice &choice = to.choice;
-    seen->add_option("--read", to.files,
-                     "From pcapng file or ring instead of the process; rings may be several")
-        ->type_name("FILE")
-        ->excludes("--history");
-    seen->add_option("--owner", choice.owner, "Of the client with this number")->type_name("N");
-    seen->add_option("--class", choice.class_id, "Of this class")
-        ->type_name("0-17")
-        ->check(CLI::Range(uint32_t{0}, last_class).description(""));
-    seen->add_option("--type", choice.type, "Of this message type: CREATE, PROV, ...")->type_name("TYPE");
-    seen->add_option("--handle", choice.handles, "That name an AC with this handle; may be repeated")
-        ->type_name("N")
-        ->type_size(1)
-        ->take_all();
-    seen->add_option("--name", choice.name,
-                     "That name an AC whose name matches, since it was seen to be created; *, ? and []")
-        ->type_name("PATTERN");
-    seen->add_flag("-v,--verbose", to.verbose, "With all ACs and records");
-    seen->add_flag("-x,--bytes", to.bytes, "With all bytes");
-
-    CLI::App *kept = add("capture", "Write messages to a pcapng file, as they come or from rings", capture);
-    kept->add_option("-w,--write", to.write, "The file; older ones are FILE.1, FILE.2, ...")
-        ->type_name("FILE")
-        ->required();
-    kept->add_option("--from-ring", to.files,
-                     "From the rings of processes, dead or alive, instead of the process")
-        ->type_name("FILE")
-        ->excludes("--history");
-    kept->add_option("--size", to.size_mib, "A file is full with so many MiB (64)")
-        ->type_name("MIB")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 20).description(""));
-    kept->add_option("--files", to.written_files,
-                     "So many files are kept (4); with 1, the capture ends when it is full")
-        ->type_name("N")
-        ->check(CLI::Range(1, 1000).description(""));
-    kept->add_flag("--force", to.force, "Replace files that are there");
-}
-
 } // namespace
 
 std::optional<exit_status> read_command_line(int argc, char **argv, command_line &line)
@@ -289,10 +238,11 @@ std::optional<exit_status> read_command_line(int argc, char **argv, command_line
     app.require_subcommand(1);
     add_shows(app, line, given);
     add_commands(app, line, given);
-    add_recordings(app, line);
+    add_watching_verbs(app, line);
     app.footer(
         "Exit status: 0 done, 1 refused or failed, 2 bad command line, 3 the process cannot be reached,\n"
-        "4 its answer broke off. Numbers may be given in hexadecimal (0x...).");
+        "4 its answer broke off, 5 no such AC, 6 more than one AC is meant. Numbers may be given in "
+        "hexadecimal (0x...).");
     try {
         app.parse(argc, argv);
         line.patience = std::chrono::milliseconds(patience);

@@ -5,11 +5,16 @@
 #define L2VPNCTL_COMMAND_LINE_H
 
 #include "recordings.h"
+#include "top.h"
 #include "views.h"
 
 #include <chrono>
 #include <optional>
 #include <string>
+
+namespace CLI {
+class App;
+}
 
 namespace l2vpnctl {
 
@@ -30,7 +35,12 @@ struct command_line {
     std::string colour = "auto";
     command what;
     recording_options recordings;
+    std::string asked; /* the handle or name to be explained */
+    top_options top;
 };
+
+/* Of those verbs that are more than a request. */
+void add_watching_verbs(CLI::App &app, command_line &line);
 
 /* Returns nothing when the program is to go on, else what it is to end with: the text was printed. */
 std::optional<exit_status> read_command_line(int argc, char **argv, command_line &line);

@@ -13,7 +13,15 @@ namespace l2vpnctl {
 
 using json = nlohmann::ordered_json;
 
-enum exit_status { exit_ok = 0, exit_failed = 1, exit_usage = 2, exit_unreachable = 3, exit_broken = 4 };
+enum exit_status {
+    exit_ok = 0,
+    exit_failed = 1,
+    exit_usage = 2,
+    exit_unreachable = 3,
+    exit_broken = 4,
+    exit_unknown = 5,
+    exit_ambiguous = 6
+};
 
 /* Thrown with one line for people. */
 struct failure {

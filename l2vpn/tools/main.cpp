@@ -4,46 +4,21 @@
  * than what anybody wants in memory.
  */
 #include "command_line.h"
+#include "output.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <exception>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 using namespace l2vpnctl;
 
 namespace {
-
-void write_out(const std::string &text)
-{
-    if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-        throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
-    }
-}
-
-style style_of(const command_line &line)
-{
-    style how;
-    const bool terminal = isatty(STDOUT_FILENO) == 1;
-    const char *no_colour = getenv("NO_COLOR");
-    how.colour = line.colour == "always" ||
-                 (line.colour == "auto" && terminal && (no_colour == nullptr || *no_colour == '\0'));
-    winsize size{};
-    if (terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
-        how.width = size.ws_col;
-    }
-    return how;
-}
 
 void ask_for_people(control_link &link, const command_line &line)
 {
     const view_ptr view = line.what.view();
     const json result =
         link.ask(line.what.verb, line.what.args, [&view](const json &row) { view->take(row); });
-    write_out(view->print(result, style_of(line)));
+    write_out(view->print(result, style_of(line.colour)));
 }
 
 void ask_for_programs(control_link &link, const command_line &line)
@@ -78,9 +53,7 @@ int main(int argc, char **argv)
             control_link link(control_path(line.runtime_dir), line.patience);
             (line.as_json ? ask_for_programs : ask_for_people)(link, line);
         }
-        if (fflush(stdout) != 0) {
-            throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
-        }
+        flush_out();
         return exit_ok;
     } catch (const failure &why) {
         fprintf(stderr, "l2vpnctl: %s\n", why.text.c_str());

@@ -3,9 +3,9 @@
  */
 #include "command_line.h"
 #include "describe.h"
+#include "output.h"
 #include "recordings.h"
 
-#include <cerrno>
 #include <cstring>
 #include <fnmatch.h>
 
@@ -44,40 +44,23 @@ public:
             if (how.bytes) {
                 shown["bytes"] = l2vpnd::to_hex(record.message);
             }
-            write(l2vpnd::to_line(shown) + "\n");
+            write_out(l2vpnd::to_line(shown) + "\n");
         } else {
-            write(to_lines(record, message, more, how.bytes));
+            write_out(to_lines(record, message, more, how.bytes));
         }
         return ++m_shown != how.count;
     }
 
     void end(size_t /*source*/, uint64_t lost) override { tell_lost(lost, ""); }
 
-    void idle() override
-    {
-        if (fflush(stdout) != 0) {
-            cannot_write();
-        }
-    }
+    void idle() override { flush_out(); }
 
 private:
     void tell_lost(uint64_t lost, const char *where) const
     {
         if (lost > 0) {
-            write(m_line.as_json ? json({{"lost", lost}}).dump() + "\n"
-                                 : "(" + std::to_string(lost) + " records are missing" + where + ")\n");
-        }
-    }
-
-    [[noreturn]] static void cannot_write()
-    {
-        throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
-    }
-
-    static void write(const std::string &text)
-    {
-        if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-            cannot_write();
+            write_out(m_line.as_json ? json({{"lost", lost}}).dump() + "\n"
+                                     : "(" + std::to_string(lost) + " records are missing" + where + ")\n");
         }
     }
 

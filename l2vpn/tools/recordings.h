@@ -1,5 +1,5 @@
 /*
- * The verbs about recorded messages: monitor shows them, capture writes them to files. They come from the ring of
+ * The verbs about recorded messages: monitor shows them, capture writes them to files, explain follows one AC. They come from the ring of
  * the running process, which never notices its readers, or from files.
  */
 #ifndef L2VPNCTL_RECORDINGS_H
@@ -23,6 +23,7 @@ using l2vpn::capture::captured;
 struct record_choice {
     std::optional<uint64_t> owner;
     std::optional<uint32_t> class_id;
+    std::optional<uint32_t> node;
     std::optional<std::string> type;
     std::vector<uint32_t> handles;
     std::optional<std::string> name;
@@ -80,6 +81,7 @@ bool is_ring(const std::string &path);
 
 void monitor(const command_line &line);
 void capture(const command_line &line);
+void explain(const command_line &line);
 
 } // namespace l2vpnctl
 

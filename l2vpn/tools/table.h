@@ -13,7 +13,8 @@ namespace l2vpnctl {
 /* How the output looks. */
 struct style {
     bool colour = false;
-    size_t width = 0; /* 0: as wide as it gets */
+    size_t width = 0;  /* 0: as wide as it gets */
+    size_t height = 0; /* of a terminal; 0: there is none */
 };
 
 enum class tint : uint8_t { plain, good, busy, bad, heading };

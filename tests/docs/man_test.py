@@ -135,7 +135,7 @@ def check_program(faults, program, section):
         if verbs and "\nSubcommands:\n" not in text:
             faults.check(" ".join(verbs) in items, f"{name}: no verb {' '.join(verbs)}")
     faults.check("\n.Sh EXIT STATUS\n" in page, f"{name}: no section EXIT STATUS")
-    for number in re.findall(r"\b([0-4]) ", text_of_exit_status(texts)):
+    for number in re.findall(r"\b([0-9]) ", text_of_exit_status(texts)):
         exits = page.partition("\n.Sh EXIT STATUS\n")[2].partition("\n.Sh ")[0]
         faults.check(f"\n.It {number}\n" in exits, f"{name}: no exit status {number}")
 

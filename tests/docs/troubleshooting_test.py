@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""troubleshooting_test.py ROOT: every text that the library, the platform and l2vpnd log has an entry.
+"""troubleshooting_test.py ROOT: every text that the library, the platform, l2vpnd and its tools write has an entry.
 
 The texts are taken from the sources: every string literal that a person would read, but for those named here. An
 entry's lines are the indented ones of the page; a text has one when what never changes in it stands on such a line.
@@ -13,7 +13,7 @@ from faults import Faults
 from texts import ASIDE, fragments, is_for_people, literals
 
 root = pathlib.Path(sys.argv[1])
-FOLDERS = ["lib/src", "platform/common", "platform/posix", "process"]
+FOLDERS = ["lib/src", "platform/common", "platform/posix", "process", "capture", "tools"]
 
 # Files whose texts are answers, not logs.
 ANSWERS = {
@@ -23,6 +23,17 @@ ANSWERS = {
     "process/verbs_ac.cpp": "the same",
     "process/verbs_mstp.cpp": "the same",
     "process/verbs_notify.cpp": "the same",
+    "process/verbs_explain.cpp": "the same",
+    "tools/command_line.cpp": "the help, and one line on a bad command line",
+    "tools/command_line_watch.cpp": "the same",
+    "tools/views.cpp": "what is shown",
+    "tools/views_tables.cpp": "the same",
+    "tools/cells.cpp": "the same",
+    "tools/top.cpp": "the same",
+    "tools/explain_print.cpp": "the same",
+    "tools/verdict.cpp": "verdicts: docs/process.md has their codes",
+    "capture/describe.cpp": "what is shown",
+    "tools/trace/print.cpp": "the same",
 }
 # Texts that nobody is shown.
 NOT_LOGGED = {
@@ -32,6 +43,17 @@ NOT_LOGGED = {
     "nothing wrong": "of no fault",
     "nothing is wrong": "of no fault",
     "Unknown error 4294967295": "its length is asked for",
+}
+# Help and progress of programs whose other texts are looked at.
+HELP = {
+    "Prints the trace file of an L2VPN process or interface owner.",
+    "The trace file",
+    "Where threads waited for locks, instead of the records",
+    "One JSON object, for programs",
+    "l2vpn-trace ",
+    "Print the version",
+    "Exit status: 0 printed, 1 the file cannot be read or is no trace file, 2 bad command line.",
+    "\\r%llu records ",
 }
 COMMANDS = ("l2vpnctl ", "journalctl ")
 # Texts made from conditions, not from literals.
@@ -59,7 +81,7 @@ def main():
             texts = [text for text in literals(source) if is_for_people(text)]
             texts += [text for text in ASSERTIONS.findall(ASIDE.sub("", source))]
             for text in texts:
-                if text in NOT_LOGGED:
+                if text in NOT_LOGGED or text in HELP:
                     used.add(text)
                     continue
                 parts = fragments(text)
@@ -67,7 +89,7 @@ def main():
                     patterns.append(re.compile(".*?".join(re.escape(part) for part in parts)))
                     faults.check(any(patterns[-1].search(line) for line in lines),
                                  f"l2vpn/{name}: '{text}' has no entry in docs/troubleshooting.md")
-    for name in ANSWERS.keys() | NOT_LOGGED.keys():
+    for name in ANSWERS.keys() | NOT_LOGGED.keys() | HELP:
         faults.check(name in used, f"'{name}' is no text or file of the sources any more")
     for line, block in entries(page):
         faults.check(line.startswith(COMMANDS) or any(pattern.search(line) for pattern in patterns),

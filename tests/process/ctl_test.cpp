@@ -129,6 +129,10 @@ const std::vector<std::vector<std::string>> every_verb = {
     {"notify", "bulk"},
     {"notify", "header"},
     {"notify", "flags"},
+    {"monitor"},
+    {"capture"},
+    {"explain"},
+    {"top"},
 };
 
 /* The long options in a text, each once. */

@@ -1,0 +1,112 @@
+/*
+ * The options of verbs that are more than a request: they watch the process, or read what it has recorded.
+ */
+#include "command_line.h"
+
+#include <CLI/CLI.hpp>
+
+namespace l2vpnctl {
+
+namespace {
+
+constexpr uint32_t last_class = 17;
+
+/* monitor and capture. */
+void add_recordings(CLI::App &app, command_line &line)
+{
+    recording_options &to = line.recordings;
+    const auto add = [&](const char *name, const char *text, void (*run)(const command_line &)) {
+        CLI::App *verb = app.add_subcommand(name, text)->fallthrough();
+        verb->add_option("--count", to.count, "End after so many records")
+            ->type_name("N")
+            ->check(CLI::Range(uint64_t{1}, UINT64_MAX).description(""));
+        verb->add_flag("--history", to.history, "What the process's ring holds already, too");
+        verb->final_callback([&line, run] { line.what.run = run; });
+        return verb;
+    };
+    CLI::App *seen = add("monitor", "Show messages as they come, or from a file", monitor);
+    record_choice &choice = to.choice;
+    seen->add_option("--read", to.files,
+                     "From pcapng file or ring instead of the process; rings may be several")
+        ->type_name("FILE")
+        ->excludes("--history");
+    seen->add_option("--owner", choice.owner, "Of the client with this number")->type_name("N");
+    seen->add_option("--class", choice.class_id, "Of this class")
+        ->type_name("0-17")
+        ->check(CLI::Range(uint32_t{0}, last_class).description(""));
+    seen->add_option("--type", choice.type, "Of this message type: CREATE, PROV, ...")->type_name("TYPE");
+    seen->add_option("--handle", choice.handles, "That name an AC with this handle; may be repeated")
+        ->type_name("N")
+        ->type_size(1)
+        ->take_all();
+    seen->add_option("--name", choice.name,
+                     "That name an AC whose name matches, since it was seen to be created; *, ? and []")
+        ->type_name("PATTERN");
+    seen->add_flag("-v,--verbose", to.verbose, "With all ACs and records");
+    seen->add_flag("-x,--bytes", to.bytes, "With all bytes");
+
+    CLI::App *kept = add("capture", "Write messages to a pcapng file, as they come or from rings", capture);
+    kept->add_option("-w,--write", to.write, "The file; older ones are FILE.1, FILE.2, ...")
+        ->type_name("FILE")
+        ->required();
+    kept->add_option("--from-ring", to.files,
+                     "From the rings of processes, dead or alive, instead of the process")
+        ->type_name("FILE")
+        ->excludes("--history");
+    kept->add_option("--size", to.size_mib, "A file is full with so many MiB (64)")
+        ->type_name("MIB")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 20).description(""));
+    kept->add_option("--files", to.written_files,
+                     "So many files are kept (4); with 1, the capture ends when it is full")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1000).description(""));
+    kept->add_flag("--force", to.force, "Replace files that are there");
+}
+
+void add_explain(CLI::App &app, command_line &line)
+{
+    CLI::App *verb =
+        app.add_subcommand("explain", "Tell what happened to one AC, and why it is as it is")->fallthrough();
+    verb->add_option("ac", line.asked, "Its interface handle, or its name")
+        ->required()
+        ->type_name("HANDLE|NAME");
+    verb->add_option("--read", line.recordings.files,
+                     "From pcapng file or ring instead of the process; rings may be several")
+        ->type_name("FILE")
+        ->type_size(1)
+        ->take_all();
+    record_choice &choice = line.recordings.choice;
+    verb->add_option("--owner", choice.owner, "Of the client with this number")->type_name("N");
+    verb->add_option("--class", choice.class_id, "Of this class")
+        ->type_name("0-17")
+        ->check(CLI::Range(uint32_t{0}, last_class).description(""));
+    verb->add_option("--node", choice.node, "Of this node")->type_name("N");
+    verb->final_callback([&line] { line.what.run = explain; });
+}
+
+void add_top(CLI::App &app, command_line &line)
+{
+    constexpr double shortest = 0.1;
+    constexpr double longest = 3600;
+    CLI::App *verb =
+        app.add_subcommand("top", "Show owners, rates, queues and retries, again and again")->fallthrough();
+    verb->add_option("--interval", line.top.interval, "Seconds between two refreshes (1)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(shortest, longest).description(""));
+    CLI::Option *count = verb->add_option("--count", line.top.count, "End after so many refreshes")
+                             ->type_name("N")
+                             ->check(CLI::Range(uint64_t{1}, UINT64_MAX).description(""));
+    verb->add_flag("--once", line.top.once, "One refresh: rates since the beginning")->excludes(count);
+    verb->final_callback([&line] { line.what.run = top; });
+}
+
+} // namespace
+
+void add_watching_verbs(CLI::App &app, command_line &line)
+{
+    add_recordings(app, line);
+    add_explain(app, line);
+    add_top(app, line);
+}
+
+} // namespace l2vpnctl

@@ -1,0 +1,295 @@
+/*
+ * l2vpnctl explain: what happened to one AC, from the tables of the process and from what was recorded.
+ *
+ * The recordings are read twice: first for which ACs are meant, then for what happened to the one. So it takes no
+ * more memory than its answer, however large they are. The process is asked last, and has the last word.
+ */
+#include "explain.h"
+
+#include "chain.h"
+#include "command_line.h"
+#include "finder.h"
+#include "output.h"
+#include "ring_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <unistd.h>
+
+namespace l2vpnctl {
+
+namespace {
+
+using namespace l2vpn::capture;
+namespace fs = std::filesystem;
+
+constexpr uint64_t shown_every = 1 << 16; /* records, on a terminal */
+constexpr size_t most_candidates = 100;
+
+/* So that fnmatch() matches this and nothing else. */
+std::string as_pattern(const std::string &name)
+{
+    std::string out;
+    for (const char c : name) {
+        out += (strchr("*?[]\\", c) != nullptr ? "\\" : "") + std::string(1, c);
+    }
+    return out;
+}
+
+std::optional<uint32_t> handle_of(const std::string &word)
+{
+    char *end = nullptr;
+    errno = 0;
+    const bool is_hex = word.starts_with("0x") || word.starts_with("0X");
+    const unsigned long long value = strtoull(word.c_str(), &end, is_hex ? 16 : 10);
+    const bool is_number = !word.empty() && isdigit(static_cast<unsigned char>(word[0])) != 0 && *end == '\0';
+    return is_number && errno == 0 && value <= UINT32_MAX ? std::optional(static_cast<uint32_t>(value))
+                                                          : std::nullopt;
+}
+
+/* What the process holds of ACs that are meant; each row is one. */
+struct process_answer {
+    std::vector<json> rows;
+    json result;
+    uint64_t at = 0; /* nanoseconds since 1970 */
+};
+
+class explainer {
+public:
+    explicit explainer(const command_line &line)
+        : m_line(line), m_choice(line.recordings.choice), m_word(line.asked), m_handle(handle_of(line.asked))
+    {
+    }
+
+    /* What is to be printed, and how it ends. */
+    explanation run();
+
+private:
+    process_answer ask(const json &more) const;
+    process_answer ask_for_all() const;
+    void find_rings(const std::string &folder, const std::string &own);
+    void read(record_consumer &to);
+    bool is_meant(const json &row) const;
+
+    const command_line &m_line;
+    const record_choice &m_choice;
+    std::string m_word;
+    std::optional<uint32_t> m_handle;
+    std::vector<std::string> m_files;
+    explanation m_out;
+};
+
+process_answer explainer::ask(const json &more) const
+{
+    json args = more;
+    const auto put = [&args](const char *name, const auto &value) {
+        if (value) {
+            args[name] = *value;
+        }
+    };
+    put("owner", m_choice.owner);
+    put("class", m_choice.class_id);
+    put("node", m_choice.node);
+    process_answer got;
+    got.at = time_now();
+    control_link link(control_path(m_line.runtime_dir), m_line.patience);
+    got.result = link.ask("explain", args, [&got](const json &row) { got.rows.push_back(row); });
+    return got;
+}
+
+/* The word can be the handle of one and the name of another. */
+process_answer explainer::ask_for_all() const
+{
+    process_answer got = ask({{"name", as_pattern(m_word)}});
+    if (m_handle) {
+        process_answer more = ask({{"handles", {*m_handle}}});
+        std::ranges::copy_if(more.rows, std::back_inserter(got.rows), [&](const json &row) {
+            return row["name"] != m_word; /* it is there already */
+        });
+    }
+    return got;
+}
+
+/* The process's own, and those of owners, who make them beside its socket. */
+void explainer::find_rings(const std::string &folder, const std::string &own)
+{
+    std::set<std::string> found;
+    if (!own.empty()) {
+        found.insert(own);
+    }
+    std::error_code error;
+    for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
+        if (entry.path().extension() == ".ring") {
+            found.insert(entry.path());
+        }
+    }
+    for (const std::string &path : found) {
+        try {
+            const ring_reader readable(path);
+            m_files.push_back(path);
+        } catch (const bad_file &bad) {
+            m_out.note("recording:unreadable", path + ": " + bad.what());
+        }
+    }
+}
+
+void explainer::read(record_consumer &to)
+{
+    if (m_files.empty()) {
+        return;
+    }
+    command_line with = m_line;
+    with.recordings.files = m_files;
+    read_recordings(with, to);
+}
+
+/* Looks at everything once: which ACs are meant, and what was looked at. */
+class survey : public record_consumer {
+public:
+    survey(finder &find, explanation &out, const std::vector<std::string> &paths)
+        : m_find(find), m_out(out), m_paths(paths), m_progress(isatty(STDERR_FILENO) == 1)
+    {
+    }
+    survey(const survey &) = delete;
+    survey &operator=(const survey &) = delete;
+    ~survey() override
+    {
+        if (m_shown) {
+            fputs("\r\033[K", stderr);
+        }
+    }
+
+    void begin(const std::vector<std::string> &sources) override
+    {
+        for (size_t i = 0; i < sources.size(); i++) {
+            m_out.searched.push_back({.name = sources[i], .path = m_paths[i]});
+        }
+    }
+
+    bool take(size_t source, const captured &record, uint64_t lost) override
+    {
+        searched_source &of = m_out.searched[source];
+        of.from = of.records == 0 ? record.time : of.from;
+        of.to = record.time;
+        if (of.records == 0) {
+            of.overwritten = record.head.number;
+        } else {
+            of.lost += lost;
+        }
+        of.records++;
+        if (record.head.kind == record_kind::link_refused) {
+            of.refused++;
+        }
+        if (record.head.kind == record_kind::message) {
+            of.messages++;
+            of.cut += m_find.take(record) ? 0 : 1;
+        }
+        if (m_progress && ++m_total % shown_every == 0) {
+            fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_total));
+            m_shown = true;
+        }
+        return true;
+    }
+
+    void end(size_t source, uint64_t lost) override { m_out.searched[source].lost += lost; }
+
+private:
+    finder &m_find;
+    explanation &m_out;
+    const std::vector<std::string> &m_paths;
+    bool m_progress;
+    bool m_shown = false;
+    uint64_t m_total = 0;
+};
+
+class follower : public record_consumer {
+public:
+    explicit follower(chain &of) : m_chain(of) {}
+    bool take(size_t source, const captured &record, uint64_t lost) override
+    {
+        m_chain.take(source, record, lost);
+        return true;
+    }
+
+private:
+    chain &m_chain;
+};
+
+explanation explainer::run()
+{
+    m_out.asked = m_word;
+    std::optional<process_answer> before;
+    if (!m_line.recordings.files.empty()) {
+        m_files = m_line.recordings.files;
+    } else {
+        const std::string control = control_path(m_line.runtime_dir);
+        std::string own;
+        try {
+            before = ask_for_all();
+            own = before->result.value("capture", "");
+            m_out.was_asked = true;
+        } catch (const failure &why) {
+            if (why.status != exit_unreachable) {
+                throw;
+            }
+            m_out.note("process:not-running", why.text);
+        }
+        find_rings(control.substr(0, control.rfind('/')), own);
+        if (!before && m_files.empty()) {
+            throw failure{exit_unreachable, m_out.notes.front().text + ", and no ring is there to be read"};
+        }
+        m_out.own_ring = own;
+    }
+
+    finder find(m_choice, m_handle, m_word);
+    survey looked(find, m_out, m_files);
+    read(looked);
+    if (before) {
+        for (const json &row : before->rows) {
+            find.add(row);
+        }
+    }
+    const auto &found = find.found();
+    if (found.size() != 1) {
+        m_out.candidates = find.to_json(most_candidates);
+        m_out.more_candidates = found.size() - std::min(found.size(), most_candidates);
+        return std::move(m_out);
+    }
+    m_out.key = found.begin()->first;
+    m_out.name = found.begin()->second.name;
+    chain story(*m_out.key);
+    follower after(story);
+    read(after);
+    if (before) {
+        const process_answer now = ask(
+            {{"handles", {m_out.key->handle}}, {"class", m_out.key->class_id}, {"node", m_out.key->node}});
+        m_out.process = now.result;
+        m_out.asked_at = before->at;
+        for (const json &row : now.rows) {
+            m_out.row = row;
+            m_out.name = row["name"];
+        }
+    }
+    m_out.judge(story);
+    return std::move(m_out);
+}
+
+} // namespace
+
+void explain(const command_line &line)
+{
+    const explanation told = explainer(line).run();
+    const std::string text = line.as_json ? told.to_json().dump(2) + "\n" : told.to_text();
+    write_out(text);
+    flush_out();
+    if (!told.key) {
+        throw failure{told.candidates.empty() ? exit_unknown : exit_ambiguous, told.in_one_line()};
+    }
+}
+
+} // namespace l2vpnctl

@@ -1,0 +1,52 @@
+#include "output.h"
+
+#include "control_link.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace l2vpnctl {
+
+namespace {
+
+[[noreturn]] void cannot_write()
+{
+    throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
+}
+
+} // namespace
+
+void write_out(const std::string &text)
+{
+    if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+        cannot_write();
+    }
+}
+
+void flush_out()
+{
+    if (fflush(stdout) != 0) {
+        cannot_write();
+    }
+}
+
+style style_of(const std::string &colour)
+{
+    style how;
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const char *no_colour = getenv("NO_COLOR");
+    how.colour =
+        colour == "always" || (colour == "auto" && terminal && (no_colour == nullptr || *no_colour == '\0'));
+    winsize size{};
+    if (terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
+        how.width = size.ws_col;
+        how.height = size.ws_row;
+    }
+    return how;
+}
+
+} // namespace l2vpnctl

@@ -1,0 +1,49 @@
+/*
+ * l2vpnctl explain where owners record, too: what left them, and what they were told.
+ */
+#include "explained.h"
+
+using namespace process_test;
+
+/* An owner does not answer, whatever its callback returns: that is said, and what it got. */
+TEST_F(explained, a_callback_that_refuses_is_not_known_to_the_process)
+{
+    start({"--auto-provision"});
+    system_test::child owner(system_test::binary("refusing_owner"), {},
+                             {"L2VPN_RUNTIME_DIR=" + m_dir.path(), "L2VPN_CAPTURE=on"});
+    ASSERT_TRUE(owner.says("refused\n")) << owner.err();
+    const json told = document({"refused"});
+    EXPECT_EQ(verdict(told), "provisioned");
+    EXPECT_TRUE(has_note(told, "provisioned:no-answer"));
+    EXPECT_EQ(codes(told), "link-up created provisioned");
+    EXPECT_EQ(codes(told, "owner"), "link-up sent received");
+    EXPECT_EQ(step(told, "received")["type"], "PROV");
+    EXPECT_EQ(step(told, "created")["pid"], step(told, "sent")["pid"]);
+    EXPECT_EQ(told["searched"].size(), 2U) << "the ring beside the process's own";
+    owner.send_signal(SIGKILL);
+    ASSERT_EQ(owner.wait(), -SIGKILL);
+    ASSERT_TRUE(holds(0));
+    const json gone = document({"0x1000"});
+    EXPECT_EQ(verdict(gone), "not-held:withdrawn");
+    EXPECT_EQ(codes(gone), "link-up created provisioned withdrawn");
+}
+
+TEST_F(explained, an_owner_s_ring_alone_tells_what_it_sent)
+{
+    start({"--capture-size", "4096"}); /* all that the owner sends */
+    const std::string path = m_dir.file("elsewhere");
+    const system_test::result done =
+        system_test::run(system_test::binary("l2vpn-owner"),
+                         {"-i", L2VPN_EXAMPLES "/inventory.csv", "-r", m_dir.path(), "--once"},
+                         {"L2VPN_CAPTURE=" + path, "L2VPN_CAPTURE_SIZE=1024", "L2VPN_CAPTURE_SNAP=32"});
+    ASSERT_EQ(done.status, 0) << done.err;
+    const json first = rows({"--read", path, "--type", "CREATE"})[0];
+    const uint32_t handle = first["records"][0]["handle"];
+    const json told = document({std::to_string(handle), "--class", first["class"].dump(), "--read", path});
+    EXPECT_EQ(verdict(told), "not-known:owner-only");
+    EXPECT_EQ(codes(told, "owner"), "link-up sent link-down");
+    EXPECT_TRUE(has_note(told, "history:cut")) << "an owner's ring keeps the beginning of each message";
+    EXPECT_TRUE(told["now"].is_null());
+    const json whole = document({std::to_string(handle), "--class", first["class"].dump()});
+    EXPECT_EQ(verdict(whole), "not-held:withdrawn") << "the process knows more";
+}
