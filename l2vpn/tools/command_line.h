@@ -5,6 +5,8 @@
 #define L2VPNCTL_COMMAND_LINE_H
 
 #include "recordings.h"
+#include "replay/options.h"
+#include "timeline/options.h"
 #include "top.h"
 #include "views.h"
 
@@ -37,6 +39,8 @@ struct command_line {
     recording_options recordings;
     std::string asked; /* the handle or name to be explained */
     top_options top;
+    replay_options replay;
+    timeline_options timeline;
 };
 
 /* Of those verbs that are more than a request. */

@@ -56,7 +56,9 @@ int main(int argc, char **argv)
         flush_out();
         return exit_ok;
     } catch (const failure &why) {
-        fprintf(stderr, "l2vpnctl: %s\n", why.text.c_str());
+        if (!why.text.empty()) {
+            fprintf(stderr, "l2vpnctl: %s\n", why.text.c_str());
+        }
         return why.status;
     } catch (const std::exception &error) {
         fprintf(stderr, "l2vpnctl: %s\n", error.what());

@@ -221,6 +221,11 @@ void read_pcapng_file(const std::string &path, record_consumer &to)
 
 } // namespace
 
+bool is_stopped()
+{
+    return s_stopped != 0;
+}
+
 bool is_ring(const std::string &path)
 {
     errno = 0;

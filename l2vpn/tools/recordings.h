@@ -76,6 +76,9 @@ public:
  * has been given by then. */
 void read_recordings(const command_line &line, record_consumer &to);
 
+/* A signal asked to end, since the first recording was read. */
+bool is_stopped();
+
 /* Throws failure: it cannot be read. */
 bool is_ring(const std::string &path);
 

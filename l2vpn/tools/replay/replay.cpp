@@ -1,0 +1,322 @@
+#include "replay.h"
+
+#include "account.h"
+#include "cells.h"
+#include "command_line.h"
+#include "player.h"
+#include "throw_away.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace l2vpnctl {
+
+namespace {
+
+using namespace l2vpn::capture;
+using clock = std::chrono::steady_clock;
+
+constexpr size_t shown_differences = 20;
+
+struct outcome {
+    tables found;
+    std::vector<difference> differences;
+    uint64_t links = 0;
+};
+
+class replayer {
+public:
+    explicit replayer(const command_line &line)
+        : m_line(line), m_how(line.replay), m_play(read_play(line)), m_progress(isatty(STDERR_FILENO) == 1)
+    {
+        for (const std::string &file : m_how.against) {
+            l2vpnctl::read_tables(file, has_owners(), m_reference);
+        }
+    }
+    replayer(const replayer &) = delete;
+    replayer &operator=(const replayer &) = delete;
+
+    bool run()
+    {
+        const outcome all = play_all();
+        std::optional<size_t> first;
+        if (m_how.bisect && !all.differences.empty()) {
+            first = find_first();
+        }
+        tell_progress("");
+        m_line.as_json ? tell_programs(all, first) : tell_people(all, first);
+        return all.differences.empty();
+    }
+
+private:
+    const std::vector<captured> &records() const { return m_play.records; }
+
+    /* The process's records have its own numbers of owners, which are those that were shown then. */
+    bool has_owners() const
+    {
+        return std::ranges::all_of(records(), [](const captured &one) { return link_of(one).observer == 0; });
+    }
+
+    void tell_progress(const std::string &text)
+    {
+        if (m_progress && m_told != text) {
+            fprintf(stderr, "\r%-*s%s", static_cast<int>(m_told.size()), text.c_str(),
+                    text.empty() ? "\r" : "");
+            fflush(stderr);
+            m_told = text;
+        }
+    }
+
+    void play_one(player &to, size_t index, clock::time_point began, double speed)
+    {
+        if (speed > 0) {
+            const double ns = static_cast<double>(records()[index].time -
+                                                  std::min(records()[index].time, records()[0].time));
+            const auto due = began + std::chrono::duration_cast<clock::duration>(
+                                         std::chrono::duration<double, std::nano>(ns / speed));
+            for (auto left = due - clock::now(); left.count() > 0; left = due - clock::now()) {
+                to.wait(std::min(std::chrono::ceil<std::chrono::milliseconds>(left),
+                                 std::chrono::milliseconds(50)));
+                stop_if_told();
+                if (!to.surprises().empty()) {
+                    break;
+                }
+            }
+        }
+        to.take(records()[index]);
+    }
+
+    static void stop_if_told()
+    {
+        if (is_stopped()) {
+            throw failure{exit_broken, "interrupted"};
+        }
+    }
+
+    outcome play_into(player &to, size_t count, double speed, const std::string &what)
+    {
+        const auto began = clock::now();
+        account told;
+        for (size_t i = 0; i < count; i++) {
+            stop_if_told();
+            play_one(to, i, began, speed);
+            told.take(records()[i]);
+            tell_progress(what + std::to_string((i + 1) * 100 / count) + " %");
+        }
+        outcome out;
+        out.found = to.read_tables();
+        tables expected = m_how.against.empty() ? told.result() : m_reference;
+        out.differences = to.surprises();
+        std::ranges::copy(compare(expected, has_owners() ? out.found : without_owners(out.found)),
+                          std::back_inserter(out.differences));
+        out.links = to.links();
+        return out;
+    }
+
+    /* As far as it makes a difference: what messages say names owners, whatever numbers they have. */
+    tables without_owners(const tables &from) const
+    {
+        if (m_how.against.empty()) {
+            return from;
+        }
+        tables out;
+        for (size_t i = 0; i < table_count; i++) {
+            out.of[i].emplace();
+            for (const auto &[key, row] : *from.of[i]) {
+                json bare = row;
+                bare.erase("owner");
+                out.add(i, std::move(bare));
+            }
+        }
+        return out;
+    }
+
+    outcome play_prefix(size_t count, double speed, const std::string &what)
+    {
+        throw_away process(m_how, m_line.patience);
+        std::optional<player> to;
+        try {
+            to.emplace(process.control(), records(), m_line.patience);
+            return play_into(*to, count, speed, what);
+        } catch (const failure &) {
+            if (is_stopped() || process.ended_by_now().empty()) {
+                throw;
+            }
+            outcome out;
+            out.differences.push_back({nullptr, "l2vpnd " + process.ended(), nullptr, nullptr});
+            return out;
+        }
+    }
+
+    outcome play_all()
+    {
+        if (!m_how.running) {
+            return play_prefix(records().size(), m_how.speed, "replayed ");
+        }
+        player to(control_path(m_line.runtime_dir), records(), m_line.patience);
+        to.refuse_collisions(records());
+        return play_into(to, records().size(), m_how.speed, "replayed ");
+    }
+
+    /* Before it all is the same, behind it something differs. */
+    size_t find_first()
+    {
+        size_t same = 0;
+        size_t differs = records().size();
+        while (differs - same > 1) {
+            const size_t middle = same + (differs - same) / 2;
+            const std::string what = "between record " + std::to_string(same + 1) + " and " +
+                                     std::to_string(differs) + ": replayed ";
+            (play_prefix(middle, 0, what).differences.empty() ? same : differs) = middle;
+        }
+        return differs - 1;
+    }
+
+    /* Of a capture that does not tell all, for people. */
+    std::vector<std::string> warnings() const
+    {
+        std::vector<std::string> out;
+        if (m_play.lost > 0) {
+            out.push_back(count_of(m_play.lost, "record is", "records are") +
+                          " missing in the capture: what they did is not told");
+        }
+        if (m_play.before > 0 && m_play.lost == 0) {
+            out.push_back("the capture begins with record " + std::to_string(m_play.before) +
+                          " of the process: what was before is not told");
+        }
+        if (m_play.left_out > 0) {
+            out.push_back(count_of(m_play.left_out, "record", "records") +
+                          " of owners left out: the process's tell the same");
+        }
+        return out;
+    }
+
+    static void write(const std::string &text)
+    {
+        if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+            throw failure{exit_broken, std::string("cannot write to standard output: ") + strerror(errno)};
+        }
+    }
+
+    void tell_people(const outcome &all, const std::optional<size_t> &first) const
+    {
+        std::string out;
+        for (const std::string &warning : warnings()) {
+            out += "(" + warning + ")\n";
+        }
+        out += count_of(records().size(), "record", "records") + " of " +
+               count_of(all.links, "link", "links") +
+               " replayed: " + count_of(all.found.count(0), "AC", "ACs") + ", " +
+               count_of(all.found.count(1), "spanning-tree record", "spanning-tree records") + ", " +
+               count_of(all.found.count(2), "open batch", "open batches") + "\n";
+        for (size_t i = 0; i < std::min(all.differences.size(), shown_differences); i++) {
+            out += all.differences[i].text + "\n";
+        }
+        if (all.differences.size() > shown_differences) {
+            out += "and " + std::to_string(all.differences.size() - shown_differences) +
+                   " more (--json has all)\n";
+        }
+        out += all.differences.empty() ? "the tables are the same\n"
+                                       : count_of(all.differences.size(), "difference", "differences") + "\n";
+        if (first) {
+            const captured &record = records()[*first];
+            out += "the first record that makes one, number " + std::to_string(record.head.number) + ":\n" +
+                   to_lines(record, read(record), detail::none, false);
+        }
+        write(out);
+    }
+
+    void tell_programs(const outcome &all, const std::optional<size_t> &first) const
+    {
+        json differences = json::array();
+        for (const difference &one : all.differences) {
+            differences.push_back({{"table", one.table == nullptr ? json() : json(one.table)},
+                                   {"text", one.text},
+                                   {"expected", one.expected},
+                                   {"found", one.found}});
+        }
+        json out = {{"same", all.differences.empty()},
+                    {"records", records().size()},
+                    {"links", all.links},
+                    {"lost", m_play.lost},
+                    {"before", m_play.before},
+                    {"left_out", m_play.left_out},
+                    {"acs", all.found.count(0)},
+                    {"mstp", all.found.count(1)},
+                    {"batches", all.found.count(2)},
+                    {"differences", std::move(differences)}};
+        if (first) {
+            out["first"] = describe(records()[*first], read(records()[*first]), detail::records);
+        }
+        write(out.dump(2) + "\n");
+    }
+
+    const command_line &m_line;
+    const replay_options &m_how;
+    const play m_play;
+    tables m_reference;
+    bool m_progress;
+    std::string m_told;
+};
+
+/* Status 1 says that tables differ, and nothing else. */
+void replay(const command_line &line)
+{
+    bool same = false;
+    try {
+        same = replayer(line).run();
+    } catch (const failure &why) {
+        throw failure{why.status == exit_failed ? exit_broken : why.status, why.text};
+    } catch (const std::exception &error) {
+        throw failure{exit_broken, error.what()};
+    }
+    if (!same) {
+        throw failure{exit_failed, ""};
+    }
+}
+
+} // namespace
+
+void add_replay(CLI::App &app, command_line &line)
+{
+    CLI::App *const verb =
+        app.add_subcommand("replay", "Play a capture's owners again and compare the tables")->fallthrough();
+    replay_options &to = line.replay;
+    verb->add_option("file", line.recordings.files, "pcapng files or rings")->type_name("FILE")->required();
+    CLI::Option *const running =
+        verb->add_flag("--running", to.running, "Into the running process, not an l2vpnd of its own");
+    CLI::Option *const against =
+        verb->add_option("--against", to.against,
+                         "Compare with what show acs, mstp or batches printed with --json, not with what the "
+                         "messages say; may be repeated")
+            ->type_name("FILE")
+            ->type_size(1)
+            ->take_all();
+    verb->add_flag("--bisect", to.bisect, "Find the first record after which something differs")
+        ->excludes(running)
+        ->excludes(against);
+    verb->add_option("--program", to.program, "The l2vpnd to be started")
+        ->type_name("PATH")
+        ->excludes(running);
+    verb->add_option("--option", to.options,
+                     "An option for it, as in its file of options: NAME=VALUE; may be repeated")
+        ->type_name("NAME=VALUE")
+        ->type_size(1)
+        ->take_all()
+        ->excludes(running);
+    verb->add_option("--speed", to.speed, "So many times as fast as it was, not as fast as it goes")
+        ->type_name("X")
+        ->check(CLI::Range(1e-3, 1e9).description(""));
+    verb->add_option("--count", line.recordings.count, "Only so many records")
+        ->type_name("N")
+        ->check(CLI::Range(uint64_t{1}, UINT64_MAX).description(""));
+    verb->footer(
+        "Exit status: 0 the tables are the same, 1 they differ, 2 bad command line, 3 the process cannot\n"
+        "be reached or started, 4 all else.");
+    verb->final_callback([&line] { line.what.run = replay; });
+}
+
+} // namespace l2vpnctl

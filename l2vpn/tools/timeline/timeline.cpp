@@ -1,0 +1,167 @@
+#include "timeline.h"
+
+#include "command_line.h"
+#include "story.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace l2vpnctl {
+
+namespace {
+
+constexpr uint64_t progress_records = 1000;
+
+/* Under a name of its own until it is whole. What is no regular file (a pipe, a device) is written as it is. */
+class page_file {
+public:
+    page_file(std::string path, bool replace) : m_path(std::move(path)), m_replace(replace)
+    {
+        struct stat there {};
+        const bool exists = stat(m_path.c_str(), &there) == 0;
+        if (exists && !replace) {
+            refuse("there already (--force replaces it)");
+        }
+        if (!exists || S_ISREG(there.st_mode)) {
+            m_temporary = m_path + ".XXXXXX";
+        }
+        const int file = m_temporary.empty() ? open(m_path.c_str(), O_WRONLY | O_CLOEXEC)
+                                             : mkostemp(m_temporary.data(), O_CLOEXEC);
+        m_file = file < 0 ? nullptr : fdopen(file, "w");
+        if (m_file == nullptr) {
+            m_temporary.clear();
+            refuse(strerror(errno));
+        }
+    }
+    ~page_file()
+    {
+        if (m_file != nullptr) {
+            fclose(m_file);
+        }
+        if (!m_temporary.empty()) {
+            unlink(m_temporary.c_str());
+        }
+    }
+    page_file(const page_file &) = delete;
+    page_file &operator=(const page_file &) = delete;
+
+    void write(std::string_view text)
+    {
+        if (fwrite(text.data(), 1, text.size(), m_file) != text.size()) {
+            refuse(strerror(errno));
+        }
+    }
+    /* Data of the page's own, which no text of a message gets out of. */
+    void write_part(const std::string &id, std::string_view content)
+    {
+        write("<script type=\"text/plain\" id=\"" + id + "\">");
+        write(content);
+        write("</script>\n");
+    }
+    void place()
+    {
+        if (fclose(std::exchange(m_file, nullptr)) != 0) {
+            refuse(strerror(errno));
+        }
+        if (!m_temporary.empty()) {
+            const unsigned how = m_replace ? 0 : RENAME_NOREPLACE;
+            if (renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_path.c_str(), how) != 0) {
+                refuse(strerror(errno));
+            }
+            m_temporary.clear();
+        }
+    }
+
+private:
+    [[noreturn]] void refuse(const std::string &why) const
+    {
+        throw failure{exit_failed, m_path + ": " + why};
+    }
+
+    std::string m_path;
+    bool m_replace;
+    std::string m_temporary;
+    FILE *m_file = nullptr;
+};
+
+class teller : public record_consumer {
+public:
+    explicit teller(const command_line &line)
+        : m_file(line.timeline.write, line.timeline.force), m_story([this](const std::string &part) {
+              m_file.write_part("part" + std::to_string(m_parts++), part);
+          }),
+          m_progress(isatty(STDERR_FILENO) == 1)
+    {
+        m_file.write(page_head);
+    }
+
+    bool take(size_t /*source*/, const captured &record, uint64_t lost) override
+    {
+        m_story.take(record, lost);
+        if (m_progress && m_story.records() % progress_records == 0) {
+            fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_story.records()));
+        }
+        return true;
+    }
+    void end(size_t /*source*/, uint64_t lost) override { m_lost += lost; }
+
+    bool has_records() const { return m_story.records() > 0; }
+    void finish(const std::string &title)
+    {
+        for (const auto &[name, content] : m_story.finish(title, m_lost)) {
+            m_file.write_part(name, base64(deflated(content)));
+        }
+        m_file.write(page_tail);
+        m_file.place();
+        if (m_progress) {
+            fprintf(stderr, "\r%20s\r", "");
+        }
+    }
+
+private:
+    page_file m_file;
+    uint64_t m_parts = 0;
+    story m_story;
+    bool m_progress;
+    uint64_t m_lost = 0;
+};
+
+/* A file that breaks off has its page, too, and its line. */
+void timeline(const command_line &line)
+{
+    teller page(line);
+    std::optional<failure> broken;
+    try {
+        read_recordings(line, page);
+    } catch (const failure &why) {
+        broken = why;
+    }
+    if (is_stopped()) {
+        throw failure{exit_failed, "interrupted"};
+    }
+    const std::string &first = line.recordings.files.front();
+    if (!broken || page.has_records()) {
+        page.finish(first.substr(first.rfind('/') + 1));
+    }
+    if (broken) {
+        throw *broken;
+    }
+}
+
+} // namespace
+
+void add_timeline(CLI::App &app, command_line &line)
+{
+    CLI::App *const verb =
+        app.add_subcommand("timeline", "Make a page that shows recorded messages")->fallthrough();
+    verb->add_option("file", line.recordings.files, "A pcapng file, or rings")->type_name("FILE")->required();
+    verb->add_option("-o,--output", line.timeline.write, "The page")->type_name("FILE")->required();
+    verb->add_flag("--force", line.timeline.force, "Replace a file that is there");
+    verb->final_callback([&line] { line.what.run = timeline; });
+}
+
+} // namespace l2vpnctl
