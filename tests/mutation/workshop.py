@@ -72,7 +72,9 @@ class Build:
             output = command[command.index('-o') + 1]
             if 'l2vpn_ac.dir' in output:
                 self.units[Path(entry['file']).name] = output
-                self.options = [o for o in command[:command.index('-o')] if not re.match('-g|-W', o)]
+                # Without probes: what tracers are told has tests of its own.
+                self.options = [o for o in command[:command.index('-o')]
+                                if not re.match('-g|-W|-DL2VPN_PROBES', o)]
         if not self.units:
             raise Broken(f'{directory}: does not build the library')
         self.links = {name: self._link(name) for name in (LIBRARY, *(f'bin/{n}' for n in INSIDE))}
