@@ -25,6 +25,7 @@
 #include "owner.h"
 
 #include <platform/qerr.h>
+#include <tuple>
 
 namespace l2vpnd {
 
@@ -111,13 +112,8 @@ private:
         uint32_t count;
     };
 
-    /* Of links that have ended. A pid that is given anew counts as the same process. */
-    struct link_key {
-        pid_t pid;
-        uint32_t class_id;
-        uint32_t node;
-        auto operator<=>(const link_key &other) const = default;
-    };
+    /* Of links that have ended: pid, class, node. A pid that is given anew counts as the same process. */
+    using link_key = std::tuple<pid_t, uint32_t, uint32_t>;
 
     static uint64_t client_of(const owner &o);
     void know_again(owner &fresh);

@@ -11,7 +11,6 @@
 #include "batch.h"
 #include "describe.h"
 
-#include <compare>
 #include <deque>
 #include <map>
 #include <set>
@@ -26,7 +25,10 @@ struct ac_key {
     uint32_t node;
     uint32_t class_id;
     uint32_t handle;
-    auto operator<=>(const ac_key &other) const = default;
+    bool operator<(const ac_key &other) const
+    {
+        return std::tie(node, class_id, handle) < std::tie(other.node, other.class_id, other.handle);
+    }
 };
 
 /* One thing that happened to the AC, or to a link that carried it. */

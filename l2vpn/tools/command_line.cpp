@@ -1,9 +1,9 @@
 #include "command_line.h"
 
+#include "command_line_watch.h"
 #include "replay/replay.h"
 #include "timeline/timeline.h"
 
-#include <CLI/CLI.hpp>
 #include <iostream>
 #include <utility>
 

@@ -14,10 +14,6 @@
 #include <optional>
 #include <string>
 
-namespace CLI {
-class App;
-}
-
 namespace l2vpnctl {
 
 /* A request, and the names of its parts in the JSON document. */
@@ -42,9 +38,6 @@ struct command_line {
     replay_options replay;
     timeline_options timeline;
 };
-
-/* Of those verbs that are more than a request. */
-void add_watching_verbs(CLI::App &app, command_line &line);
 
 /* Returns nothing when the program is to go on, else what it is to end with: the text was printed. */
 std::optional<exit_status> read_command_line(int argc, char **argv, command_line &line);

@@ -1,9 +1,4 @@
-/*
- * The options of verbs that are more than a request: they watch the process, or read what it has recorded.
- */
-#include "command_line.h"
-
-#include <CLI/CLI.hpp>
+#include "command_line_watch.h"
 
 namespace l2vpnctl {
 

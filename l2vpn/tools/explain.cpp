@@ -54,7 +54,7 @@ std::optional<uint32_t> handle_of(const std::string &word)
 
 /* What the process holds of ACs that are meant; each row is one. */
 struct process_answer {
-    std::vector<json> rows;
+    json rows = json::array();
     json result;
     uint64_t at = 0; /* nanoseconds since 1970 */
 };
@@ -74,7 +74,6 @@ private:
     process_answer ask_for_all() const;
     void find_rings(const std::string &folder, const std::string &own);
     void read(record_consumer &to);
-    bool is_meant(const json &row) const;
 
     const command_line &m_line;
     const record_choice &m_choice;
@@ -108,9 +107,11 @@ process_answer explainer::ask_for_all() const
     process_answer got = ask({{"name", as_pattern(m_word)}});
     if (m_handle) {
         process_answer more = ask({{"handles", {*m_handle}}});
-        std::ranges::copy_if(more.rows, std::back_inserter(got.rows), [&](const json &row) {
-            return row["name"] != m_word; /* it is there already */
-        });
+        for (json &row : more.rows) {
+            if (row["name"] != m_word) { /* else it is there already */
+                got.rows.push_back(std::move(row));
+            }
+        }
     }
     return got;
 }
