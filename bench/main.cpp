@@ -18,13 +18,13 @@ int main(int argc, char **argv)
     }
     drain socket; /* first: it forks */
     results all(thorough);
+    measure_owners(all); /* before what needs more memory: the most that was used is asked for */
     measure_outbound(all, socket);
     measure_inbound(all);
     if (thorough) {
         measure_growth(all, socket);
         measure_million(all);
     }
-    measure_owners(all);
 
     const char *const path = argv[argc - 1];
     std::ofstream file(path);

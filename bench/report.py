@@ -77,8 +77,9 @@ def pieces_table(run):
     for name in names:
         what, count = name.split("/")
         times = [run.pieces.get(f"{what}/{other}/{count}") for other in ("library",) + others]
-        rows.append([f"{what}, {int(count):,}"] + [number(time) if time else "" for time in times])
-    return table(["ns", "library", *others], rows)
+        size = "" if count == "1" else f" of {int(count):,}"
+        rows.append([what + size] + [number(time) if time else "" for time in times])
+    return table(["ns", "library", *others], sorted(rows))
 
 
 def ring_text(run):
