@@ -285,7 +285,9 @@ explanation explainer::run()
 void explain(const command_line &line)
 {
     const explanation told = explainer(line).run();
-    const std::string text = line.as_json ? told.to_json().dump(2) + "\n" : told.to_text();
+    const std::string text = line.as_json
+                                 ? told.to_json().dump(2, ' ', false, json::error_handler_t::replace) + "\n"
+                                 : told.to_text();
     write_out(text);
     flush_out();
     if (!told.key) {

@@ -255,6 +255,8 @@ TEST_F(explained, an_unknown_ac_is_told_with_what_was_searched)
     expect_one_line(explain({"0x11", "--read", m_dir.file("none")}), 1, "none: No such file");
     expect_one_line(explain({}), 2, "ac is required");
     expect_one_line(explain({"0x11", "--class", "18"}), 2, "18");
+    expect_one_line(explain({"caf\xe9"}), 2, "not UTF-8");
+    EXPECT_EQ(verdict(document({"caf\xe9", "--read", ring()}, 5)), "unknown");
 }
 
 /* The ring takes some 200 messages; what the process holds is older. */
