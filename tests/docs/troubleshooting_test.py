@@ -34,6 +34,9 @@ ANSWERS = {
     "tools/verdict.cpp": "verdicts: docs/process.md has their codes",
     "capture/describe.cpp": "what is shown",
     "tools/trace/print.cpp": "the same",
+    "tools/replay/replay.cpp": "the help, and what is shown",
+    "tools/replay/tables.cpp": "what is shown",
+    "tools/timeline/timeline.cpp": "the help, and a piece of the page",
 }
 # Texts that nobody is shown.
 NOT_LOGGED = {
