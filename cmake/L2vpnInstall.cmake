@@ -1,6 +1,6 @@
 # What `cmake --install` installs: the libraries with their headers and what finds them (pkg-config files and
 # a CMake package), the daemon with its units, the tools. All of it can be moved as a whole afterwards, but for
-# the unit: systemd wants absolute paths.
+# the unit and the scripts for bpftrace: they want absolute paths.
 include(CMakePackageConfigHelpers)
 
 set(L2VPN_UNITDIR lib/systemd/system CACHE STRING "Where systemd's units go, below the prefix or absolute")

@@ -142,7 +142,8 @@ private:
             auto *const code = reinterpret_cast<std::uint8_t *>(each.location);
             void *const begin = reinterpret_cast<void *>(each.location / page * page);
             if (*code != from)
-                throw std::runtime_error(each.name + " is not an instruction that does nothing");
+                throw std::runtime_error(each.name +
+                                         " is not an instruction that does nothing: is a tracer at it?");
             mprotect(begin, page, PROT_READ | PROT_WRITE | PROT_EXEC);
             *code = to;
             mprotect(begin, page, PROT_READ | PROT_EXEC);

@@ -12,8 +12,9 @@
  * for status_cb. The callback may be the end of the context.
  */
 template <uint32_t which, typename... Types, typename... Values>
-[[gnu::always_inline]] inline void l2vpn_ac_call(l2vpn_ac_client_ctx *ctx, qerrno (*function)(l2vpn_ac_client_hd_t, uint32_t, Types...),
-                   uint32_t first, Values... values)
+[[gnu::always_inline]] inline void l2vpn_ac_call(l2vpn_ac_client_ctx *ctx,
+                                                 qerrno (*function)(l2vpn_ac_client_hd_t, uint32_t, Types...),
+                                                 uint32_t first, Values... values)
 {
     L2VPN_PROBE(l2vpn_ac, callback__entry, which, ctx, ctx->class_id, first);
     [[maybe_unused]] const qerrno rc = function(ctx, first, values...);
