@@ -2,10 +2,6 @@
 
 #include <cerrno>
 
-#ifndef L2VPN_VERSION
-#define L2VPN_VERSION "0"
-#endif
-
 namespace l2vpnctl {
 
 using namespace l2vpn::capture;
