@@ -72,9 +72,7 @@ class Build:
             output = command[command.index('-o') + 1]
             if 'l2vpn_ac.dir' in output:
                 self.units[Path(entry['file']).name] = output
-                # Without probes: what tracers are told has tests of its own.
-                self.options = [o for o in command[:command.index('-o')]
-                                if not re.match('-g|-W|-DL2VPN_PROBES', o)]
+                self.options = [o for o in command[:command.index('-o')] if not re.match('-g|-W', o)]
         if not self.units:
             raise Broken(f'{directory}: does not build the library')
         self.links = {name: self._link(name) for name in (LIBRARY, *(f'bin/{n}' for n in INSIDE))}
@@ -123,7 +121,8 @@ class Workshop:
         library = self._link(LIBRARY, build.units)
         if library is None:
             raise Broken('the library does not link as it is')
-        library.rename(directory / 'original.so')
+        (directory / 'original').mkdir()
+        library.rename(directory / 'original' / library.name)  # tests know it by its name
 
     def _compile(self, unit):
         """The object code of a unit, None if it is none."""
@@ -172,8 +171,8 @@ class Workshop:
         if hunter not in self.limits:
             before = resource.getrusage(resource.RUSAGE_CHILDREN)
             begin = time.monotonic()
-            result = self._run(hunter, self.build.directory / 'bin' / hunter[0], self.directory / 'original.so',
-                               (600, 600))
+            result = self._run(hunter, self.build.directory / 'bin' / hunter[0],
+                               self.directory / 'original' / Path(LIBRARY).name, (600, 600))
             if result is not None:
                 raise Broken(f'{hunter[0]} {result[0]} with the library as it is: {result[1]}')
             after = resource.getrusage(resource.RUSAGE_CHILDREN)
