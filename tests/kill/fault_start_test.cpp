@@ -7,11 +7,17 @@
 #include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <set>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 using namespace kill_test;
 using process_test::json;
 
 namespace {
+
+const std::set<std::string> nothing;
 
 class faulty : public testing::TestWithParam<failure> {
 protected:
@@ -41,16 +47,16 @@ protected:
         const process_test::raw_peer owner(m_dir.file("L2VPN.sock"), 4);
         daemon.program.send_signal(SIGTERM);
         EXPECT_EQ(daemon.program.wait(), 0) << daemon.program.err();
-        EXPECT_EQ(left_behind(), "");
+        EXPECT_EQ(left_behind(), nothing);
     }
 
     /* But for the ring of its messages, which is there to be looked at afterwards. */
-    std::string left_behind() const
+    std::set<std::string> left_behind() const
     {
-        std::string names;
+        std::set<std::string> names;
         for (const auto &file : std::filesystem::directory_iterator(m_dir.path()))
             if (file.path() != m_plan_file && file.path().extension() != ".ring")
-                names += file.path().filename().string() + " ";
+                names.insert(file.path().filename());
         return names;
     }
 
@@ -62,13 +68,42 @@ protected:
 
 class faulty_start : public faulty {
 protected:
-    /* Leaves the files of a process that was killed. */
-    void leave_files()
+    void SetUp() override
     {
+        faulty::SetUp();
         const auto killed = begin();
         killed->program.send_signal(SIGKILL);
         ASSERT_EQ(killed->program.wait(), -SIGKILL);
-        ASSERT_NE(left_behind(), "");
+        const std::set<std::string> left = left_behind();
+        remove_files();
+        leave_files();
+        ASSERT_EQ(left_behind(), left);
+        remove_files();
+    }
+
+    void remove_files() const
+    {
+        for (const std::string &name : left_behind())
+            std::filesystem::remove(m_dir.file(name));
+    }
+
+    /* Those of a process that was killed. */
+    void leave_files() const
+    {
+        leave_socket("L2VPN.sock", SOCK_SEQPACKET);
+        leave_socket("L2VPN.ctl", SOCK_STREAM);
+        (void)m_dir.write("L2VPN.sock.lock", "");
+    }
+
+    void leave_socket(const std::string &name, int type) const
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        m_dir.file(name).copy(address.sun_path, sizeof address.sun_path - 1);
+        const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << name;
+        EXPECT_EQ(listen(fd, 1), 0);
+        close(fd);
     }
 
     void fail_each(bool stale, std::initializer_list<call> expected)
@@ -76,6 +111,7 @@ protected:
         int starts = 0;
         for (bool reached = true; reached; ++starts) {
             SCOPED_TRACE(name_of(GetParam()) + " at call " + std::to_string(starts + 1));
+            remove_files();
             if (stale)
                 leave_files();
             m_plan->arm(GetParam().error, starts + 1, GetParam().lasting);
@@ -91,17 +127,24 @@ protected:
                 EXPECT_TRUE(daemon->program.err().starts_with("l2vpnd: ")) << daemon->program.err();
                 /* Who could not lock the lock file does not know whose it is. */
                 const bool not_locked = m_plan->failed[static_cast<size_t>(call::flock)] > 0;
-                EXPECT_TRUE(stale || left_behind() == (not_locked ? "L2VPN.sock.lock " : ""))
-                    << left_behind();
-                const auto next = begin();
-                ASSERT_TRUE(next->is_ready()) << next->program.err();
-                ASSERT_NO_THROW(expect_works(*next));
+                const std::set<std::string> left = left_behind();
+                EXPECT_TRUE(stale ||
+                            left == (not_locked ? std::set<std::string>{"L2VPN.sock.lock"} : nothing))
+                    << testing::PrintToString(left);
+                /* What is left does not hinder the next one; often it is the same. */
+                if (m_started_over.insert(left).second) {
+                    const auto next = begin();
+                    ASSERT_TRUE(next->is_ready()) << next->program.err();
+                    ASSERT_NO_THROW(expect_works(*next));
+                }
             }
             ASSERT_FALSE(HasFailure());
         }
         EXPECT_EQ(m_all.missing(expected, GetParam().error), "")
             << "failed in none of " << starts << " starts";
     }
+
+    std::set<std::set<std::string>> m_started_over;
 };
 
 /* It starts and works, or ends with a line that says why; the next one is not hindered. */
@@ -159,7 +202,7 @@ private:
 /* The first call of each function, and the first of all, the second, and so on, whose order is chance. */
 TEST_P(faulty_control, connections_are_answered_or_ended)
 {
-    const auto calls = {call::accept4, call::recv, call::send, call::epoll_ctl, call::epoll_wait};
+    const auto calls = {call::accept4, call::recv, call::send, call::epoll_ctl, call::epoll_wait, call::read};
     const auto daemon = begin();
     ASSERT_TRUE(daemon->is_ready()) << daemon->program.err();
     for (const call which : calls)

@@ -26,6 +26,7 @@ protected:
     void SetUp() override
     {
         configure(directory().path());
+        setenv("L2VPN_MTU", "2048", 1); /* several messages for little that is to be compared */
         setenv("L2VPN_LOG", "stderr", 1);
         setenv("L2VPN_CAPTURE", "off", 1); /* calls of the links are to fail; a ring's are nobody's trouble */
         ASSERT_NE(event_manager(), nullptr);
@@ -103,12 +104,12 @@ protected:
         };
         const auto at_all = [] { return true; };
         ASSERT_TRUE(settle(at_all)) << "it is not told UP";
-        one.create(30);
+        one.create(12);
         one.update();
         ASSERT_TRUE(settle(at_all));
         one.remove();
         one.create(5);
-        one.map_vlans();
+        one.map_vlans(1100, 1200); /* three messages */
         ASSERT_TRUE(settle([&] { return one.knows_all_provisioned(); }))
             << "something provisioned is not told";
     }
@@ -153,7 +154,8 @@ protected:
     }
 
     /* The first call of each function. Then, once: the first call of all, the second, and so on; how they follow
-     * each other is chance. Waiting, which has no end, twenty times. Lasting: what goes through a link also in the middle of its life. */
+     * each other is chance. Waiting, and reading what has come, which have no end, ten times. Lasting: what goes
+     * through a link also in the middle of its life. */
     void fail_each(fault_plan &plan, std::initializer_list<call> expected)
     {
         for (const call which : expected)
@@ -165,10 +167,10 @@ protected:
         } else {
             for (int first = 1; !HasFailure() && fail_from(plan, first, call::count_); ++first) {
             }
-            if (can_fail(call::epoll_wait, GetParam().error)) {
-                for (int first = 2; first <= 20 && !HasFailure(); ++first)
-                    fail_from(plan, first, call::epoll_wait);
-            }
+            for (const call which : {call::epoll_wait, call::read})
+                for (int first = 2; can_fail(which, GetParam().error) && first <= 10 && !HasFailure();
+                     ++first)
+                    fail_from(plan, first, which);
         }
         EXPECT_EQ(m_all.missing(expected, GetParam().error), "") << "never failed";
     }
@@ -178,14 +180,15 @@ protected:
 
 TEST_P(each_faulty_call, of_an_owner_lose_nothing)
 {
-    fail_each(own_plan(), {call::socket, call::connect, call::sendmsg, call::recvmsg, call::getsockopt,
-                           call::setsockopt, call::epoll_wait, call::epoll_ctl, call::inotify_add_watch});
+    fail_each(own_plan(),
+              {call::socket, call::connect, call::sendmsg, call::recvmsg, call::getsockopt, call::setsockopt,
+               call::epoll_wait, call::epoll_ctl, call::inotify_add_watch, call::read});
 }
 
 TEST_P(each_faulty_call, of_the_process_lose_nothing)
 {
     fail_each(*m_daemon_plan, {call::accept4, call::sendmsg, call::recvmsg, call::getsockopt,
-                               call::setsockopt, call::epoll_wait, call::epoll_ctl});
+                               call::setsockopt, call::epoll_wait, call::epoll_ctl, call::read});
 }
 
 /* Lasting, EMFILE meets what ENOMEM meets. */

@@ -1,6 +1,5 @@
 /*
- * System calls that fail to order. faults.cpp defines them in front of the C library's, for the program that it
- * is linked into: the test, or an l2vpnd. A plan says which of the calls fails, counted from the moment it is
+ * System calls that fail to a plan, in the program that faults.cpp is linked into: the test, or an l2vpnd. A plan says which of the calls fails, counted from the moment it is
  * armed, how, and whether those behind it fail as well; the test shares that of its l2vpnd with it through a
  * file. Only calls that can fail with the plan's error count.
  */
@@ -37,6 +36,7 @@ enum class call {
     signalfd,
     inotify_init1,
     inotify_add_watch,
+    read,
     open,
     flock,
     count_,

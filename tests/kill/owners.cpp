@@ -135,10 +135,10 @@ void owner::remove()
     (void)l2vpn_ac_delete(m_hd, 0, acs.size(), acs.ifh.data());
 }
 
-void owner::map_vlans()
+void owner::map_vlans(uint32_t least, uint32_t most)
 {
     const std::lock_guard guard(m_lock);
-    m_vlans = m_model.vlan_map();
+    m_vlans = m_model.vlan_map(least, most);
     send_vlans();
 }
 

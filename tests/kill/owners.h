@@ -40,7 +40,7 @@ public:
     void create(uint32_t most);
     void update();
     void remove();
-    void map_vlans(); /* several messages */
+    void map_vlans(uint32_t least = 1, uint32_t most = 4094); /* several messages */
 
     /* All ACs were told to be provisioned since the latest UP. */
     bool knows_all_provisioned();

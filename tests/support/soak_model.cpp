@@ -188,11 +188,11 @@ std::vector<l2vpn_mstp_req_t> model::states(uint32_t most)
 }
 
 /* A map takes the place of the one before. */
-std::vector<l2vpn_msti_vid_map_t> model::vlan_map()
+std::vector<l2vpn_msti_vid_map_t> model::vlan_map(uint32_t least, uint32_t most)
 {
     m_holds.vlans.clear();
     std::vector<l2vpn_msti_vid_map_t> made;
-    const uint16_t from = static_cast<uint16_t>(1 + below(4094));
+    const auto from = static_cast<uint16_t>(4095 - least - below(most - least + 1));
     for (uint16_t vlan = from; vlan <= 4094; ++vlan) {
         const auto msti = static_cast<uint16_t>(below(16));
         made.push_back({msti, vlan});

@@ -66,7 +66,7 @@ public:
     ac_arrays remove();
     std::vector<l2vpn_msti_root_t> roots(uint32_t most);
     std::vector<l2vpn_mstp_req_t> states(uint32_t most);
-    std::vector<l2vpn_msti_vid_map_t> vlan_map();
+    std::vector<l2vpn_msti_vid_map_t> vlan_map(uint32_t least = 1, uint32_t most = 4094);
     l2vpn_mstp_prot_t protection();
 
 private:

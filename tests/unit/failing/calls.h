@@ -1,6 +1,5 @@
 /*
- * Calls of the C library, and allocations, that fail to order. calls.cpp defines them in front of the C
- * library's for the program that it is linked into. An order is for the thread that gave it, and for as long
+ * Calls of the C library, and allocations, that fail to order in the program that calls.cpp is linked into. An order is for the thread that gave it, and for as long
  * as it lives; only calls that can fail count.
  */
 #ifndef TESTS_UNIT_FAILING_CALLS_H
@@ -36,7 +35,7 @@ public:
     [[nodiscard]] const failure &failed() const { return m_failed; }
 
     /* Asked by the calls: the errno that this one fails with, 0: it does not. */
-    int cause_for(std::string_view call, int otherwise);
+    int cause_for(std::string_view call);
 
 private:
     std::string_view m_call;
