@@ -1,6 +1,6 @@
 # Makes a source file of page.html with its style and its scripts in their places: what is before the data, and behind.
 file(READ ${PAGE}/page.html page)
-foreach(part style.css data.js draw.js page.js)
+foreach(part style.css data.js places.js draw.js page.js)
     file(READ ${PAGE}/${part} content)
     string(REPLACE "/* ${part} */\n" "${content}" page "${page}")
 endforeach()

@@ -1,0 +1,138 @@
+/*
+ * l2vpnctl replay: what it is given to read, what it refuses, and its end.
+ */
+#include "replayed.h"
+
+#include <csignal>
+#include <cstring>
+
+using namespace process_test;
+
+TEST_F(replay, several_files_are_one_capture)
+{
+    start({"--capture-size", "4096"});
+    raw_peer owner = peer(8);
+    constexpr uint64_t messages = 40;
+    for (uint64_t i = 0; i < messages; i++) {
+        ASSERT_TRUE(owner.send(create(8, handles_from(static_cast<uint32_t>(0x100 + 10 * i), 20))));
+    }
+    ASSERT_TRUE(is_handled(messages));
+    const std::string file = m_dir.file("x.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", ring(), "--size", "1"}).status, 0);
+    ASSERT_TRUE(fs::exists(file + ".1"));
+    for (const auto &files :
+         {std::vector<std::string>{file, file + ".1", file + ".2"}, {file + ".2", file + ".1", file}}) {
+        const json document = told(files);
+        EXPECT_EQ(document["records"], messages + 1);
+        EXPECT_EQ(document["acs"], 10 * messages + 10);
+    }
+    EXPECT_EQ(told({file, file})["records"], told({file})["records"]) << "what is there twice is played once";
+    const system_test::result rest = play({file});
+    EXPECT_THAT(rest.out, HasSubstr("(the capture begins with record "));
+}
+
+TEST_F(replay, what_is_missing_is_told)
+{
+    start({"--capture-size", "64"});
+    raw_peer owner = peer(3);
+    for (uint32_t i = 0; i < 300; i++) {
+        ASSERT_TRUE(owner.send(header(0, 0, 0).bytes()));
+    }
+    ASSERT_TRUE(is_handled(300));
+    expect_same(keep(), "(45 records are missing in the capture: what they did is not told)\n");
+    EXPECT_EQ(told({ring()})["lost"], 45);
+}
+
+/* An owner's ring keeps the beginnings of messages, unless it is told to keep more. */
+TEST_F(replay, rings_of_owners_are_played_when_they_are_whole)
+{
+    start({"--capture-size", "4096"});
+    for (const bool whole : {false, true}) {
+        const std::string path = m_dir.file(whole ? "whole.ring" : "cut.ring");
+        system_test::child owner(system_test::binary("l2vpn-owner"),
+                                 {"--inventory", std::string(L2VPN_EXAMPLES) + "/inventory.csv"},
+                                 {"L2VPN_RUNTIME_DIR=" + m_dir.path(), "L2VPN_CAPTURE=" + path,
+                                  "L2VPN_CAPTURE_SIZE=4096",
+                                  whole ? "L2VPN_CAPTURE_SNAP=65536" : "L2VPN_UNUSED=1"});
+        ASSERT_TRUE(holds(300));
+        if (whole) {
+            expect_same(path, " of 9 links replayed: 300 ACs, ");
+            const std::string both = ring();
+            const json document = told({both, path});
+            EXPECT_GT(document["left_out"], 0);
+            EXPECT_EQ(document["acs"], 300);
+        } else {
+            expect_refused({path}, 4, " cannot be played: only 160 of its ");
+        }
+        owner.send_signal(SIGTERM);
+        EXPECT_EQ(owner.wait(), 0) << owner.err();
+        ASSERT_TRUE(holds(0));
+    }
+}
+
+TEST_F(replay, every_bad_input_has_its_line)
+{
+    const std::string path = make_history();
+    const std::string file = keep();
+    const std::string none = m_dir.file("none.pcapng");
+    expect_refused({none}, 4, none + ": No such file or directory");
+    expect_refused({m_dir.path()}, 4, m_dir.path() + ": Is a directory");
+    expect_refused({m_dir.write("text", "text")}, 4, "text: not a pcapng file");
+    expect_refused({edited(file, message_to_process, 0, std::string("\0\7", 2))}, 4,
+                   "edited.pcapng: has records of version 7; this program reads version 1");
+    expect_refused({edited(file, message_to_process, 46, "\7")}, 4,
+                   "record 1 cannot be played: only 1288 of its 1800 bytes were recorded (snap length)");
+    expect_refused({edited(file, message_to_process, 39, "\2")}, 4,
+                   "record 2 is there twice, of two processes");
+    expect_refused({file, "--against", none}, 4, none + ": No such file or directory");
+    expect_refused({file, "--against", m_dir.write("a.json", "{}")}, 4, "a.json: no table of ACs");
+    expect_refused({file, "--against", m_dir.write("b.json", "{\"acs\":[{}]}")}, 4,
+                   "b.json: a row of \"acs\" is not as l2vpnctl prints it");
+    expect_refused({file, "--program", none}, 3, "could be started to replay into: " + none);
+    expect_refused({file, "--option", "nonsense=1"}, 3, "--nonsense=1");
+    expect_refused({file, "--option", "max-acs=0"}, 3, "max-acs");
+    expect_refused({file, "--bisect", "--running"}, 2, "--bisect");
+    expect_refused({file, "--bisect", "--against", file}, 2, "--bisect");
+    expect_refused({file, "--speed", "0"}, 2, "--speed");
+    expect_refused({}, 2, "file");
+}
+
+/* A replay at the capture's own pace waits between records that are hours from one another. */
+TEST_F(replay, its_end_and_that_of_its_process_are_noticed_and_leave_nothing)
+{
+    make_history();
+    std::string content = system_test::read_file(keep());
+    uint32_t time = 0;
+    char *const place = &content.at(content.find(message_to_process) - time_before_head);
+    memcpy(&time, place, sizeof time);
+    time += 1000; /* more than an hour */
+    memcpy(place, &time, sizeof time);
+    const std::string file = m_dir.write("slow.pcapng", content);
+    for (const bool its_own : {true, false}) {
+        system_test::child played(system_test::binary("l2vpnctl"), words({file, "--speed", "1"}),
+                                  {"TMPDIR=" + m_folder});
+        std::string folder;
+        ASSERT_TRUE(eventually([&] {
+            for (const auto &entry : fs::directory_iterator(m_folder)) {
+                folder = entry.path();
+            }
+            return !folder.empty() && fs::exists(folder + "/L2VPN.ctl");
+        }));
+        const auto status = [&] {
+            return system_test::run(system_test::binary("l2vpnctl"),
+                                    {"status", "--json", "--runtime-dir", folder});
+        };
+        ASSERT_TRUE(eventually([&] { return status().status == 0; }));
+        if (its_own) {
+            played.send_signal(SIGINT);
+            EXPECT_EQ(played.wait(), 4);
+            EXPECT_EQ(played.err(), "l2vpnctl: interrupted\n");
+        } else {
+            ASSERT_TRUE(eventually([&] { return json::parse(status().out)["owners"] == 1; }));
+            kill(json::parse(status().out)["pid"].get<pid_t>(), SIGKILL);
+            EXPECT_EQ(played.wait(), 1) << played.err();
+            EXPECT_THAT(played.out(), HasSubstr("l2vpnd was ended by signal 9\n"));
+        }
+        EXPECT_TRUE(fs::is_empty(m_folder));
+    }
+}
