@@ -65,7 +65,8 @@ std::uint32_t upper(std::uint64_t value)
     throw bad_file(errno == EEXIST ? "there already (--force replaces it)" : ::strerrordesc_np(errno));
 }
 
-/* The file is called `to` from now on, or errno says why not. */
+} // namespace
+
 bool give_name(const std::string &from, const std::string &to, bool replace)
 {
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), replace ? 0 : RENAME_NOREPLACE) == 0) {
@@ -74,8 +75,6 @@ bool give_name(const std::string &from, const std::string &to, bool replace)
     /* Some file systems cannot tell. */
     return errno == EINVAL && ::link(from.c_str(), to.c_str()) == 0 && ::unlink(from.c_str()) == 0;
 }
-
-} // namespace
 
 pcapng_writer::pcapng_writer(const std::string &path, bool replace, std::string_view program)
     : path_(path), replace_(replace)

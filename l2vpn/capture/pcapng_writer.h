@@ -48,6 +48,9 @@ private:
     std::uint32_t interfaces_ = 0;
 };
 
+/* The file is called `to` from now on, or errno says why not. */
+bool give_name(const std::string &from, const std::string &to, bool replace);
+
 } // namespace l2vpn::capture
 
 #endif

@@ -109,16 +109,7 @@ private:
             m_size = UINT64_MAX; /* a pipe or a device: there is nothing to be kept */
             return;
         }
-        for (const std::string &source : m_how.files) {
-            struct stat read {};
-            if (stat(source.c_str(), &read) == 0 && read.st_dev == there.st_dev &&
-                read.st_ino == there.st_ino) {
-                refuse(path, "is to be read, and cannot be written at the same time");
-            }
-        }
-        if (is_ring(path)) {
-            refuse(path, "a capture ring, which is not replaced");
-        }
+        refuse_to_replace(path, m_how.files);
     }
 
     std::string name(uint32_t index) const

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <memory>
 #include <poll.h>
+#include <sys/stat.h>
 
 namespace l2vpnctl {
 
@@ -27,16 +28,6 @@ volatile sig_atomic_t s_stopped = 0;
 void on_signal(int)
 {
     s_stopped = 1;
-}
-
-/* Without SA_RESTART: whatever waits is woken. */
-void stop_on_signals()
-{
-    struct sigaction action {};
-    action.sa_handler = on_signal;
-    for (const int number : {SIGINT, SIGTERM}) {
-        sigaction(number, &action, nullptr);
-    }
 }
 
 [[noreturn]] void refuse(const std::string &path, const std::string &why)
@@ -221,6 +212,20 @@ void read_pcapng_file(const std::string &path, record_consumer &to)
 
 } // namespace
 
+/* Without SA_RESTART: whatever waits is woken. */
+void stop_on_signals()
+{
+    struct sigaction action {};
+    action.sa_handler = on_signal;
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction before {};
+        sigaction(number, nullptr, &before);
+        if (number != SIGHUP || before.sa_handler != SIG_IGN) { /* as nohup has it */
+            sigaction(number, &action, nullptr);
+        }
+    }
+}
+
 bool is_stopped()
 {
     return s_stopped != 0;
@@ -239,6 +244,23 @@ bool is_ring(const std::string &path)
         refuse(path, strerror(errno));
     }
     return magic == l2vpn::capture::ring_magic;
+}
+
+void refuse_to_replace(const std::string &path, const std::vector<std::string> &read)
+{
+    struct stat there {};
+    if (stat(path.c_str(), &there) != 0 || !S_ISREG(there.st_mode)) {
+        return;
+    }
+    for (const std::string &source : read) {
+        struct stat one {};
+        if (stat(source.c_str(), &one) == 0 && one.st_dev == there.st_dev && one.st_ino == there.st_ino) {
+            refuse(path, "is to be read, and cannot be written at the same time");
+        }
+    }
+    if (is_ring(path)) {
+        refuse(path, "a capture ring, which is not replaced");
+    }
 }
 
 void read_recordings(const command_line &line, record_consumer &to)

@@ -1,6 +1,6 @@
 /*
- * The verbs about recorded messages: monitor shows them, capture writes them to files, explain follows one AC. They come from the ring of
- * the running process, which never notices its readers, or from files.
+ * The verbs about recorded messages: monitor shows them, capture writes them to files, explain follows one AC. They
+ * come from the ring of the running process, which never notices its readers, or from files.
  */
 #ifndef L2VPNCTL_RECORDINGS_H
 #define L2VPNCTL_RECORDINGS_H
@@ -76,11 +76,16 @@ public:
  * has been given by then. */
 void read_recordings(const command_line &line, record_consumer &to);
 
-/* A signal asked to end, since the first recording was read. */
+/* SIGINT, SIGTERM and SIGHUP end what is done, and not the program: they ask, from now on. */
+void stop_on_signals();
+/* One has asked. */
 bool is_stopped();
 
 /* Throws failure: it cannot be read. */
 bool is_ring(const std::string &path);
+
+/* Throws failure: the file is one of those that are read, or a ring. */
+void refuse_to_replace(const std::string &path, const std::vector<std::string> &read);
 
 void monitor(const command_line &line);
 void capture(const command_line &line);

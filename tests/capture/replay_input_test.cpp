@@ -56,6 +56,14 @@ TEST_F(replay, rings_of_owners_are_played_when_they_are_whole)
                                   whole ? "L2VPN_CAPTURE_SNAP=65536" : "L2VPN_UNUSED=1"});
         ASSERT_TRUE(holds(300));
         if (whole) {
+            /* An owner records what it has sent, so the process may be ahead of its ring. */
+            ASSERT_TRUE(eventually([&] {
+                uint64_t count = 0;
+                for (const json &row : rows({"--read", path, "--type", "CREATE"})) {
+                    count += row["records"].size();
+                }
+                return count == 300;
+            }));
             expect_same(path, " of 9 links replayed: 300 ACs, ");
             const std::string both = ring();
             const json document = told({both, path});
@@ -91,10 +99,57 @@ TEST_F(replay, every_bad_input_has_its_line)
     expect_refused({file, "--program", none}, 3, "could be started to replay into: " + none);
     expect_refused({file, "--option", "nonsense=1"}, 3, "--nonsense=1");
     expect_refused({file, "--option", "max-acs=0"}, 3, "max-acs");
+    expect_refused({file, "--option", "version"}, 3, "it says something else than that it is ready");
+    expect_refused({file, "--program", "/bin/true"}, 3, "it ended at once");
+    expect_refused({file, "--option", "mtu=4095"}, 4, "takes messages of 4095 bytes at most, and ");
     expect_refused({file, "--bisect", "--running"}, 2, "--bisect");
     expect_refused({file, "--bisect", "--against", file}, 2, "--bisect");
     expect_refused({file, "--speed", "0"}, 2, "--speed");
     expect_refused({}, 2, "file");
+}
+
+/* Which was too long for its link then, and would be for this one. */
+TEST_F(replay, what_was_never_sent_is_not_played)
+{
+    start();
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(owner.send(create(3, {0x11})) && owner.send(create(3, {0x12})));
+    ASSERT_TRUE(is_handled(2));
+    const std::string status_and_length("\0\0\0\132\0\21\0\0", 8); /* EMSGSIZE, 1,114,112 bytes */
+    expect_same(edited(keep(), message_to_process, 40, status_and_length),
+                "3 records of 1 link replayed: 1 AC, ");
+}
+
+/* Each client of a capture is a process only as long as it has links. */
+TEST_F(replay, there_may_be_more_clients_than_descriptors)
+{
+    start({"--capture-size", "4096"});
+    for (uint32_t i = 0; i < 80; i++) {
+        raw_peer owner = peer(8);
+        ASSERT_TRUE(owner.send(create(8, {0x11 + i})));
+        ASSERT_TRUE(holds(1));
+        owner.close();
+        ASSERT_TRUE(holds(0));
+    }
+    std::string content = system_test::read_file(keep());
+    const std::string by_process("\1\0\0\100", 4); /* which no ACs of this capture have in them */
+    size_t heads = 0;
+    for (size_t at = content.find(by_process); at != std::string::npos;
+         at = content.find(by_process, at + 1)) {
+        const size_t head = at - 4;
+        if (content[head] == 0 && content[head + 1] == 1) {
+            content.replace(head + pid_in_head, 4, content, head + link_in_head + 4, 4);
+            heads++;
+        }
+    }
+    EXPECT_EQ(heads, 240U);
+    const std::string file = m_dir.write("many.pcapng", content);
+    std::vector<std::string> arguments = words({file});
+    arguments.insert(arguments.begin(),
+                     {"-c", "ulimit -n 64; exec \"$@\"", "sh", system_test::binary("l2vpnctl")});
+    const system_test::result done = system_test::run("/bin/sh", arguments, {"TMPDIR=" + m_folder});
+    EXPECT_EQ(done.status, 0) << done.err;
+    EXPECT_THAT(done.out, HasSubstr("240 records of 80 links replayed: 0 ACs, "));
 }
 
 /* A replay at the capture's own pace waits between records that are hours from one another. */
@@ -108,7 +163,7 @@ TEST_F(replay, its_end_and_that_of_its_process_are_noticed_and_leave_nothing)
     time += 1000; /* more than an hour */
     memcpy(place, &time, sizeof time);
     const std::string file = m_dir.write("slow.pcapng", content);
-    for (const bool its_own : {true, false}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, 0}) {
         system_test::child played(system_test::binary("l2vpnctl"), words({file, "--speed", "1"}),
                                   {"TMPDIR=" + m_folder});
         std::string folder;
@@ -122,13 +177,15 @@ TEST_F(replay, its_end_and_that_of_its_process_are_noticed_and_leave_nothing)
             return system_test::run(system_test::binary("l2vpnctl"),
                                     {"status", "--json", "--runtime-dir", folder});
         };
-        ASSERT_TRUE(eventually([&] { return status().status == 0; }));
-        if (its_own) {
-            played.send_signal(SIGINT);
+        ASSERT_TRUE(eventually([&] {
+            const system_test::result now = status();
+            return now.status == 0 && json::parse(now.out)["owners"] == 1;
+        }));
+        if (signal != 0) {
+            played.send_signal(signal);
             EXPECT_EQ(played.wait(), 4);
             EXPECT_EQ(played.err(), "l2vpnctl: interrupted\n");
         } else {
-            ASSERT_TRUE(eventually([&] { return json::parse(status().out)["owners"] == 1; }));
             kill(json::parse(status().out)["pid"].get<pid_t>(), SIGKILL);
             EXPECT_EQ(played.wait(), 1) << played.err();
             EXPECT_THAT(played.out(), HasSubstr("l2vpnd was ended by signal 9\n"));

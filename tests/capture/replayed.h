@@ -17,6 +17,7 @@ inline constexpr const char *same = "the tables are the same\n";
 /* What a record's head begins with, in files: its version, kind, direction, observer, a zero, its length. */
 inline const std::string message_to_process("\0\1\1\1\1\0\0\100", 8);
 constexpr size_t pid_in_head = 16;
+constexpr size_t link_in_head = 24;
 constexpr size_t time_before_head = 16; /* the upper half, of nanoseconds, in this machine's byte order */
 
 class replay : public recorded {
@@ -30,9 +31,12 @@ protected:
         arguments.insert(arguments.end(), {"--runtime-dir", m_dir.path()});
         return arguments;
     }
+    /* --bisect starts a process for each step. */
     system_test::result play(const std::vector<std::string> &arguments) const
     {
-        return system_test::run(system_test::binary("l2vpnctl"), words(arguments), {"TMPDIR=" + m_folder});
+        system_test::child played(system_test::binary("l2vpnctl"), words(arguments), {"TMPDIR=" + m_folder});
+        const int status = played.wait(8 * system_test::patience);
+        return {status, played.out(), played.err()};
     }
     json told(std::vector<std::string> arguments, int status = 0) const
     {

@@ -49,6 +49,14 @@ TEST_F(recorded, a_page_is_made_whole_or_not_at_all)
     expect_one_line(ctl({"timeline", file}), 2, "--output");
     expect_one_line(ctl({"timeline", "-o", there}), 2, "file");
     EXPECT_EQ(system_test::read_file(there), "kept");
+    for (const std::string &input : {file, path}) {
+        const size_t size = fs::file_size(input);
+        expect_one_line(ctl({"timeline", input, "-o", input, "--force"}), 1,
+                        input + ": is to be read, and cannot be written at the same time");
+        EXPECT_EQ(fs::file_size(input), size);
+    }
+    expect_one_line(ctl({"timeline", file, "-o", path, "--force"}), 1,
+                    path + ": a capture ring, which is not replaced");
     EXPECT_FALSE(fs::exists(m_dir.file("new.html")));
 
     /* What is left of one that breaks off can be looked at. */

@@ -79,9 +79,9 @@ std::string read_file(const std::string &path)
     return content.str();
 }
 
-bool eventually(const std::function<bool()> &condition)
+bool eventually(const std::function<bool()> &condition, seconds limit)
 {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;
@@ -156,9 +156,9 @@ void child::send_signal(int signal)
         (void)kill(pid_, signal);
 }
 
-int child::wait()
+int child::wait(seconds limit)
 {
-    if (!eventually([this] { return !running(); })) {
+    if (!eventually([this] { return !running(); }, limit)) {
         (void)kill(pid_, SIGKILL);
         (void)reap(true);
         return -1000;

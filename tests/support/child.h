@@ -34,8 +34,8 @@ private:
 
 std::string read_file(const std::string &path);
 
-// True as soon as `condition` holds, false when it does not within `patience`.
-bool eventually(const std::function<bool()> &condition);
+// True as soon as `condition` holds, false when it does not within `limit`.
+bool eventually(const std::function<bool()> &condition, seconds limit = patience);
 
 // A running program. Its output goes to files, so that it never waits for a reader.
 class child {
@@ -52,8 +52,8 @@ public:
     bool says(const std::string &text) const; // waits until standard output has it
     bool running();
     void send_signal(int signal);
-    // Its exit status; -signal when a signal ended it; -1000 when it had to be killed after `patience`.
-    int wait();
+    // Its exit status; -signal when a signal ended it; -1000 when it had to be killed after `limit`.
+    int wait(seconds limit = patience);
 
 private:
     bool reap(bool block);

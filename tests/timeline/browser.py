@@ -2,8 +2,10 @@
 
 import base64
 import json
+import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import tempfile
 import time
@@ -19,11 +21,15 @@ KEYS = {"Escape": "\ue00c", "Up": "\ue013", "Down": "\ue015", "PageDown": "\ue00
 class Browser:
     def __init__(self, width=1400, height=860):
         self.folder = tempfile.mkdtemp(prefix="l2vpn-timeline-")
-        self.session = None
+        self.session = self.driver = None
+        self.straight = urllib.request.build_opener(urllib.request.ProxyHandler({}))
         log = pathlib.Path(self.folder) / "log"
-        with open(log, "wb") as out:
-            self.driver = subprocess.Popen(["chromedriver", "--port=0"], stdout=out, stderr=subprocess.STDOUT)
+        places = ["HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME", "TMPDIR"]
         try:
+            with open(log, "wb") as out:
+                self.driver = subprocess.Popen(["chromedriver", "--port=0"], stdout=out, stderr=subprocess.STDOUT,
+                                               stdin=subprocess.DEVNULL, start_new_session=True,
+                                               env=os.environ | dict.fromkeys(places, self.folder))
             self.address = f"http://127.0.0.1:{self.port_in(log)}"
             options = {"args": ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
                                 f"--user-data-dir={self.folder}/profile", f"--window-size={width},{height}"]}
@@ -49,7 +55,7 @@ class Browser:
         request = urllib.request.Request(self.address + path, method=method,
                                          data=None if body is None else json.dumps(body).encode())
         try:
-            with urllib.request.urlopen(request, timeout=PATIENCE) as answer:
+            with self.straight.open(request, timeout=PATIENCE) as answer:
                 return json.load(answer)["value"]
         except urllib.error.HTTPError as error:
             raise RuntimeError(f"{method} {path}: {error.read().decode()}") from error
@@ -59,9 +65,31 @@ class Browser:
             if self.session is not None:
                 self.ask("DELETE", self.session)
         finally:
-            self.driver.terminate()
-            self.driver.wait(PATIENCE)
-            shutil.rmtree(self.folder, ignore_errors=True)
+            if self.driver is not None:
+                self.end()
+            shutil.rmtree(self.folder)
+
+    def end(self):
+        """Of the driver and of all that it started: they are one session, and their numbers nobody else's till then."""
+        self.driver.terminate()
+        end = time.monotonic() + 10
+        while self.still_running():
+            if time.monotonic() > end:
+                for pid in self.still_running():
+                    os.kill(pid, signal.SIGKILL)
+            time.sleep(0.02)
+        self.driver.wait(PATIENCE)
+
+    def still_running(self):
+        found = []
+        for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
+            try:
+                state, _, _, session, *_ = stat.read_text().rpartition(") ")[2].split()
+            except OSError:
+                continue  # it ended meanwhile
+            if int(session) == self.driver.pid and state not in "ZX":
+                found.append(int(stat.parent.name))
+        return found
 
     def __enter__(self):
         return self

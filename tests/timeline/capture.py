@@ -46,10 +46,10 @@ class Capture:
         self.blocks = [block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1)),
                        block(1, struct.pack("<HHI", 147, 0, 0) + struct.pack("<HHB3x", 9, 1, 9) + bytes(4))]
 
-    def add(self, owner, kind, direction=NONE, content=b"", status=0, after=1000, lost=0):
+    def add(self, owner, kind, direction=NONE, content=b"", status=0, after=1000, lost=0, pid=None):
         self.time += after
         self.count += lost
-        head = struct.pack(">HBBBBHIIIIQQII16s", 1, kind, direction, 1, 0, HEAD, 3, 7, 4000 + owner, 1000, owner,
+        head = struct.pack(">HBBBBHIIIIQQII16s", 1, kind, direction, 1, 0, HEAD, 3, 7, pid or 4000 + owner, 1000, owner,
                            self.count, status, len(content), b"portd-%d" % owner)
         data = head + content
         options = struct.pack("<HHQ", 4, 8, lost) + bytes(4) if lost else b""

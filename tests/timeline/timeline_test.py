@@ -72,6 +72,18 @@ def large(path):
     return made.write(path)
 
 
+def strange(path):
+    """More types than there are, and two links of one client."""
+    made = Capture()
+    made.add(1, UP, pid=77)
+    for number in range(300):
+        made.said(1, message(1000 + number), pid=77)
+    made.add(1, DOWN, pid=77)
+    made.add(9, UP, pid=77)
+    made.said(9, create([(0x11, "port1/1")], 3), pid=77)
+    return made.write(path)
+
+
 def monitor(path, *choice):
     """Of each record what is printed: its line, and those of its ACs."""
     out = subprocess.run([program, "monitor", "--read", str(path), "-v", *choice], stdout=subprocess.PIPE,
@@ -147,7 +159,7 @@ class Page(Browser):
             return n;""", name)
 
     def check_quiet(self):
-        words = [word for word in self.said() if word["source"] != "rendering"]  # of pixels() above
+        words = [word for word in self.said() if word["level"] == "SEVERE"]
         check_equal(words, [], "the console")
         check_equal(self.run("return performance.getEntriesByType('resource').length"), 0, "what was fetched")
 
@@ -345,6 +357,18 @@ def run_small(page, folder):
     page.check_quiet()
 
 
+def run_strange(page, folder):
+    _, html = make(folder, "strange", strange)
+    page.show(html)
+    options = "return [...document.querySelectorAll(arguments[0] + ' option')].slice(1).map((one) => one.text)"
+    check_equal(page.run(options, "#type"), ["CREATE", "unknown type"], "types")
+    check_equal(page.run(options, "#owner"), ["portd-1[77], class 3, owner 1, 9"], "lanes")
+    for name, count in [("CREATE", 1), ("unknown type", 300)]:
+        page.choose("#type", name)
+        page.wait(f"{count} of {name}", lambda: page.count() == count)
+    page.check_quiet()
+
+
 def run_large(page, folder):
     path, html = make(folder, "large", large)
     print(f"{MANY} messages: {html.stat().st_size} bytes, {html.stat().st_size / MANY:.0f} a message")
@@ -352,6 +376,7 @@ def run_large(page, folder):
     check_equal(page.in_sight(), MANY, "in sight")
     check("as density" in page.text("#view"), "arrows without number")
     check(page.pixels("bad") > 0, "failures do not stay in sight")
+    check(page.pixels("up") > 0, "links that come do not stay in sight")
     for scale in ["#by-time", "#by-order"]:
         page.click(scale)
         check_equal(page.in_sight(), MANY, f"{scale} shows")
@@ -382,6 +407,7 @@ def main():
     with tempfile.TemporaryDirectory() as folder, Page() as page:
         page.emulate("light")
         run_small(page, pathlib.Path(folder))
+        run_strange(page, pathlib.Path(folder))
         run_large(page, pathlib.Path(folder))
 
 

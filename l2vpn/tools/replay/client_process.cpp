@@ -42,6 +42,7 @@ void answer(int to, int status, int descriptor)
 [[noreturn]] void serve(int asked, const sockaddr_un &address)
 {
     signal(SIGINT, SIG_IGN); /* the other end is told, and closes */
+    signal(SIGHUP, SIG_IGN);
     signal(SIGTERM, SIG_DFL);
     if (dup2(asked, 3) < 0 || close_range(4, ~0U, 0) != 0) {
         _exit(1);

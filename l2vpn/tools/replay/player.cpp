@@ -43,7 +43,9 @@ uint32_t longest(const std::vector<captured> &records)
 {
     uint32_t length = least_mtu;
     for (const captured &record : records) {
-        length = std::max(length, record.head.direction == flow::to_process ? record.head.length : 0);
+        if (has_arrived(record, flow::to_process)) {
+            length = std::max(length, static_cast<uint32_t>(record.message.size()));
+        }
     }
     return length;
 }
@@ -84,26 +86,28 @@ void player::refuse_collisions(const std::vector<captured> &records)
     });
 }
 
-client_process &player::process_of(const captured &record)
+std::shared_ptr<client_process> player::process_of(const captured &record)
 {
     /* Where no pid is known, every link is a client of its own. */
     const link_id id = link_of(record);
     const client of = record.head.pid != 0 ? client{id.observer, record.head.pid}
                                            : client{~0U, static_cast<uint32_t>(id.number)};
-    std::unique_ptr<client_process> &process = m_clients[of];
+    std::shared_ptr<client_process> process = m_clients[of].lock();
     if (process == nullptr) {
-        process = std::make_unique<client_process>(m_service);
+        process = std::make_shared<client_process>(m_service);
+        m_clients[of] = process;
     }
-    return *process;
+    return process;
 }
 
 player::link *player::open(const captured &record)
 {
     settle();
     const link_id id = link_of(record);
-    client_process &process = process_of(record);
-    auto made = std::make_unique<link>(link{id, process.pid(), record.head.class_id, record.head.nodeid,
-                                            describe_owner(record), process.connect(m_patience)});
+    std::shared_ptr<client_process> process = process_of(record);
+    unique_fd socket = process->connect(m_patience);
+    auto made = std::make_unique<link>(link{id, std::move(process), record.head.class_id, record.head.nodeid,
+                                            describe_owner(record), std::move(socket)});
     using namespace l2vpn::ipc;
     std::array<uint8_t, sizeof(greeting)> bytes{};
     put_number(bytes.data(), link_magic);
@@ -120,7 +124,13 @@ player::link *player::open(const captured &record)
         recv(fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
         throw failure{exit_broken, "l2vpnd does not greet " + made->text};
     }
-    if (const auto status = get_number<uint32_t>(&bytes[20]); status != 0) {
+    const auto status = get_number<uint32_t>(&bytes[20]);
+    if (status == EMSGSIZE) {
+        throw failure{exit_broken, "l2vpnd takes messages of " +
+                                       std::to_string(get_number<uint32_t>(&bytes[16])) +
+                                       " bytes at most, and the capture has one of " + std::to_string(m_mtu)};
+    }
+    if (status != 0) {
         m_refused.insert(id);
         m_surprises.push_back(
             {nullptr, made->text + " is refused: " + text_of(static_cast<int>(status)), nullptr, nullptr});

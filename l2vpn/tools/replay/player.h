@@ -53,16 +53,16 @@ private:
     void lose(link &gone, const std::string &why);
     uint64_t owner_number(link &of);
     json ask(const std::string &verb, const json &args, const std::function<void(const json &row)> &row);
-    client_process &process_of(const captured &record);
+    std::shared_ptr<client_process> process_of(const captured &record);
 
     std::string m_control;
     std::string m_service;
     std::chrono::milliseconds m_patience;
     uint32_t m_mtu;
     l2vpn::platform_posix::unique_fd m_epoll;
-    std::map<client, std::unique_ptr<client_process>> m_clients;
-    std::map<link_id, std::unique_ptr<link>> m_links; /* that are open */
-    std::map<uint64_t, link_id> m_owners;             /* by the process's own number */
+    std::map<client, std::weak_ptr<client_process>> m_clients; /* that have links */
+    std::map<link_id, std::unique_ptr<link>> m_links;          /* that are open */
+    std::map<uint64_t, link_id> m_owners;                      /* by the process's own number */
     std::set<link_id> m_refused;
     link *m_latest = nullptr; /* which may not have taken what it was sent */
     std::vector<difference> m_surprises;

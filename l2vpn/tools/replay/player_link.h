@@ -4,13 +4,14 @@
 #ifndef L2VPNCTL_REPLAY_PLAYER_LINK_H
 #define L2VPNCTL_REPLAY_PLAYER_LINK_H
 
+#include "client_process.h"
 #include "player.h"
 
 namespace l2vpnctl {
 
 struct player::link {
     link_id id;
-    pid_t pid;
+    std::shared_ptr<client_process> process; /* ends with its last link */
     uint32_t class_id;
     uint32_t nodeid;
     std::string text; /* for people */

@@ -31,7 +31,7 @@ uint64_t player::owner_number(link &of)
         }
         std::ranges::sort(fresh, std::greater(), [](const link *one) { return one->serial; });
         for (link *one : fresh) {
-            auto &left = numbers[{static_cast<uint64_t>(one->pid), one->class_id, one->nodeid}];
+            auto &left = numbers[{static_cast<uint64_t>(one->process->pid()), one->class_id, one->nodeid}];
             if (!left.empty()) {
                 one->number = left.back();
                 left.pop_back();

@@ -27,6 +27,12 @@ struct outcome {
     uint64_t links = 0;
 };
 
+/* What --bisect found. */
+struct culprit {
+    size_t index;   /* of the record */
+    bool is_steady; /* played once more, it makes a difference again */
+};
+
 class replayer {
 public:
     explicit replayer(const command_line &line)
@@ -42,7 +48,7 @@ public:
     bool run()
     {
         const outcome all = play_all();
-        std::optional<size_t> first;
+        std::optional<culprit> first;
         if (m_how.bisect && !all.differences.empty()) {
             first = find_first();
         }
@@ -161,8 +167,8 @@ private:
         return play_into(to, records().size(), m_how.speed, "replayed ");
     }
 
-    /* Before it all is the same, behind it something differs. */
-    size_t find_first()
+    /* Before it all was the same, behind it something differed. */
+    culprit find_first()
     {
         size_t same = 0;
         size_t differs = records().size();
@@ -172,7 +178,8 @@ private:
                                      std::to_string(differs) + ": replayed ";
             (play_prefix(middle, 0, what).differences.empty() ? same : differs) = middle;
         }
-        return differs - 1;
+        const std::string again = "record " + std::to_string(differs) + " again: replayed ";
+        return {differs - 1, !play_prefix(differs, 0, again).differences.empty()};
     }
 
     /* Of a capture that does not tell all, for people. */
@@ -201,7 +208,7 @@ private:
         }
     }
 
-    void tell_people(const outcome &all, const std::optional<size_t> &first) const
+    void tell_people(const outcome &all, const std::optional<culprit> &first) const
     {
         std::string out;
         for (const std::string &warning : warnings()) {
@@ -222,14 +229,17 @@ private:
         out += all.differences.empty() ? "the tables are the same\n"
                                        : count_of(all.differences.size(), "difference", "differences") + "\n";
         if (first) {
-            const captured &record = records()[*first];
-            out += "the first record that makes one, number " + std::to_string(record.head.number) + ":\n" +
+            const captured &record = records()[first->index];
+            out += "a record that makes one, number " + std::to_string(record.head.number) + ":\n" +
                    to_lines(record, read(record), detail::none, false);
+            out += first->is_steady
+                       ? ""
+                       : "(played once more up to it, nothing differed: it is not so each time)\n";
         }
         write(out);
     }
 
-    void tell_programs(const outcome &all, const std::optional<size_t> &first) const
+    void tell_programs(const outcome &all, const std::optional<culprit> &first) const
     {
         json differences = json::array();
         for (const difference &one : all.differences) {
@@ -249,7 +259,9 @@ private:
                     {"batches", all.found.count(2)},
                     {"differences", std::move(differences)}};
         if (first) {
-            out["first"] = describe(records()[*first], read(records()[*first]), detail::records);
+            const captured &record = records()[first->index];
+            out["first"] = describe(record, read(record), detail::records);
+            out["steady"] = first->is_steady;
         }
         write(out.dump(2) + "\n");
     }
@@ -269,6 +281,9 @@ void replay(const command_line &line)
     try {
         same = replayer(line).run();
     } catch (const failure &why) {
+        if (is_stopped()) { /* which is why something waited in vain */
+            throw failure{exit_broken, "interrupted"};
+        }
         throw failure{why.status == exit_failed ? exit_broken : why.status, why.text};
     } catch (const std::exception &error) {
         throw failure{exit_broken, error.what()};
@@ -295,7 +310,8 @@ void add_replay(CLI::App &app, command_line &line)
             ->type_name("FILE")
             ->type_size(1)
             ->take_all();
-    verb->add_flag("--bisect", to.bisect, "Find the first record after which something differs")
+    verb->add_flag("--bisect", to.bisect,
+                   "Find a record after which something differs, and before which nothing did")
         ->excludes(running)
         ->excludes(against);
     verb->add_option("--program", to.program, "The l2vpnd to be started")

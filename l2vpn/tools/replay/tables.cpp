@@ -112,16 +112,16 @@ void compare_rows(const char *table, const table_rows &expected, const table_row
 } // namespace
 
 const std::array<table_kind, table_count> table_kinds = {{
-    {"show acs", "acs", ac_key, {"xcid", "xcid"}},
+    {"show acs", "acs", ac_key, {"xcid"}},
     {"show mstp", "mstp", mstp_key, {"node", "class"}},
-    {"show batches", "batches", batch_key, {"since", "since"}},
+    {"show batches", "batches", batch_key, {"since"}},
 }};
 
 void tables::add(size_t kind, json row)
 {
     const std::string key = table_kinds[kind].key(row);
-    for (const char *name : table_kinds[kind].ignored) {
-        row.erase(name);
+    for (const std::string_view name : table_kinds[kind].ignored) {
+        row.erase(std::string(name));
     }
     of[kind]->insert_or_assign(key, std::move(row));
 }

@@ -19,7 +19,7 @@ struct table_kind {
     const char *verb;
     const char *rows;
     std::string (*key)(const json &row); /* for people, too */
-    std::array<const char *, 2> ignored;
+    std::array<std::string_view, 2> ignored;
 };
 
 inline constexpr size_t table_count = 3;

@@ -1,7 +1,8 @@
 #include "throw_away.h"
 
-#include "control_link.h"
+#include "recordings.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -23,6 +24,8 @@ using clock = std::chrono::steady_clock;
 
 constexpr int end_patience_ms = 5000;
 constexpr int look_again_ms = 10;
+constexpr size_t said_most = 4096;
+constexpr std::string_view ready_line = "l2vpnd: ready on ";
 
 [[noreturn]] void fail(const std::string &what)
 {
@@ -95,7 +98,13 @@ throw_away::~throw_away()
 void throw_away::start(const replay_options &how)
 {
     std::vector<std::string> arguments = {find_program(how.program), "--runtime-dir=" + m_folder.string(),
-                                          "--capture=off", "--nodeid=1", "--mtu=1048576"};
+                                          "--capture=off"};
+    for (const std::string own : {"nodeid=1", "mtu=1048576"}) {
+        const std::string name = own.substr(0, own.find('=') + 1);
+        if (std::ranges::none_of(how.options, [&](const std::string &it) { return it.starts_with(name); })) {
+            arguments.push_back("--" + own);
+        }
+    }
     for (const std::string &option : how.options) {
         arguments.push_back("--" + option);
     }
@@ -132,7 +141,10 @@ void throw_away::wait_until_ready(std::chrono::milliseconds patience)
 {
     const auto deadline = clock::now() + patience;
     std::string said;
-    while (said.find('\n') == std::string::npos) {
+    while (said.find('\n') == std::string::npos && said.size() < said_most) {
+        if (is_stopped()) {
+            fail("interrupted");
+        }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now()).count();
         pollfd ready{m_out.get(), POLLIN, 0};
         if (left <= 0) {
@@ -144,18 +156,20 @@ void throw_away::wait_until_ready(std::chrono::milliseconds patience)
         std::array<char, 256> bytes{};
         const ssize_t got = read(m_out.get(), bytes.data(), bytes.size());
         if (got <= 0) {
-            int status = 0;
-            waitpid(std::exchange(m_pid, -1), &status, 0);
+            ended_by_now();
             fail(last_words());
         }
         said.append(bytes.data(), static_cast<size_t>(got));
+    }
+    if (!said.starts_with(ready_line)) {
+        fail("it says something else than that it is ready");
     }
 }
 
 std::string throw_away::last_words() const
 {
     std::ifstream log(m_folder / "log");
-    std::string last = "it ended at once";
+    std::string last = m_end.empty() ? "it says nothing" : "it ended at once";
     for (std::string line; std::getline(log, line);) {
         last = line.empty() ? last : line;
     }

@@ -11,6 +11,7 @@ namespace {
 /* A part is unpacked as a whole when one of its records is looked at. */
 constexpr uint64_t part_records = 256;
 constexpr size_t part_size = size_t{512} << 10;
+constexpr uint32_t unknown_type = UINT32_MAX;
 
 enum row_bits : uint64_t {
     bit_to_owner = 4, /* below it, the kind */
@@ -52,7 +53,7 @@ uint64_t story::lane_of(const captured &record)
     if (is_new) {
         const size_t length = std::string_view(head.name.data(), head.name.size()).find('\0');
         const auto *name = reinterpret_cast<const uint8_t *>(head.name.data());
-        m_lane_rows.push_back({{"owner", head.link},
+        m_lane_rows.push_back({{"owners", json::array()},
                                {"program", l2vpnd::to_text({name, std::min(length, head.name.size())})},
                                {"pid", head.pid},
                                {"uid", head.uid},
@@ -60,16 +61,19 @@ uint64_t story::lane_of(const captured &record)
                                {"node", head.nodeid},
                                {"by", by_owner ? "owner" : "process"}});
     }
-    m_lane_of_link[link_of(record)] = lane->second;
+    if (m_lane_of_link.try_emplace(link_of(record), lane->second).second) {
+        m_lane_rows[lane->second]["owners"].push_back(head.link);
+    }
     return lane->second;
 }
 
 uint64_t story::type_of(const reading &message)
 {
-    const auto [type, is_new] = m_types.try_emplace(message.type, m_types.size());
+    /* The page has room for so many: all that are unknown are one. */
+    const uint32_t code = message.row != nullptr ? message.type : unknown_type;
+    const auto [type, is_new] = m_types.try_emplace(code, m_types.size());
     if (is_new) {
-        m_type_names.push_back(message.row != nullptr ? message.row->name
-                                                      : "type " + std::to_string(message.type));
+        m_type_names.push_back(message.row != nullptr ? message.row->name : "unknown type");
     }
     return type->second;
 }
@@ -97,7 +101,9 @@ void story::take_batches(const captured &record, const reading &message)
     if (record.head.kind == record_kind::link_refused || record.head.link == 0) {
         return;
     }
-    m_account.up(record);
+    if (m_up.insert(link_of(record)).second) {
+        m_account.up(record);
+    }
     if (has_arrived(record, flow::to_process) && is_sound(record, message)) {
         m_account.follow(record, message, m_records, ended);
         add_batches(ended, batch_closed, m_records);

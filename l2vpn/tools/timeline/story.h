@@ -54,6 +54,7 @@ private:
     std::string m_named_names;
 
     batch_account m_account;
+    std::set<link_id> m_up; /* links that it knows */
     packed m_batches;
     uint64_t m_batch_count = 0;
 

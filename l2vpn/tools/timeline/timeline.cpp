@@ -1,6 +1,7 @@
 #include "timeline.h"
 
 #include "command_line.h"
+#include "pcapng_writer.h"
 #include "story.h"
 
 #include <cerrno>
@@ -19,13 +20,15 @@ constexpr uint64_t progress_records = 1000;
 /* Under a name of its own until it is whole. What is no regular file (a pipe, a device) is written as it is. */
 class page_file {
 public:
-    page_file(std::string path, bool replace) : m_path(std::move(path)), m_replace(replace)
+    page_file(std::string path, bool replace, const std::vector<std::string> &read)
+        : m_path(std::move(path)), m_replace(replace)
     {
         struct stat there {};
         const bool exists = stat(m_path.c_str(), &there) == 0;
         if (exists && !replace) {
             refuse("there already (--force replaces it)");
         }
+        refuse_to_replace(m_path, read);
         if (!exists || S_ISREG(there.st_mode)) {
             m_temporary = m_path + ".XXXXXX";
         }
@@ -68,9 +71,8 @@ public:
             refuse(strerror(errno));
         }
         if (!m_temporary.empty()) {
-            const unsigned how = m_replace ? 0 : RENAME_NOREPLACE;
-            if (renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_path.c_str(), how) != 0) {
-                refuse(strerror(errno));
+            if (!l2vpn::capture::give_name(m_temporary, m_path, m_replace)) {
+                refuse(errno == EEXIST ? "there already (--force replaces it)" : strerror(errno));
             }
             m_temporary.clear();
         }
@@ -91,7 +93,8 @@ private:
 class teller : public record_consumer {
 public:
     explicit teller(const command_line &line)
-        : m_file(line.timeline.write, line.timeline.force), m_story([this](const std::string &part) {
+        : m_file(line.timeline.write, line.timeline.force, line.recordings.files),
+          m_story([this](const std::string &part) {
               m_file.write_part("part" + std::to_string(m_parts++), part);
           }),
           m_progress(isatty(STDERR_FILENO) == 1)
@@ -133,6 +136,7 @@ private:
 /* A file that breaks off has its page, too, and its line. */
 void timeline(const command_line &line)
 {
+    stop_on_signals();
     teller page(line);
     std::optional<failure> broken;
     try {

@@ -104,7 +104,8 @@ class Story {
   laneTitle(lane) {
     const of = this.about.lanes[lane];
     return {first: `${of.program || "owner"}[${of.pid}]`,
-      second: `class ${of.class}` + (of.by === "owner" ? ", told by itself" : `, owner ${of.owner}`)};
+      second: `class ${of.class}` + (of.by === "owner" ? ", told by itself"
+        : `, owner ${of.owners.slice(0, 10).join(", ")}` + (of.owners.length > 10 ? ", …" : ""))};
   }
 
   label(i) {

@@ -122,12 +122,16 @@ class Picture extends Places {
       }
     }
     const c = this.context;
+    const [begin, end] = [this.shown[this.from] ?? Infinity, this.shown[Math.min(this.to, this.shown.length) - 1] ?? -1];
+    const drawn = new Map(); // by lane: how far down; many that are too short to be told apart are one
     for (const batch of story.batches) {
       const column = this.columns.get(batch.lane);
-      const seen = column === undefined ? null : this.extent(batch.first, batch.last);
-      if (!seen) { continue; }
+      if (column === undefined || (!this.byTime && (batch.last < begin || batch.first > end))) { continue; }
       const x = this.laneX(column);
-      if (x <= this.lanesBegin - 20) { continue; }
+      if (x <= this.lanesBegin - 20 || x > this.width + 20) { continue; }
+      const seen = this.extent(batch.first, batch.last);
+      if (!seen || (batch.end === 0 && seen[1] <= (drawn.get(column) ?? -Infinity))) { continue; }
+      drawn.set(column, seen[1] + 1);
       c.fillStyle = this.colour("batch");
       c.globalAlpha = 0.4;
       c.beginPath();
@@ -240,19 +244,23 @@ class Picture extends Places {
     }
   }
 
-  // Too many for arrows: how many there are in each lane, a row of pixels by another; what failed stays in sight.
+  // Too many for arrows: how many there are in each lane, a row of pixels by another; what failed, was lost, came up or
+  // went down stays in sight.
   drawDensity() {
     const row = 3;
     const rows = Math.ceil(this.height / row);
-    const counts = this.lanes.map(() => [new Uint32Array(rows), new Uint32Array(rows), new Uint8Array(rows)]);
+    const counts = this.lanes.map(() => [new Uint32Array(rows), new Uint32Array(rows), new Array(rows)]);
+    const missing = new Set();
     let most = 1;
     for (let rank = this.from; rank < this.to; rank++) {
       const i = this.shown[rank];
       const bits = this.story.bits[i];
       const at = Math.min(rows - 1, Math.max(0, Math.floor((this.yOf(this.placeOfRank(rank)) - LAYOUT.head) / row)));
       const of = counts[this.columns.get(this.story.lane[i])];
-      most = Math.max(most, ++of[bits & BIT.toOwner ? 1 : 0][at]);
-      if (isBad(bits)) { of[2][at] = 1; }
+      if ((bits & 3) === KIND.message) { most = Math.max(most, ++of[bits & BIT.toOwner ? 1 : 0][at]); }
+      const mark = this.colourOf(i);
+      if (mark === "bad" || (mark !== "in" && mark !== "out" && of[2][at] !== "bad")) { of[2][at] = mark; }
+      if (this.story.lost[i] > 0) { missing.add(at); }
     }
     const c = this.context;
     const room = this.laneWidth / 2 - 8;
@@ -263,19 +271,23 @@ class Picture extends Places {
       c.fillRect(x, y, width, row - 0.5);
       c.globalAlpha = 1;
     };
-    counts.forEach(([toProcess, toOwner, bad], column) => {
+    counts.forEach(([toProcess, toOwner, marks], column) => {
       const x = this.laneX(column);
       if (x <= this.lanesBegin - 20 || x > this.width + this.laneWidth) { return; }
       for (let at = 0; at < rows; at++) {
         const y = LAYOUT.head + at * row;
         if (toProcess[at] > 0) { bar("in", x - 5 - length(toProcess[at]), y, length(toProcess[at])); }
         if (toOwner[at] > 0) { bar("out", x + 5, y, length(toOwner[at])); }
-        if (bad[at]) {
-          c.fillStyle = this.colour("bad");
+        if (marks[at]) {
+          c.fillStyle = this.colour(marks[at]);
           c.fillRect(x - 5, y - 1, 10, row + 1);
         }
       }
     });
+    for (const at of missing) {
+      const y = LAYOUT.head + at * row;
+      this.line("bad", [[LAYOUT.gutter, y], [this.width, y]], 1.5, [3, 5]);
+    }
   }
 
   drawHead() {

@@ -25,6 +25,7 @@ class Places {
 
   show(shown) {
     this.shown = shown;
+    this.stripKey = null; // of what is drawn at the side
     const lanes = new Set();
     for (const i of shown) { lanes.add(this.story.lane[i]); }
     this.lanes = [...lanes].sort((a, b) => a - b);
