@@ -70,7 +70,7 @@ class Browser:
             shutil.rmtree(self.folder)
 
     def end(self):
-        """Of the driver and of all that it started: they are one session, and their numbers nobody else's till then."""
+        """Of the driver and of all that it started: its session, and what was given this folder."""
         self.driver.terminate()
         end = time.monotonic() + 10
         while self.still_running():
@@ -85,9 +85,10 @@ class Browser:
         for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
             try:
                 state, _, _, session, *_ = stat.read_text().rpartition(") ")[2].split()
+                words = stat.with_name("cmdline").read_bytes()
             except OSError:
                 continue  # it ended meanwhile
-            if int(session) == self.driver.pid and state not in "ZX":
+            if state not in "ZX" and (int(session) == self.driver.pid or self.folder.encode() in words):
                 found.append(int(stat.parent.name))
         return found
 

@@ -6,20 +6,16 @@ with what l2vpnctl monitor says of the same capture. Then the same with 100,000 
 """
 
 import pathlib
-import random
 import re
 import subprocess
 import sys
 import tempfile
 
 from browser import Browser
-from capture import DOWN, REFUSED, UP, Capture, create, delete, message, provision, update
+from samples import MANY, large, small, strange
 
 program = sys.argv[1]
 HEAD_HEIGHT = 46  # of the picture's own head, in pixels
-MANY = 100_000
-HOSTILE = "</script><img src=x onerror=alert(1)>"
-ENOTCONN = 107
 
 
 def check(condition, what):
@@ -29,59 +25,6 @@ def check(condition, what):
 
 def check_equal(found, expected, what):
     check(found == expected, f"{what}: {found!r}, not {expected!r}")
-
-
-def small(path):
-    made = Capture()
-    made.add(1, UP)
-    made.said(1, message(0))
-    made.said(1, create([(0x11, "port1/1"), (0x12, "port1/2")], 1))
-    made.said(1, create([(0x13, "port2/1")], 0))
-    made.add(2, UP)
-    made.said(2, create([(0x21, "trunk1"), (0x22, HOSTILE)], 3))
-    made.told(2, provision([0x21]), status=ENOTCONN)
-    made.said(1, create([], 0))
-    made.told(1, provision([0x11, 0x12]))
-    made.add(3, REFUSED, status=22)
-    made.said(1, message(99))
-    made.said(1, update([0x12]), after=3_000_000_000)
-    made.said(2, create([(0x23, "trunk2")], 1), lost=4)
-    made.said(1, delete([0x11]))
-    made.add(2, DOWN, status=104)
-    made.add(1, DOWN)
-    return made.write(path)
-
-
-def large(path):
-    made, any_of = Capture(), random.Random(7)
-    for owner in range(1, 13):
-        made.add(owner, UP)
-    while made.count < MANY:
-        owner, number = any_of.randint(1, 12), any_of.randint(1, 3000)
-        acs = [(owner << 16 | number + i, f"port{owner}/{number + i}") for i in range(any_of.randint(1, 4))]
-        numbers = [handle for handle, _ in acs]
-        what = any_of.random()
-        if what < 0.4:
-            made.said(owner, create(acs, any_of.choice([0, 1, 2, 3])))
-        elif what < 0.6:
-            made.said(owner, update(numbers))
-        elif what < 0.7:
-            made.said(owner, delete(numbers))
-        else:
-            made.told(owner, provision(numbers), status=ENOTCONN if what > 0.99 else 0)
-    return made.write(path)
-
-
-def strange(path):
-    """More types than there are, and two links of one client."""
-    made = Capture()
-    made.add(1, UP, pid=77)
-    for number in range(300):
-        made.said(1, message(1000 + number), pid=77)
-    made.add(1, DOWN, pid=77)
-    made.add(9, UP, pid=77)
-    made.said(9, create([(0x11, "port1/1")], 3), pid=77)
-    return made.write(path)
 
 
 def monitor(path, *choice):
