@@ -98,6 +98,8 @@ public:
         return tcgetattr(m_slave, &now) == 0 && (now.c_lflag & ECHO) != 0;
     }
     const std::string &drawn() const { return m_drawn; }
+    /* Up to what was found last; more may have come behind it. */
+    std::string drawn_so_far() const { return m_drawn.substr(0, m_found); }
 
 private:
     bool read_more()
@@ -186,7 +188,7 @@ TEST_F(topped, a_pipe_gets_plain_blocks_with_rates_of_the_time_between)
         done.out,
         HasSubstr(": 1 owner, 1 seen, 0 reconnected, 0 refused; rates since the beginning\n\nOWNER  "));
     EXPECT_THAT(done.out, HasSubstr("\n\nl2vpnd ")) << "an empty line between two";
-    EXPECT_THAT(done.out, HasSubstr("; rates over 0."));
+    EXPECT_THAT(done.out, HasSubstr("; rates over "));
 
     const system_test::result lines = ctl({"top", "--count", "3", "--interval", "0.1", "--json"});
     EXPECT_EQ(std::count(lines.out.begin(), lines.out.end(), '\n'), 3);
@@ -276,7 +278,7 @@ TEST_F(topped, a_terminal_shows_as_much_as_it_has_room_for_and_follows_its_size)
     const auto shown = on_a_terminal(5, 160);
     ASSERT_TRUE(shown->draws("rates since the beginning"));
     ASSERT_TRUE(shown->draws("\033[J"));
-    const std::string first = shown->drawn();
+    const std::string first = shown->drawn_so_far();
     EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 4) << "five lines, and none is scrolled away";
     shown->resize(40, 160);
     ASSERT_TRUE(shown->draws("\r\n    9      3  "));
