@@ -61,16 +61,28 @@ const char *drop_code(const captured &record, const reading &message)
     return names_nothing ? l2vpnd::drop_name(drop::handle) : nullptr;
 }
 
-void chain::take(size_t source, const captured &record, uint64_t lost)
+/* Whatever is recorded has a number. Those of one process come in order, so that a lower one is of another run. */
+void chain::follow_number(recorder_state &of, const record_head &head)
+{
+    if (head.number < of.next && head.by == observer::process) {
+        of = {.links = {}, .now = {}, .past = of.now.where == standing::place::unheard ? of.past : of.now};
+    }
+    if (head.number > of.next) {
+        of.now.in_doubt = true;
+        for (auto &[number, on] : of.links) {
+            on.is_known = false;
+            on.batches = {};
+            on.batch_is_known.fill(false);
+        }
+    }
+    of.next = std::max(of.next, head.number + 1);
+}
+
+void chain::take(size_t source, const captured &record)
 {
     const record_head &head = record.head;
     recorder_state &of = m_recorders[{source, head.by, head.by == observer::process ? 0 : head.pid}];
-    of.first = std::min(of.first, head.number);
-    if (lost > 0) {
-        for (auto &[number, on] : of.links) {
-            on.is_known = false;
-        }
-    }
+    follow_number(of, head);
     switch (head.kind) {
     case record_kind::message:
         take_message(of, source, record);
@@ -124,6 +136,9 @@ void chain::take_message(recorder_state &of, size_t source, const captured &reco
     const bool is_mine = head.class_id == m_key.class_id && head.nodeid == m_key.node;
     const std::optional<uint32_t> index = is_mine ? index_of(record, claimed, m_key.handle) : std::nullopt;
 
+    if (is_mine && !index && claimed.is_cut && (claimed.row == nullptr || claimed.row->each.handle != 0)) {
+        of.now.in_doubt = true;
+    }
     chain_step made = step_of(source, record, "", head.status != EOK, "");
     made.type = claimed.row != nullptr ? claimed.row->name : "";
     made.index = index.value_or(0);
@@ -187,9 +202,8 @@ void chain::take_request(recorder_state &of, link_state &on, chain_step made)
     const uint64_t link = made.head.link;
     const bool is_create = made.type == "CREATE";
     const bool is_delete = made.type == "DELETE";
-    /* Where the records begin later than the process, the AC may have been there all the time. */
-    const bool may_have = now.where == place::unheard && of.first > 0;
-    const bool has = may_have || (now.where == place::held && now.link == link);
+    /* What is missing may have been its CREATE. */
+    const bool has = now.in_doubt || (now.where == place::held && now.link == link);
     if (is_create) {
         made.code = now.where != place::held ? "created" : now.link == link ? "created-anew" : "taken-over";
         now = {.where = place::held, .link = link, .is_created = true};
@@ -198,6 +212,7 @@ void chain::take_request(recorder_state &of, link_state &on, chain_step made)
         made.code = is_delete ? "deleted" : "updated";
         now.where = is_delete ? place::deleted : place::held;
         now.link = link;
+        now.in_doubt = false;
     } else {
         made.code = is_delete ? "delete-ignored" : "update-ignored";
         made.is_fault = true;
@@ -239,9 +254,10 @@ void chain::take_told(recorder_state &of, link_state &on, chain_step made)
 {
     standing &now = of.now;
     const bool provisions = made.type == "PROV";
-    if (now.where == standing::place::unheard) {
+    if (now.where == standing::place::unheard || now.in_doubt) { /* only who has it is told */
         now.where = standing::place::held;
         now.link = made.head.link;
+        now.in_doubt = false;
     }
     now.send_failed = made.is_fault;
     if (made.is_fault) {
@@ -312,11 +328,12 @@ const standing *chain::latest(std::optional<size_t> source) const
 {
     const standing *found = nullptr;
     for (const auto &[of, state] : m_recorders) {
+        const standing &last = state.now.where != standing::place::unheard ? state.now : state.past;
         const bool tells = std::get<observer>(of) == observer::process &&
-                           state.now.where != standing::place::unheard &&
+                           last.where != standing::place::unheard &&
                            (!source || std::get<size_t>(of) == *source);
-        if (tells && (found == nullptr || state.now.since >= found->since)) {
-            found = &state.now;
+        if (tells && (found == nullptr || last.since >= found->since)) {
+            found = &last;
         }
     }
     return found;

@@ -53,6 +53,7 @@ struct standing {
     uint64_t link = 0; /* of its owner, or of the one that had it last */
     uint64_t since = 0;
     bool is_created = false; /* its CREATE is among the records */
+    bool in_doubt = false;   /* what is missing may have been about it */
     bool batched = false;
     bool provisioned = false;
     bool send_failed = false;
@@ -63,7 +64,7 @@ class chain {
 public:
     explicit chain(const ac_key &of) : m_key(of) {}
 
-    void take(size_t source, const captured &record, uint64_t lost);
+    void take(size_t source, const captured &record);
 
     /* In the order of time. */
     std::vector<chain_step> steps() const;
@@ -89,9 +90,11 @@ private:
     struct recorder_state {
         link_map links;
         standing now;
-        uint64_t first = UINT64_MAX; /* number of its first record */
+        standing past;     /* of a process before, which recorded into the same file */
+        uint64_t next = 0; /* the number that is expected */
     };
 
+    static void follow_number(recorder_state &of, const l2vpn::capture::record_head &head);
     void take_message(recorder_state &of, size_t source, const captured &record);
     void take_request(recorder_state &of, link_state &on, chain_step made);
     void take_told(recorder_state &of, link_state &on, chain_step made);

@@ -1,8 +1,9 @@
 /*
  * l2vpnctl explain: what happened to one AC, from the tables of the process and from what was recorded.
  *
- * The recordings are read twice: first for which ACs are meant, then for what happened to the one. So it takes no
- * more memory than its answer, however large they are. The process is asked last, and has the last word.
+ * The recordings are read twice: first for which ACs are meant, then for what happened to the one. So of files it
+ * keeps no more than its answer; a ring is in memory while it is read. The process has the last word; what it does
+ * not hold any more is followed once again, because its end may just have been recorded.
  */
 #include "explain.h"
 
@@ -18,7 +19,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <set>
+#include <map>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace l2vpnctl {
@@ -73,13 +75,17 @@ private:
     process_answer ask(const json &more) const;
     process_answer ask_for_all() const;
     void find_rings(const std::string &folder, const std::string &own);
+    bool drop_unreadable();
     void read(record_consumer &to);
+    void follow(std::optional<chain> &story);
+    bool choose(const finder &find, const std::optional<process_answer> &before);
 
     const command_line &m_line;
     const record_choice &m_choice;
     std::string m_word;
     std::optional<uint32_t> m_handle;
     std::vector<std::string> m_files;
+    bool m_were_named = true;
     explanation m_out;
 };
 
@@ -116,53 +122,113 @@ process_answer explainer::ask_for_all() const
     return got;
 }
 
+/* Each file once, however it is spelled. */
+std::vector<std::string> distinct(const std::vector<std::string> &paths)
+{
+    std::map<std::pair<dev_t, ino_t>, std::string> known;
+    std::vector<std::string> out;
+    for (const std::string &path : paths) {
+        struct stat about {};
+        if (stat(path.c_str(), &about) != 0 ||
+            known.emplace(std::pair(about.st_dev, about.st_ino), path).second) {
+            out.push_back(path); /* whoever reads one that is not there will say so */
+        }
+    }
+    return out;
+}
+
 /* The process's own, and those of owners, who make them beside its socket. */
 void explainer::find_rings(const std::string &folder, const std::string &own)
 {
-    std::set<std::string> found;
-    if (!own.empty()) {
-        found.insert(own);
-    }
+    std::vector<std::string> found;
     std::error_code error;
     for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
         if (entry.path().extension() == ".ring") {
-            found.insert(entry.path());
+            found.push_back(entry.path());
         }
     }
-    for (const std::string &path : found) {
+    std::ranges::sort(found);
+    if (!own.empty()) {
+        found.insert(found.begin(), own);
+    }
+    m_files = distinct(found);
+    m_were_named = false;
+    drop_unreadable();
+}
+
+/* Of rings that nobody named. True: there were some. */
+bool explainer::drop_unreadable()
+{
+    bool found = false;
+    for (size_t i = 0; i < m_files.size();) {
         try {
-            const ring_reader readable(path);
-            m_files.push_back(path);
+            const ring_reader readable(m_files[i]);
+            i++;
         } catch (const bad_file &bad) {
-            m_out.note("recording:unreadable", path + ": " + bad.what());
+            found = true;
+            m_out.note("recording:unreadable", m_files[i] + ": " + bad.what());
+            m_files.erase(m_files.begin() + static_cast<ptrdiff_t>(i));
+            if (i < m_out.searched.size()) {
+                m_out.searched.erase(m_out.searched.begin() + static_cast<ptrdiff_t>(i));
+            }
         }
+    }
+    return found;
+}
+
+/* Rings of owners that have ended are removed by others that begin, also just now: before anything is taken. */
+void explainer::read(record_consumer &to)
+{
+    for (bool again = !m_files.empty(); again;) {
+        command_line with = m_line;
+        with.recordings.files = m_files;
+        try {
+            read_recordings(with, to);
+            again = false;
+        } catch (const failure &) {
+            if (m_were_named || !drop_unreadable()) {
+                throw;
+            }
+            again = !m_files.empty();
+        }
+    }
+    if (is_stopped()) {
+        throw failure{exit_failed, "interrupted"};
     }
 }
 
-void explainer::read(record_consumer &to)
-{
-    if (m_files.empty()) {
-        return;
+/* On a terminal, how far it is. */
+class progress {
+public:
+    progress() = default;
+    progress(const progress &) = delete;
+    progress &operator=(const progress &) = delete;
+    ~progress()
+    {
+        if (m_shown) {
+            fputs("\r\033[K", stderr);
+        }
     }
-    command_line with = m_line;
-    with.recordings.files = m_files;
-    read_recordings(with, to);
-}
+    void count()
+    {
+        if (m_is_terminal && ++m_total % shown_every == 0) {
+            fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_total));
+            m_shown = true;
+        }
+    }
+
+private:
+    bool m_is_terminal = isatty(STDERR_FILENO) == 1;
+    bool m_shown = false;
+    uint64_t m_total = 0;
+};
 
 /* Looks at everything once: which ACs are meant, and what was looked at. */
 class survey : public record_consumer {
 public:
     survey(finder &find, explanation &out, const std::vector<std::string> &paths)
-        : m_find(find), m_out(out), m_paths(paths), m_progress(isatty(STDERR_FILENO) == 1)
+        : m_find(find), m_out(out), m_paths(paths)
     {
-    }
-    survey(const survey &) = delete;
-    survey &operator=(const survey &) = delete;
-    ~survey() override
-    {
-        if (m_shown) {
-            fputs("\r\033[K", stderr);
-        }
     }
 
     void begin(const std::vector<std::string> &sources) override
@@ -190,10 +256,7 @@ public:
             of.messages++;
             of.cut += m_find.take(record) ? 0 : 1;
         }
-        if (m_progress && ++m_total % shown_every == 0) {
-            fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_total));
-            m_shown = true;
-        }
+        m_progress.count();
         return true;
     }
 
@@ -203,30 +266,61 @@ private:
     finder &m_find;
     explanation &m_out;
     const std::vector<std::string> &m_paths;
-    bool m_progress;
-    bool m_shown = false;
-    uint64_t m_total = 0;
+    progress m_progress;
 };
 
 class follower : public record_consumer {
 public:
     explicit follower(chain &of) : m_chain(of) {}
-    bool take(size_t source, const captured &record, uint64_t lost) override
+    bool take(size_t source, const captured &record, uint64_t /*lost*/) override
     {
-        m_chain.take(source, record, lost);
+        m_chain.take(source, record);
+        m_progress.count();
         return true;
     }
 
 private:
     chain &m_chain;
+    progress m_progress;
 };
+
+void explainer::follow(std::optional<chain> &story)
+{
+    story.emplace(*m_out.key);
+    follower after(*story);
+    read(after);
+}
+
+/* Of several the one that the process holds. False: it is not known which is meant. */
+bool explainer::choose(const finder &find, const std::optional<process_answer> &before)
+{
+    const auto &found = find.found();
+    auto chosen = found.begin();
+    m_out.was_held = before && before->rows.size() == 1;
+    if (m_out.was_held) {
+        const json &row = before->rows[0];
+        chosen = found.find({row["node"], row["class"], row["handle"]});
+        if (found.size() > 1) {
+            m_out.note("others:recorded",
+                       std::to_string(found.size() - 1) +
+                           " others are recorded that are not held: --class and --node choose");
+        }
+    } else if (found.size() != 1) {
+        m_out.candidates = find.to_json(most_candidates);
+        m_out.more_candidates = found.size() - std::min(found.size(), most_candidates);
+        return false;
+    }
+    m_out.key = chosen->first;
+    m_out.name = chosen->second.name;
+    return true;
+}
 
 explanation explainer::run()
 {
     m_out.asked = m_word;
     std::optional<process_answer> before;
     if (!m_line.recordings.files.empty()) {
-        m_files = m_line.recordings.files;
+        m_files = distinct(m_line.recordings.files);
     } else {
         const std::string control = control_path(m_line.runtime_dir);
         std::string own;
@@ -244,7 +338,6 @@ explanation explainer::run()
         if (!before && m_files.empty()) {
             throw failure{exit_unreachable, m_out.notes.front().text + ", and no ring is there to be read"};
         }
-        m_out.own_ring = own;
     }
 
     finder find(m_choice, m_handle, m_word);
@@ -255,28 +348,27 @@ explanation explainer::run()
             find.add(row);
         }
     }
-    const auto &found = find.found();
-    if (found.size() != 1) {
-        m_out.candidates = find.to_json(most_candidates);
-        m_out.more_candidates = found.size() - std::min(found.size(), most_candidates);
+    if (!choose(find, before)) {
         return std::move(m_out);
     }
-    m_out.key = found.begin()->first;
-    m_out.name = found.begin()->second.name;
-    chain story(*m_out.key);
-    follower after(story);
-    read(after);
+    std::optional<chain> story;
+    follow(story);
     if (before) {
         const process_answer now = ask(
             {{"handles", {m_out.key->handle}}, {"class", m_out.key->class_id}, {"node", m_out.key->node}});
         m_out.process = now.result;
-        m_out.asked_at = before->at;
+        m_out.asked_at = now.at;
+        m_out.own_ring =
+            now.result.value("capture", ""); /* another one, when it was started again meanwhile */
         for (const json &row : now.rows) {
             m_out.row = row;
             m_out.name = row["name"];
         }
+        if (!m_out.row) {
+            follow(story);
+        }
     }
-    m_out.judge(story);
+    m_out.judge(*story);
     return std::move(m_out);
 }
 

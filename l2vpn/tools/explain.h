@@ -40,6 +40,7 @@ struct explanation {
     std::optional<json> row;     /* what it holds of the AC */
     bool was_asked = false;      /* the process */
     uint64_t asked_at = 0;
+    bool was_held = false; /* by the process, when it was asked before */
     std::string own_ring;
     remark verdict;
     std::vector<chain_step> steps;
@@ -51,6 +52,7 @@ struct explanation {
     void note(std::string code, std::string text) { notes.push_back({std::move(code), std::move(text)}); }
     /* Comes to the verdict. */
     void judge(const chain &story);
+    void note_owner();
 
     json to_json() const;
     std::string to_text() const;

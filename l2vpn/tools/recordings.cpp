@@ -58,7 +58,7 @@ public:
             const uint64_t number = record.head.number;
             m_waiting.emplace(number, std::move(record));
         }
-        m_looks++;
+        m_looks += m_waiting.empty() ? 0 : 1;
         m_is_last = is_last;
     }
 
@@ -98,7 +98,7 @@ private:
     bool m_started; /* a number is expected */
     uint64_t m_next = 0;
     uint64_t m_told = 0; /* that were said to be missing */
-    int m_looks = 0;     /* since one was given */
+    int m_looks = 0;     /* that found some waiting, since one was given */
     bool m_is_last = false;
     std::multimap<uint64_t, captured> m_waiting;
 };

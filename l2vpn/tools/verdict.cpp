@@ -24,7 +24,7 @@ constexpr verdict_row s_verdicts[] = {
     {"not-provisioned:link-too-narrow",
      "not provisioned: its owner's MTU is too small for a message with one such AC"},
     {"not-provisioned:link-full",
-     "not provisioned yet: its owner's link has no room, the owner does not read"},
+     "not provisioned yet: it waits for its owner's link, as when the owner does not read"},
     {"not-provisioned:unprovisioned", "not provisioned: it was unprovisioned by an operator"},
     {"not-provisioned:automatic-off", "not provisioned: automatic provisioning was off when it was complete, "
                                       "and no operator has asked for it"},
@@ -88,12 +88,17 @@ void explanation::judge(const chain &story)
     if (story.last_fault() != nullptr) {
         last_fault = *story.last_fault();
     }
-    std::optional<size_t> own;
+    std::optional<size_t> own; /* the ring of the process that was asked */
     for (size_t i = 0; i < searched.size(); i++) {
         if (was_asked && searched[i].path == own_ring) {
             own = i;
         }
     }
+    const bool has_all =
+        own && searched[*own].overwritten == 0 && searched[*own].lost == 0 && searched[*own].cut == 0;
+    const auto latest_of_owner = std::find_if(steps.rbegin(), steps.rend(), [](const chain_step &step) {
+        return step.head.by == l2vpn::capture::observer::owner && !step.type.empty();
+    });
     const standing *now = story.latest(own);
     const standing *ever = story.latest({});
     std::string code;
@@ -102,16 +107,19 @@ void explanation::judge(const chain &story)
     } else if (now != nullptr && (!was_asked || own)) {
         /* What was created after the process was asked may well be there by now. */
         const bool is_lost = was_asked && now->where == standing::place::held && now->since < asked_at;
-        code = is_lost ? (now->is_created ? "not-held:not-taken" : "not-held:not-recorded")
-                       : code_of(*now, key->class_id);
-    } else if (ever != nullptr) {
+        const bool is_sure = now->is_created && !now->in_doubt && !was_held;
+        code = !is_lost  ? code_of(*now, key->class_id)
+               : is_sure ? "not-held:not-taken"
+                         : "not-held:not-recorded";
+    } else if (ever != nullptr && has_all) {
         code = "not-held:not-anew";
-    } else if (last_fault && last_fault->code == "not-sent") {
+    } else if (ever == nullptr && latest_of_owner != steps.rend() && latest_of_owner->code == "not-sent") {
         code = "not-held:not-sent";
     } else {
         code = was_asked ? "not-held:not-recorded" : "not-known:owner-only";
     }
     verdict = verdict_of(code);
+    note_owner();
 
     const bool is_created =
         (now != nullptr && now->is_created) || (ever != nullptr && !was_asked && ever->is_created);
@@ -140,6 +148,22 @@ void explanation::judge(const chain &story)
         note("process:dropped", "the process has dropped " + dropped.value("limit", json(0)).dump() +
                                     " messages for a full table, " + dropped.value("memory", json(0)).dump() +
                                     " for want of memory");
+    }
+}
+
+/* Rings are asked for where owners may make them; one that may not says nothing of it. */
+void explanation::note_owner()
+{
+    const auto told = std::find_if(steps.rbegin(), steps.rend(), [](const chain_step &step) {
+        return step.head.by == l2vpn::capture::observer::process;
+    });
+    const uint32_t pid = row ? row->value("pid", 0U) : told != steps.rend() ? told->head.pid : 0;
+    const bool has_ring = std::ranges::any_of(
+        searched, [pid](const searched_source &of) { return of.name.ends_with("-" + std::to_string(pid)); });
+    if (was_asked && pid > 0 && !has_ring) {
+        note("history:owner-not-recorded",
+             "its owner [" + std::to_string(pid) +
+                 "] has no ring here: what it sent is known from the process alone");
     }
 }
 

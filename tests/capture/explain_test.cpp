@@ -4,6 +4,7 @@
 #include "explained.h"
 
 #include <filesystem>
+#include <fstream>
 
 using namespace process_test;
 namespace fs = std::filesystem;
@@ -210,6 +211,64 @@ TEST_F(explained, a_process_that_was_started_again_knows_nothing_of_it)
     const json told = document({"0x11"});
     EXPECT_EQ(verdict(told), "not-held:not-anew");
     EXPECT_EQ(told["searched"].size(), 2U) << "the ring of the one that was killed, too";
+}
+
+/* The ring of a process that was killed stays, and is no reason to ask which one is meant. */
+TEST_F(explained, the_one_that_is_held_is_meant)
+{
+    start();
+    {
+        raw_peer gone = peer(4);
+        ASSERT_TRUE(gone.send(create(4, {0x11})));
+        ASSERT_TRUE(holds(1));
+        kill_daemon();
+    }
+    start();
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(owner.send(create(3, {0x11})));
+    ASSERT_TRUE(holds(1));
+    const json told = document({"0x11"});
+    EXPECT_EQ(told["ac"]["class"], 3);
+    EXPECT_EQ(verdict(told), "not-provisioned:automatic-off");
+    EXPECT_TRUE(has_note(told, "others:recorded"));
+    EXPECT_TRUE(has_note(told, "history:owner-not-recorded")) << "it keeps no ring";
+    EXPECT_EQ(verdict(document({"0x11", "--class", "4"})), "not-held:not-anew");
+}
+
+/* Only where everything since its beginning is there, it is known that a process was not told. */
+TEST_F(explained, a_process_without_ring_is_not_said_to_know_nothing_of_it)
+{
+    start();
+    {
+        raw_peer gone = peer(3);
+        ASSERT_TRUE(gone.send(create(3, {0x11})));
+        ASSERT_TRUE(holds(1));
+        kill_daemon();
+    }
+    start({"--capture", "off"});
+    EXPECT_EQ(verdict(document({"0x11"})), "not-held:not-recorded");
+}
+
+/* Links of two processes in one file have the same numbers, and are others. */
+TEST_F(explained, two_processes_in_one_file_are_two)
+{
+    const std::string file = m_dir.file("both.pcapng");
+    for (const uint32_t handle : {0x11U, 0x12U}) {
+        start();
+        raw_peer owner = peer(3);
+        ASSERT_TRUE(owner.send(create(3, {handle})));
+        ASSERT_TRUE(holds(1));
+        ASSERT_TRUE(owner.send(update(3, {0x11}, 9)));
+        ASSERT_TRUE(has_received("UPDATE", 1));
+        const std::string path = ring();
+        kill_daemon();
+        const std::string part = m_dir.file("part.pcapng");
+        ASSERT_EQ(ctl({"capture", "-w", part, "--force", "--from-ring", path}).status, 0);
+        std::ofstream(file, std::ios::app | std::ios::binary)
+            << std::ifstream(part, std::ios::binary).rdbuf();
+        fs::remove(path);
+    }
+    EXPECT_EQ(codes(document({"0x11", "--read", file})), "link-up created updated link-up update-ignored");
 }
 
 TEST_F(explained, the_same_handle_and_the_same_name_are_told_apart)
