@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char *enter = "\033[?1049h\033[?25l\033[?7l"; /* the other screen, no cursor, lines are cut */
 constexpr const char *leave = "\033[?7h\033[?25h\033[?1049l";
-constexpr int ending[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr int ending[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 volatile sig_atomic_t s_quit = 0;
 volatile sig_atomic_t s_resized = 0;
@@ -25,7 +25,7 @@ void on_signal(int number)
 
 } // namespace
 
-/* Signals come in while wait() sleeps, and at no other time. */
+/* Signals come in in wait(), those that ask to end also where something may stall. */
 screen::screen(bool plain) : m_is_terminal(!plain && isatty(STDOUT_FILENO) == 1)
 {
     struct sigaction action {};
@@ -46,6 +46,7 @@ screen::screen(bool plain) : m_is_terminal(!plain && isatty(STDOUT_FILENO) == 1)
     if (!m_is_terminal) {
         return;
     }
+    write_out(enter);
     m_has_keys = tcgetattr(STDIN_FILENO, &m_before) == 0;
     if (m_has_keys) {
         termios keys = m_before;
@@ -55,7 +56,6 @@ screen::screen(bool plain) : m_is_terminal(!plain && isatty(STDOUT_FILENO) == 1)
         keys.c_cc[VTIME] = 0;
         tcsetattr(STDIN_FILENO, TCSADRAIN, &keys);
     }
-    write_out(enter);
 }
 
 screen::~screen()
@@ -69,8 +69,26 @@ screen::~screen()
     }
 }
 
+screen::interruptible::interruptible(const screen &of)
+{
+    sigset_t let_in = of.m_mask;
+    sigaddset(&let_in, SIGWINCH);
+    sigprocmask(SIG_SETMASK, &let_in, &m_before);
+}
+
+screen::interruptible::~interruptible()
+{
+    sigprocmask(SIG_SETMASK, &m_before, nullptr);
+}
+
+bool screen::is_quitting() const
+{
+    return s_quit != 0;
+}
+
 void screen::show(const std::string &text)
 {
+    const interruptible meanwhile(*this);
     if (!m_is_terminal) {
         write_out(text);
         flush_out();
@@ -98,14 +116,16 @@ screen::event screen::wait(clock::time_point until)
             s_resized = 0;
             return event::resized;
         }
-        const auto left = until - clock::now();
-        if (left <= clock::duration::zero()) {
-            return event::time;
-        }
+        /* Also when it is late: what waits, keys and signals, is to be noticed. */
+        const auto left = std::max(until - clock::now(), clock::duration::zero());
         const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
         const timespec most{whole.count(), (left - whole).count()};
         pollfd keys{m_has_keys ? STDIN_FILENO : -1, POLLIN, 0};
-        if (ppoll(&keys, 1, &most, &m_mask) == 1) {
+        const int ready = ppoll(&keys, 1, &most, &m_mask);
+        if (ready == 0) {
+            return event::time;
+        }
+        if (ready == 1) {
             char key = 'q';
             if (read(STDIN_FILENO, &key, 1) <= 0 || key == 'q') {
                 return event::quit; /* also when the terminal is gone */

@@ -26,14 +26,28 @@ public:
     bool is_terminal() const { return m_is_terminal; }
     /* Throws failure. On a terminal, no more lines than it has. */
     void show(const std::string &text);
-    /* Sleeps until then, or a key or a signal ends it: q, SIGINT, SIGTERM, SIGHUP. */
+    /* Sleeps until then, or a key or a signal ends it: q, SIGINT, SIGTERM, SIGHUP, SIGQUIT. */
     event wait(clock::time_point until);
+    /* A signal has asked to end: what failed may have failed because of it. */
+    bool is_quitting() const;
+
+    /* While it lives, a signal that asks to end wakes whatever waits. */
+    class interruptible {
+    public:
+        explicit interruptible(const screen &of);
+        ~interruptible();
+        interruptible(const interruptible &) = delete;
+        interruptible &operator=(const interruptible &) = delete;
+
+    private:
+        sigset_t m_before{};
+    };
 
 private:
     bool m_is_terminal;
     bool m_has_keys = false;
     termios m_before{};
-    sigset_t m_mask{};
+    sigset_t m_mask{}; /* without those that are looked for */
 };
 
 } // namespace l2vpnctl

@@ -10,6 +10,7 @@
 #include "screen.h"
 
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <map>
 
@@ -115,6 +116,14 @@ json state_of(const sample &now, const sample *before)
     return out;
 }
 
+/* What another process has counted is no beginning for this one. */
+bool is_same_run(const sample &one, const sample &other)
+{
+    return std::ranges::all_of(std::array{"pid", "since"}, [&](const char *key) {
+        return one.process.value(key, int64_t{0}) == other.process.value(key, int64_t{0});
+    });
+}
+
 std::string rate_text(const json &owner, const char *name)
 {
     char text[32];
@@ -188,19 +197,15 @@ std::string print(const json &state, const style &how)
     return out + (rows.empty() ? "" : rows.print(how));
 }
 
-} // namespace
-
-void top(const command_line &line)
+void refresh(const command_line &line, sample now, screen &out)
 {
     const top_options &how = line.top;
     const uint64_t count = how.once ? 1 : how.count;
     const auto interval =
         std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(how.interval));
     std::optional<sample> before;
-    sample now = take_sample(line); /* before the terminal is touched */
-    screen out(line.as_json);
     for (uint64_t shown = 1;; shown++) {
-        const json state = state_of(now, before ? &*before : nullptr);
+        const json state = state_of(now, before && is_same_run(*before, now) ? &*before : nullptr);
         const bool is_first = shown == 1;
         const auto show = [&] {
             out.show(line.as_json
@@ -223,9 +228,25 @@ void top(const command_line &line)
         }
         before = std::move(now);
         try {
+            const screen::interruptible meanwhile(out);
             now = take_sample(line);
         } catch (const failure &why) {
             throw failure{why.status == exit_unreachable ? exit_broken : why.status, why.text};
+        }
+    }
+}
+
+} // namespace
+
+void top(const command_line &line)
+{
+    sample first = take_sample(line); /* before the terminal is touched */
+    screen out(line.as_json);
+    try {
+        refresh(line, std::move(first), out);
+    } catch (const failure &) {
+        if (!out.is_quitting()) {
+            throw;
         }
     }
 }
