@@ -40,6 +40,9 @@ extern "C" __attribute__((visibility("default"))) int statvfs(const char *path, 
     using function = int (*)(const char *, struct statvfs *);
     const int result = reinterpret_cast<function>(dlsym(RTLD_NEXT, "statvfs"))(path, about);
     constexpr uint64_t wanted = uint64_t{64} * 256 * 1024;
+    if (result != 0) {
+        return result;
+    }
     about->f_bavail = wanted / about->f_frsize - (s_nearly_full ? 1 : 0);
     return result;
 }
