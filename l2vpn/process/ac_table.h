@@ -8,7 +8,8 @@
  * quarters full) finds an AC by node and handle without touching any other slot.
  *
  * Memory per AC: 36 + 616 + info size, and 11 to 22 bytes of the index: 679 to 690 bytes for a class with a
- * head only, 3,019 to 3,030 for class 8. Nine of them are for `explain` alone: created, message, asker. Chunks are reused, and returned when a class has no AC left.
+ * head only, 3,019 to 3,030 for class 8. Nine of them are for `explain` alone: created, message, asker. Chunks
+ * are reused, and returned when a class has no AC left.
  *
  * The ACs of one owner are chained into lists through their heads; an AC is on exactly one list at a time.
  * Everything belongs to the event manager's thread.

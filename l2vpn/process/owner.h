@@ -47,8 +47,7 @@ struct owner {
     l2vpn_ipc_peer_t peer;
     l2vpn_ipc_peer_info_t info;
     time_t since;
-    time_t waiting_since =
-        0; /* something is to be sent over the link all the time since then; 0: nothing is */
+    time_t waiting_since = 0; /* all the time since then something is to be sent; 0: nothing is */
     uint32_t reconnects = 0; /* links of the same class that its client process had before */
     counters count;
     batches batch;

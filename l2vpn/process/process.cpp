@@ -102,18 +102,20 @@ uint64_t l2vpn_process::client_of(const owner &o)
 void l2vpn_process::know_again(owner &fresh)
 {
     if (const auto past = m_ended.extract({fresh.info.pid, fresh.info.class_id, fresh.info.nodeid})) {
-        fresh.reconnects = past.mapped();
+        fresh.reconnects = past.mapped().links;
         m_reconnects++;
     }
 }
 
 void l2vpn_process::remember(const owner &gone) noexcept
 try {
-    if (gone.info.pid > 0) {
-        m_ended[{gone.info.pid, gone.info.class_id, gone.info.nodeid}] = gone.reconnects + 1;
+    if (gone.info.pid <= 0) {
+        return;
     }
+    m_ended[{gone.info.pid, gone.info.class_id, gone.info.nodeid}] = {gone.reconnects + 1, ++m_ends};
     if (m_ended.size() > m_options.max_owners) {
-        m_ended.erase(m_ended.begin());
+        m_ended.erase(
+            std::ranges::min_element(m_ended, {}, [](const auto &ended) { return ended.second.when; }));
     }
 } catch (const std::bad_alloc &) {
     return; /* it counts as another */

@@ -114,6 +114,10 @@ private:
 
     /* Of links that have ended: pid, class, node. A pid that is given anew counts as the same process. */
     using link_key = std::tuple<pid_t, uint32_t, uint32_t>;
+    struct ended_links {
+        uint32_t links; /* so many there were */
+        uint64_t when;  /* in the order of ends */
+    };
 
     static uint64_t client_of(const owner &o);
     void know_again(owner &fresh);
@@ -136,7 +140,8 @@ private:
     record_budget m_mstp_budget;
     owner_table m_owners;
     std::map<uint64_t, client_links> m_links; /* by client */
-    std::map<link_key, uint32_t> m_ended;     /* how many each has had; as many as there can be owners */
+    std::map<link_key, ended_links> m_ended;  /* the latest, as many as there can be owners */
+    uint64_t m_ends = 0;
     counters m_gone;
     uint32_t m_last_xcid = 0;
     uint64_t m_owners_refused = 0;

@@ -174,3 +174,17 @@ TEST(clients, that_have_gone_are_remembered_within_bounds)
     }
     EXPECT_EQ(known, 4U);
 }
+
+/* Pids are given out in no order that lasts. */
+TEST(clients, that_have_gone_last_are_remembered)
+{
+    bench b({.max_owners = 2});
+    for (const pid_t pid : {300, 200, 100}) {
+        b.process.closed(*b.connect(3, 7, 65536, pid), EOK);
+    }
+    EXPECT_EQ(b.connect(3, 7, 65536, 100)->reconnects, 1U);
+    owner *oldest = b.connect(3, 7, 65536, 300);
+    EXPECT_EQ(oldest->reconnects, 0U);
+    b.process.closed(*oldest, EOK);
+    EXPECT_EQ(b.connect(3, 7, 65536, 200)->reconnects, 1U);
+}
