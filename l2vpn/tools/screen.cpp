@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <poll.h>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 namespace l2vpnctl {
@@ -58,8 +59,11 @@ screen::screen(bool plain) : m_is_terminal(!plain && isatty(STDOUT_FILENO) == 1)
     }
 }
 
+/* What could not be written in time is not waited for. */
 screen::~screen()
 {
+    const interruptible meanwhile(*this);
+    __fpurge(stdout);
     if (m_is_terminal) {
         fputs(leave, stdout);
         fflush(stdout);

@@ -253,7 +253,7 @@ TEST_F(topped, a_terminal_is_drawn_on_anew_and_given_back_by_a_key)
 TEST_F(topped, a_terminal_is_given_back_after_a_signal_and_when_the_process_is_gone)
 {
     start();
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         const auto shown = on_a_terminal();
         ASSERT_TRUE(shown->draws("rates over "));
         shown->send_signal(number);

@@ -5,6 +5,7 @@
 #ifndef TESTS_SUPPORT_PROBE_WATCH_H
 #define TESTS_SUPPORT_PROBE_WATCH_H
 
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdint>
@@ -144,7 +145,8 @@ private:
             if (*code != from)
                 throw std::runtime_error(each.name +
                                          " is not an instruction that does nothing: is a tracer at it?");
-            mprotect(begin, page, PROT_READ | PROT_WRITE | PROT_EXEC);
+            if (mprotect(begin, page, PROT_READ | PROT_WRITE | PROT_EXEC) != 0)
+                throw std::runtime_error("code cannot be written here: " + std::string(strerror(errno)));
             *code = to;
             mprotect(begin, page, PROT_READ | PROT_EXEC);
         }
