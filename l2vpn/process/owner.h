@@ -48,7 +48,7 @@ struct owner {
     l2vpn_ipc_peer_info_t info;
     time_t since;
     time_t waiting_since = 0; /* all the time since then something is to be sent; 0: nothing is */
-    uint32_t reconnects = 0; /* links of the same class that its client process had before */
+    uint32_t reconnects = 0;  /* links of the same class that its client process had before */
     counters count;
     batches batch;
     std::array<ac_list, static_cast<size_t>(ac_stage::count)> acs;
