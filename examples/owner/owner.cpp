@@ -195,23 +195,23 @@ void interface_owner::read_again()
 void interface_owner::change(const interface_list &interfaces)
 {
     lists_by_class lists = divide(interfaces);
-    session::changes all;
+    session::changes sum;
     for (const auto &[class_id, one] : sessions_) {
         const session::changes count = one->set_interfaces(std::move(lists[class_id]));
-        all.created += count.created;
-        all.updated += count.updated;
-        all.replaced += count.replaced;
-        all.deleted += count.deleted;
+        sum.created += count.created;
+        sum.updated += count.updated;
+        sum.replaced += count.replaced;
+        sum.deleted += count.deleted;
         lists.erase(class_id);
     }
     for (auto &[class_id, entries] : lists) {
-        all.created += entries.size();
+        sum.created += entries.size();
         if (!add_session(class_id, std::move(entries)))
             connect_later();
     }
-    out_.line("inventory changed: " + std::to_string(all.created) + " to create, " +
-              std::to_string(all.updated) + " to update, " + std::to_string(all.replaced) + " to replace, " +
-              std::to_string(all.deleted) + " to delete");
+    out_.line("inventory changed: " + std::to_string(sum.created) + " to create, " +
+              std::to_string(sum.updated) + " to update, " + std::to_string(sum.replaced) + " to replace, " +
+              std::to_string(sum.deleted) + " to delete");
     all_reported_ = false;
     around_.wake();
 }
