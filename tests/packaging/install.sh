@@ -38,10 +38,13 @@ for library in l2vpn_ac l2vpn_platform l2vpn_sim; do
 done
 if ((${#missing[@]} > 0)); then fail "not installed: ${missing[*]}"; fi
 
-# The unit alone says where all was installed: systemd wants to know.
+# The unit and the scripts for tracers alone say where all was installed: systemd and bpftrace want to know.
 unit=lib/systemd/system/l2vpnd.service
 if ! grep -q "^ExecStart=$work/first/sbin/l2vpnd " "$prefix/$unit"; then fail "$unit starts something else"; fi
-if found=$(grep -rIl -e "$work/first" -e "$build" "$prefix" | grep -v -F "$unit"); then
+if ! grep -q "^usdt:$work/first/lib/.*libl2vpn_ac\.so\.1:" "$prefix/share/l2vpn/l2vpn-states.bt"; then
+    fail "l2vpn-states.bt traces something else"
+fi
+if found=$(grep -rIl -e "$work/first" -e "$build" "$prefix" | grep -v -e "/$unit$" -e '/share/l2vpn/l2vpn-[a-z]*\.bt$'); then
     fail "these tell of another place: $found"
 fi
 for file in "$prefix"/bin/* "$prefix"/sbin/* "$lib"/*.so; do

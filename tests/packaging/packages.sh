@@ -60,7 +60,7 @@ needs() {
 needs libl2vpn-ac1 libc6 libgcc-s1 libstdc++6
 needs libl2vpn-sim1 libc6 libgcc-s1 libstdc++6
 needs libl2vpn-ac-dev libl2vpn-ac1 libl2vpn-sim1
-needs l2vpnd libc6 libgcc-s1 libl2vpn-ac1 libstdc++6 libsystemd0 systemd
+needs l2vpnd libc6 libgcc-s1 libl2vpn-ac1 libstdc++6 libsystemd0 systemd zlib1g
 if ! dpkg-deb -I "$(file_of libl2vpn-ac1)" shlibs | grep -q '^libl2vpn_ac 1 libl2vpn-ac1'; then
     complain "what is linked with libl2vpn_ac.so.1 would not depend on libl2vpn-ac1"
 fi

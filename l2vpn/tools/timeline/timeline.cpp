@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -138,11 +139,11 @@ void timeline(const command_line &line)
 {
     stop_on_signals();
     teller page(line);
-    std::optional<failure> broken;
+    std::exception_ptr broken;
     try {
         read_recordings(line, page);
-    } catch (const failure &why) {
-        broken = why;
+    } catch (const failure &) {
+        broken = std::current_exception();
     }
     if (is_stopped()) {
         throw failure{exit_failed, "interrupted"};
@@ -152,7 +153,7 @@ void timeline(const command_line &line)
         page.finish(first.substr(first.rfind('/') + 1));
     }
     if (broken) {
-        throw *broken;
+        std::rethrow_exception(broken);
     }
 }
 
