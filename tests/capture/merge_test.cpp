@@ -111,7 +111,7 @@ public:
         l2vpn::capture::slot made = m_slot;
         made.sequence = 2 * next + 2;
         l2vpn::capture::put_number(&made.bytes[16 + 32], number);
-        put(l2vpn::capture::slots_offset + static_cast<off_t>(next * sizeof made), made);
+        put(static_cast<off_t>(l2vpn::capture::slots_offset + next * sizeof made), made);
         put(offsetof(ring_header, next), ++next);
         m_records = std::max(m_records, number + 1);
         put(offsetof(ring_header, records), m_records);
@@ -210,7 +210,7 @@ TEST_F(merged, writers_that_overtake_each_other_are_put_right_as_they_are_follow
     system_test::child seen = follow();
     ASSERT_TRUE(seen.says("\"number\":0"));
     seen.send_signal(SIGSTOP); /* so that it finds all of them at once */
-    for (const uint64_t number : {2, 1, 5, 4, 3, 6}) {
+    for (const uint64_t number : {2U, 1U, 5U, 4U, 3U, 6U}) {
         thread.add(number);
     }
     seen.send_signal(SIGCONT);
