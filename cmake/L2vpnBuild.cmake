@@ -3,7 +3,7 @@
 option(L2VPN_WERROR "Treat warnings as errors" OFF)
 set(L2VPN_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
 option(L2VPN_COVERAGE "Count lines and branches, with clang" OFF)
-option(L2VPN_UNITY "Compile the sources of a part together: large headers once, for builds that are made for tests" OFF)
+option(L2VPN_UNITY "Compile the sources of a part together, for checks that run nothing: large headers once" OFF)
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
@@ -90,7 +90,7 @@ function(l2vpn_version_script target file)
 endfunction()
 
 # l2vpn_unity(TARGET [EXCEPT SOURCES...]): the sources may be compiled together, but for those whose names would
-# meet others' there.
+# meet others' there. Overloads of two files meet without a word, so what is run is never built like this.
 function(l2vpn_unity target)
     cmake_parse_arguments(ARG "" "" "EXCEPT" ${ARGN})
     set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_BATCH_SIZE 0)
