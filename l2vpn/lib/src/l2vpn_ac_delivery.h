@@ -21,7 +21,6 @@ public:
     ~l2vpn_ac_delivery();
 
     explicit operator bool() const { return client_.has_value(); }
-    l2vpn_ac_client_ctx *operator->() const { return client_->get(); }
     l2vpn_ac_client_ctx *get() const { return client_->get(); }
 
     l2vpn_ac_delivery(const l2vpn_ac_delivery &) = delete;
