@@ -2,6 +2,7 @@
  * Two ends of a link, read together, and a ring that is read while its writers overtake each other.
  */
 #include "capture/format.h"
+#include "forked_owner.h"
 #include "recorded.h"
 
 #include <cerrno>
@@ -21,38 +22,16 @@ namespace {
 constexpr uint32_t messages = 400;
 
 /* An owner of class 3 that sends messages, told apart by their flags, and waits to be killed. */
-class owner {
+class owner : public forked_owner {
 public:
     explicit owner(const std::string &runtime_dir)
+        : forked_owner([&runtime_dir](int to) {
+              setenv("L2VPN_RUNTIME_DIR", runtime_dir.c_str(), 1);
+              be_one(to);
+          })
     {
-        int ends[2];
-        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        m_pid = fork();
-        if (m_pid == 0) {
-            setenv("L2VPN_RUNTIME_DIR", runtime_dir.c_str(), 1);
-            be_one(ends[1]);
-        }
-        close(ends[1]);
-        char byte = 0;
-        while (read(ends[0], &byte, 1) == 1) {
-            m_ring += byte;
-        }
-        close(ends[0]);
     }
-    ~owner() { end(); }
-    owner(const owner &) = delete;
-    owner &operator=(const owner &) = delete;
-
-    void end()
-    {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        m_pid = -1;
-    }
-    pid_t pid() const { return m_pid; }
-    const std::string &ring() const { return m_ring; }
+    const std::string &ring() const { return said(); }
 
 private:
     static void on_message(l2vpn_ipc_client_t, uint32_t, uint32_t, void *, uint32_t, uint32_t, void *) {}
@@ -62,7 +41,7 @@ private:
     }
 
     /* What it has to say is the path of its ring, once all is sent; nothing when something failed. */
-    [[noreturn]] static void be_one(int to)
+    static void be_one(int to)
     {
         const event_mgr_p events = event_mgr_new();
         l2vpn_ipc_client_t client = nullptr;
@@ -82,14 +61,7 @@ private:
         if (status == EOK) {
             dprintf(to, "%s", platform_capture_path());
         }
-        close(to);
-        for (;;) {
-            pause();
-        }
     }
-
-    pid_t m_pid = -1;
-    std::string m_ring;
 };
 
 /* Writes into the ring of a process that is idle, as a thread of it would. */

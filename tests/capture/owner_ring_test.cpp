@@ -3,6 +3,7 @@
  * The environment is read once a process, so each owner here is a child of its own.
  */
 #include "child.h"
+#include "forked_owner.h"
 #include "ring_reader.h"
 
 #include <cerrno>
@@ -57,41 +58,15 @@ using testing::IsEmpty;
 constexpr uintmax_t default_size = 4096 + 256 * 1024;
 
 /* An owner of class 5, without a process to talk to. It lives until it is killed. */
-class owner {
+class owner : public process_test::forked_owner {
 public:
     using environment = std::map<std::string, std::string>;
 
+    /* It says its lines on standard error, then its ring's path; one that forks, the child's too. */
     explicit owner(const std::string &runtime_dir, const environment &more = {}, bool forks = false)
+        : forked_owner([&](int to) { be_one(runtime_dir, more, forks, to); })
     {
-        int ends[2];
-        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        m_pid = fork();
-        if (m_pid == 0) {
-            be_one(runtime_dir, more, forks, ends[1]);
-        }
-        close(ends[1]);
-        char byte = 0;
-        while (read(ends[0], &byte, 1) == 1) {
-            m_said += byte;
-        }
-        close(ends[0]);
     }
-    ~owner() { end(); }
-    owner(const owner &) = delete;
-    owner &operator=(const owner &) = delete;
-
-    /* As kill -9 does. */
-    void end()
-    {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        m_pid = -1;
-    }
-    pid_t pid() const { return m_pid; }
-    /* Its lines on standard error, then its ring's path; of one that forks, the child's too. */
-    const std::string &said() const { return m_said; }
 
 private:
     static void connect(int to)
@@ -103,8 +78,7 @@ private:
         dprintf(to, "%s\n", fs::path(platform_capture_path()).filename().c_str());
     }
 
-    [[noreturn]] static void be_one(const std::string &runtime_dir, const environment &more, bool forks,
-                                    int to)
+    static void be_one(const std::string &runtime_dir, const environment &more, bool forks, int to)
     {
         dup2(to, STDERR_FILENO);
         setenv("L2VPN_RUNTIME_DIR", runtime_dir.c_str(), 1);
@@ -122,14 +96,7 @@ private:
             }
         }
         close(STDERR_FILENO);
-        close(to);
-        for (;;) {
-            pause();
-        }
     }
-
-    pid_t m_pid = -1;
-    std::string m_said;
 };
 
 class owner_rings : public testing::Test {
