@@ -21,7 +21,6 @@
 #include <filesystem>
 #include <map>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace l2vpnctl {
 
@@ -197,32 +196,6 @@ void explainer::read(record_consumer &to)
     }
 }
 
-/* On a terminal, how far it is. */
-class progress {
-public:
-    progress() = default;
-    progress(const progress &) = delete;
-    progress &operator=(const progress &) = delete;
-    ~progress()
-    {
-        if (m_shown) {
-            fputs("\r\033[K", stderr);
-        }
-    }
-    void count()
-    {
-        if (m_is_terminal && ++m_total % shown_every == 0) {
-            fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_total));
-            m_shown = true;
-        }
-    }
-
-private:
-    bool m_is_terminal = isatty(STDERR_FILENO) == 1;
-    bool m_shown = false;
-    uint64_t m_total = 0;
-};
-
 /* Looks at everything once: which ACs are meant, and what was looked at. */
 class survey : public record_consumer {
 public:
@@ -266,7 +239,7 @@ private:
     finder &m_find;
     explanation &m_out;
     const std::vector<std::string> &m_paths;
-    progress m_progress;
+    record_progress m_progress{shown_every};
 };
 
 class follower : public record_consumer {
@@ -281,7 +254,7 @@ public:
 
 private:
     chain &m_chain;
-    progress m_progress;
+    record_progress m_progress{shown_every};
 };
 
 void explainer::follow(std::optional<chain> &story)

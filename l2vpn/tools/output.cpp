@@ -49,4 +49,24 @@ style style_of(const std::string &colour)
     return how;
 }
 
+bool record_progress::is_terminal()
+{
+    return isatty(STDERR_FILENO) == 1;
+}
+
+record_progress::~record_progress()
+{
+    if (m_shown) {
+        fputs("\r\033[K", stderr);
+    }
+}
+
+void record_progress::count()
+{
+    if (m_is_terminal && ++m_total % m_every == 0) {
+        fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_total));
+        m_shown = true;
+    }
+}
+
 } // namespace l2vpnctl

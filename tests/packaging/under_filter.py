@@ -35,7 +35,8 @@ def calls_of(name, known):
 
 def allowed(unit):
     """As the manager reads it: each line adds to what the ones before allow, or takes away (~)."""
-    known, calls = groups(), calls_of('@default', groups())
+    known = groups()
+    calls = calls_of('@default', known)
     with open(unit, encoding='utf-8') as lines:
         filters = re.findall(r'^SystemCallFilter=(~?)(.*)$', lines.read(), re.MULTILINE)
     if not filters:

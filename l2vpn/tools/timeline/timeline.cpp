@@ -1,6 +1,7 @@
 #include "timeline.h"
 
 #include "command_line.h"
+#include "output.h"
 #include "pcapng_writer.h"
 #include "story.h"
 
@@ -97,8 +98,7 @@ public:
         : m_file(line.timeline.write, line.timeline.force, line.recordings.files),
           m_story([this](const std::string &part) {
               m_file.write_part("part" + std::to_string(m_parts++), part);
-          }),
-          m_progress(isatty(STDERR_FILENO) == 1)
+          })
     {
         m_file.write(page_head);
     }
@@ -106,9 +106,7 @@ public:
     bool take(size_t /*source*/, const captured &record, uint64_t lost) override
     {
         m_story.take(record, lost);
-        if (m_progress && m_story.records() % progress_records == 0) {
-            fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_story.records()));
-        }
+        m_progress.count();
         return true;
     }
     void end(size_t /*source*/, uint64_t lost) override { m_lost += lost; }
@@ -121,16 +119,13 @@ public:
         }
         m_file.write(page_tail);
         m_file.place();
-        if (m_progress) {
-            fprintf(stderr, "\r%20s\r", "");
-        }
     }
 
 private:
     page_file m_file;
     uint64_t m_parts = 0;
     story m_story;
-    bool m_progress;
+    record_progress m_progress{progress_records};
     uint64_t m_lost = 0;
 };
 
