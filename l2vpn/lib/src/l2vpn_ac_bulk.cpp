@@ -84,14 +84,7 @@ qerrno check_in_mapping(const request &req, const l2vpn_ac_client_ctx *ctx)
     return rc;
 }
 
-/* --- conversion in place ----------------------------------------------------------------------------- */
-
-void convert_arrays(const request &req, const l2vpn_ac_class_row &row)
-{
-    if (req.kind.has_defns)
-        row.convert_defns(req.defns, req.bulk_size);
-    l2vpn_ac_convert_words(req.ifh, req.bulk_size);
-}
+/* --- back from the wire ------------------------------------------------------------------------------ */
 
 void restore_arrays(const request &req, const l2vpn_ac_class_row &row)
 {
@@ -129,7 +122,8 @@ qerrno prepare(const request &req, const l2vpn_ac_client_ctx *ctx, info_msgs &ms
 {
     if (!req.kind.has_infos)
         return EOK;
-    const qerrno rc = l2vpn_ac_info_to_msg(ctx->class_id, req.bulk_size, req.infos, &msgs.array);
+    const qerrno rc = l2vpn_ac_info_to_msg(ctx->class_id, req.bulk_size, req.infos, &msgs.array,
+                                           req.kind.has_defns ? req.defns : nullptr);
     if (rc != EOK)
         L2VPN_AC_DEBUG(req.kind.function, "Failed to convert l2vpn_ac_info_t struct:%s", qerr_strerror(rc));
     return rc;
@@ -140,13 +134,15 @@ qerrno send_acs(const request &req, l2vpn_ac_client_ctx *ctx, l2vpn_ac_lock &loc
     const l2vpn_ac_kind &kind = req.kind;
     const uint32_t word = l2vpn_ac_open_marks(kind.marking, req.flags);
 
+    const l2vpn_ac_class_row *const row = l2vpn_ac_class_find(ctx->class_id);
     info_msgs msgs;
     qerrno rc = prepare(req, ctx, msgs);
     if (rc != EOK)
         return rc;
-    const l2vpn_ac_class_row *const row = l2vpn_ac_class_find(ctx->class_id);
-    if (row == nullptr) {
+    if (l2vpn_ac_class_find(ctx->class_id) == nullptr) {
         l2vpn_ac_report_bad_class(kind.function, __LINE__, ctx->class_id);
+        if (kind.has_defns)
+            row->restore_defns(req.defns, req.bulk_size);
         return EINVAL;
     }
 
@@ -158,7 +154,7 @@ qerrno send_acs(const request &req, l2vpn_ac_client_ctx *ctx, l2vpn_ac_lock &loc
     if (kind.has_infos)
         pieces.piece[pieces.count++] = {reinterpret_cast<std::byte *>(msgs.array), row->info_size, true};
 
-    convert_arrays(req, *row);
+    l2vpn_ac_convert_words(req.ifh, req.bulk_size);
     rc = l2vpn_ac_send_records(ctx, kind.msg_type, kind.marking, req.flags, word,
                                s_l2vpn_ac_global.*kind.limit, pieces, req.bulk_size);
     const bool sent = rc == EOK;

@@ -36,20 +36,16 @@ struct defn {
 
     static_assert(program::reach <= defn_size);
 
-    static void convert(l2vpn_ac_defn_t *defns, size_t count)
-    {
-        for (; count > 0; --count, ++defns)
-            convert_one(defns, prefetch_ahead * ptrdiff_t{defn_size});
-    }
+    static void convert(l2vpn_ac_defn_t *defn) { convert(defn, prefetch_ahead * ptrdiff_t{defn_size}); }
 
     static void restore(l2vpn_ac_defn_t *defns, size_t count)
     {
         for (defns += count; count > 0; --count)
-            convert_one(--defns, -prefetch_ahead * ptrdiff_t{defn_size});
+            convert(--defns, -prefetch_ahead * ptrdiff_t{defn_size});
     }
 
 private:
-    static void convert_one(l2vpn_ac_defn_t *defn, ptrdiff_t soon)
+    static void convert(l2vpn_ac_defn_t *defn, ptrdiff_t soon)
     {
         auto *const record = reinterpret_cast<std::byte *>(defn);
         l2vpn_ac_prefetch(record + program::begin, soon);
@@ -75,20 +71,18 @@ void encode_info_head(const std::byte *host, std::byte *wire)
 template <uint32_t wire_size, l2vpn_ac_step... by_class>
 struct info {
     static constexpr uint32_t size = wire_size;
+    static constexpr uint32_t stride = size;
     using part = l2vpn_ac_program<by_class...>;
     static_assert(size >= L2VPN_AC_INFO_HEAD && size <= info_stride &&
                   info_head::then<by_class...>::reach <= size);
 
-    static void encode(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
+    static void encode(const std::byte *host, std::byte *wire)
     {
-        const auto *host = reinterpret_cast<const std::byte *>(infos);
-        for (; count > 0; --count, host += info_stride, wire += size) {
-            l2vpn_ac_prefetch(host, prefetch_ahead * ptrdiff_t{info_stride});
-            l2vpn_ac_prefetch(host + size - 1, prefetch_ahead * ptrdiff_t{info_stride});
-            encode_info_head(host, wire);
-            std::memcpy(wire + L2VPN_AC_INFO_HEAD, host + L2VPN_AC_INFO_HEAD, size - L2VPN_AC_INFO_HEAD);
-            part::convert(wire);
-        }
+        l2vpn_ac_prefetch(host, prefetch_ahead * ptrdiff_t{info_stride});
+        l2vpn_ac_prefetch(host + size - 1, prefetch_ahead * ptrdiff_t{info_stride});
+        encode_info_head(host, wire);
+        std::memcpy(wire + L2VPN_AC_INFO_HEAD, host + L2VPN_AC_INFO_HEAD, size - L2VPN_AC_INFO_HEAD);
+        part::convert(wire);
     }
 };
 
@@ -109,27 +103,23 @@ constexpr std::array<uint8_t, 256> class6_bits_to_wire = [] {
     return table;
 }();
 
-struct info_class6 {
-    static constexpr uint32_t size = 200;
-    using layout = info<size, u16(16), u32(20), u16(26), u32(28), u32(32), u64(40), u64(120), u32(196)>;
-
-    static void encode(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
+struct info_class6 : info<200, u16(16), u32(20), u16(26), u32(28), u32(32), u64(40), u64(120), u32(196)> {
+    static void encode(const std::byte *host, std::byte *wire)
     {
-        layout::encode(infos, wire, count);
-        for (wire += class6_bits_at; count > 0; --count, wire += size)
-            *wire = std::byte{class6_bits_to_wire[std::to_integer<size_t>(*wire)]};
+        info::encode(host, wire);
+        std::byte &bits = wire[class6_bits_at];
+        bits = std::byte{class6_bits_to_wire[std::to_integer<size_t>(bits)]};
     }
 };
 
 struct info_class17 {
     static constexpr uint32_t size = 200;
+    static constexpr uint32_t stride = L2VPN_AC_INFO_HEAD;
 
-    static void encode(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
+    static void encode(const std::byte *host, std::byte *wire)
     {
-        for (; count > 0; --count, ++infos, wire += L2VPN_AC_INFO_HEAD) {
-            l2vpn_gen_assert_errmsg(1);
-            encode_info_head(reinterpret_cast<const std::byte *>(infos), wire);
-        }
+        l2vpn_gen_assert_errmsg(1);
+        encode_info_head(host, wire);
     }
 };
 
@@ -138,7 +128,6 @@ template <uint32_t wire_size>
 struct info_without_layout {
     static_assert(wire_size > L2VPN_AC_INFO_HEAD);
     static constexpr uint32_t size = wire_size;
-    static constexpr auto encode = nullptr;
 };
 
 /* --- provisioned data -------------------------------------------------------------------------------- */
@@ -169,23 +158,43 @@ template <uint32_t wire_size>
 struct data_without_layout {
     static_assert(wire_size > L2VPN_AC_DATA_HEAD);
     static constexpr uint32_t size = wire_size;
-    static constexpr auto decode = nullptr;
 };
 
 /* --- the table --------------------------------------------------------------------------------------- */
 
+template <typename info_part>
+void encode_infos(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
+{
+    const auto *host = reinterpret_cast<const std::byte *>(infos);
+    for (; count > 0; --count, host += info_stride, wire += info_part::stride)
+        info_part::encode(host, wire);
+}
+
+/* Two arrays at a time are waited for less than one after the other. */
+template <typename defn_part, typename info_part>
+void encode_acs(l2vpn_ac_defn_t *defns, const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
+{
+    const auto *host = reinterpret_cast<const std::byte *>(infos);
+    for (; count > 0; --count, ++defns, host += info_stride, wire += info_part::stride) {
+        defn_part::convert(defns);
+        info_part::encode(host, wire);
+    }
+}
+
 template <typename defn_part, typename info_part, typename data_part>
 constexpr l2vpn_ac_class_row row(l2vpn_ac_class_t class_id)
 {
-    return {class_id,           info_part::size,    data_part::size + L2VPN_AC_IFH_LEN,
-            defn_part::convert, defn_part::restore, info_part::encode,
-            data_part::decode};
+    l2vpn_ac_class_row result = {class_id, info_part::size, data_part::size + L2VPN_AC_IFH_LEN,
+                                 nullptr,  nullptr,         defn_part::restore,
+                                 nullptr};
+    if constexpr (requires { &info_part::encode; }) {
+        result.encode_infos = encode_infos<info_part>;
+        result.encode_acs = encode_acs<defn_part, info_part>;
+    }
+    if constexpr (requires { &data_part::decode; })
+        result.decode_data = data_part::decode;
+    return result;
 }
-
-struct defn_without_layout {
-    static constexpr auto convert = nullptr;
-    static constexpr auto restore = nullptr;
-};
 
 using info_half = info<20, u16(18)>;
 using info_halves = info<20, u16(16), u16(18)>;
@@ -211,7 +220,7 @@ constexpr l2vpn_ac_class_row rows[L2VPN_AC_CLASS_MAX] = {
     row<defn<>, info<16>, data<28>>(12),
     row<defn<>, info<16>, data<28>>(13),
     row<defn<>, info<16>, data<28>>(14),
-    row<defn_without_layout, info_without_layout<20>, data_without_layout<32>>(15),
+    row<defn<>, info_without_layout<20>, data_without_layout<32>>(15),
     row<defn<>, info_half, data_half>(16),
     row<defn_word, info_class17, data_without_layout<93>>(17),
 };

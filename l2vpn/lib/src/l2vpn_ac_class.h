@@ -21,13 +21,13 @@ struct l2vpn_ac_class_row {
     uint32_t info_size;        /* one information record on the wire, head included */
     uint32_t data_size;        /* one provisioned AC on the wire: its handle and its data record */
 
-    /* Convert `count` definition records in place: to the wire, the first one first, and back, the last one
-     * first, because the last ones are still in the caches. */
-    void (*convert_defns)(l2vpn_ac_defn_t *defns, size_t count);
-    void (*restore_defns)(l2vpn_ac_defn_t *defns, size_t count);
-
-    /* Fills the zeroed wire array from `count` information records. Null: the class has no layout. */
+    /* Fill the zeroed wire array from `count` information records; the second one converts as many definition
+     * records in place, too. Null: the class has no layout. */
     void (*encode_infos)(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count);
+    void (*encode_acs)(l2vpn_ac_defn_t *defns, const l2vpn_ac_info_t *infos, std::byte *wire, size_t count);
+
+    /* Converts `count` definition records back, the last one first: the last ones are still in the caches. */
+    void (*restore_defns)(l2vpn_ac_defn_t *defns, size_t count);
 
     /* Converts `count` wire records in place and copies them into zeroed records. Null: no layout. */
     void (*decode_data)(std::byte *wire, l2vpn_ac_xcid_data_t *data, size_t count);

@@ -86,6 +86,17 @@ inline void l2vpn_ac_convert_field(std::byte *record)
     std::memcpy(record + step.offset, &value, sizeof value);
 }
 
+/* Two words side by side: as one of twice the size, whose halves change places. */
+template <size_t offset>
+inline void l2vpn_ac_convert_pair(std::byte *record)
+{
+    uint64_t words;
+    std::memcpy(&words, record + offset, sizeof words);
+    if (!l2vpn_ac_host_is_wire)
+        words = std::rotl(l2vpn_ac_reverse(words), 32);
+    std::memcpy(record + offset, &words, sizeof words);
+}
+
 template <l2vpn_ac_step... steps>
 struct l2vpn_ac_program {
     /* Where the last step ends, 0 if there is none; beyond every record if steps overlap or go back. */
@@ -113,11 +124,33 @@ struct l2vpn_ac_program {
     /* The first byte of all steps. */
     static inline constexpr size_t begin = std::min({SIZE_MAX, steps.offset...});
 
-    static void convert([[maybe_unused]] std::byte *record) { (l2vpn_ac_convert_field<steps>(record), ...); }
+    static void convert([[maybe_unused]] std::byte *record) { convert_from<0>(record); }
 
     /* This program followed by more steps. */
     template <l2vpn_ac_step... more>
     using then = l2vpn_ac_program<steps..., more...>;
+
+private:
+    static constexpr size_t count = sizeof...(steps);
+    static constexpr std::array<l2vpn_ac_step, count> step = {steps...};
+
+    static constexpr bool is_pair(size_t i)
+    {
+        return i + 1 < count && step[i].width == 4 && step[i + 1].width == 4 &&
+               step[i + 1].offset == step[i].offset + 4;
+    }
+
+    template <size_t i>
+    static void convert_from([[maybe_unused]] std::byte *record)
+    {
+        if constexpr (is_pair(i)) {
+            l2vpn_ac_convert_pair<step[i].offset>(record);
+            convert_from<i + 2>(record);
+        } else if constexpr (i < count) {
+            l2vpn_ac_convert_field<step[i]>(record);
+            convert_from<i + 1>(record);
+        }
+    }
 };
 
 /*

@@ -56,6 +56,7 @@ TEST(ac_class, classes_without_a_layout)
     for (uint32_t id = 0; id < 18; ++id) {
         if (const l2vpn_ac_class_row *const row = l2vpn_ac_class_find(id)) {
             EXPECT_EQ(row->encode_infos == nullptr, id == 9) << id;
+            EXPECT_EQ(row->encode_acs == nullptr, id == 9) << id;
             EXPECT_EQ(row->decode_data == nullptr, id == 7 || id == 9 || id == 17) << id;
         }
     }
