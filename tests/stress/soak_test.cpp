@@ -94,6 +94,23 @@ protected:
         /* The library holds on to its event manager for the life of the process. */
     }
 
+    /* What the control socket answers, and its rows. That no AC matches is no failure. */
+    json ask(const char *verb, const json &args = json::object(), json *rows = nullptr)
+    {
+        raw_control control(m_dir.file("L2VPN.ctl"));
+        control.send(json({{"verb", verb}, {"args", args}}).dump() + "\n");
+        const json end = control.answer(rows);
+        EXPECT_TRUE(end.value("ok", false) || end["error"]["code"] == "not_found") << verb << ": " << end;
+        return end.value("result", json::object());
+    }
+
+    json acs()
+    {
+        json rows = json::array();
+        ask("show acs", {{"raw", true}}, &rows);
+        return rows;
+    }
+
     /* Connects on the event manager's thread and waits until the process is there. */
     bool connect(owner &o)
     {
@@ -292,19 +309,21 @@ void soak::work(owner &o)
 /* What an operator does while the owners work; `sent` counts the notices. */
 void soak::operate(notices &sent)
 {
-    const std::string provisioned = std::to_string(provisioned_class);
-    const std::string notified = std::to_string(notified_class);
-    const auto word = [](uint32_t more) { return std::to_string(notice_word + more); };
-    const std::string flags = std::to_string(notice_flags);
+    const json provisioned = {{"class", provisioned_class}};
+    const auto notify = [this](const char *kind, json args) {
+        args["kind"] = kind;
+        args["class"] = notified_class;
+        ask("notify", args);
+    };
     while (m_running > 0) {
-        ctl({"unprovision", "--class", provisioned}); /* which may find none */
-        ctl({"provision", "--class", provisioned});
-        ask({"notify", "bulk", "--class", notified, "--flags", flags, "--record", "word=" + word(0),
-             "--record", "word=" + word(1)});
+        ask("unprovision", provisioned); /* which may find none */
+        ask("provision", provisioned);
+        notify("bulk", {{"flags", notice_flags},
+                        {"records", {{{"word", notice_word}}, {{"word", notice_word + 1}}}}});
         sent.bulk += 2;
-        ask({"notify", "header", "--class", notified, "--word2", word(0), "--word3", word(1)});
+        notify("header", {{"word2", notice_word}, {"word3", notice_word + 1}});
         sent.header += 1;
-        ask({"notify", "flags", "--class", notified, "--flags", flags});
+        notify("flags", {{"flags", notice_flags}});
         sent.flags += 1;
     }
 }
@@ -318,8 +337,9 @@ bool soak::process_holds_what_is_believed()
     for (const json &row : acs())
         found[number(row, "class")].acs[number(row, "handle")] = {text(row, "definition_raw"),
                                                                   text(row, "info_raw")};
-    const json mstp = ask({"show", "mstp", "--raw"});
-    for (const json &row : mstp["mstp"]) {
+    json mstp = json::array();
+    ask("show mstp", {{"raw", true}}, &mstp);
+    for (const json &row : mstp) {
         tables &of = found[number(row, "class")];
         const std::string kind = text(row, "kind");
         if (kind == "vlan")
@@ -400,18 +420,19 @@ TEST_F(soak, ends_with_the_process_holding_what_its_owners_believe)
     })) << told(notified_class).bulk
         << " of " << sent.bulk << " records, " << told(notified_class).header << " of " << sent.header
         << " header notices, " << told(notified_class).flags << " of " << sent.flags << " flags notices";
-    const json counters = ask({"counters", "--owners", "--class", std::to_string(provisioned_class)});
-    ASSERT_EQ(counters["owners"].size(), 1u);
-    const json &count = counters["owners"][0]["acs"];
+    json counters = json::array();
+    ask("show counters", {{"owners", true}, {"class", provisioned_class}}, &counters);
+    ASSERT_EQ(counters.size(), 1u);
+    const json &count = counters[0]["acs"];
     EXPECT_EQ(count["provisioned"], told(provisioned_class).provisioned);
     EXPECT_EQ(count["unprovisioned"], told(provisioned_class).unprovisioned);
     EXPECT_GT(count["provisioned"], 0);
     EXPECT_GT(count["unprovisioned"], 0);
-    EXPECT_EQ(ask({"status"})["dropped"], 0);
+    EXPECT_EQ(ask("status")["dropped"], 0);
 
     for (owner &o : m_owners)
         disconnect(o);
-    EXPECT_TRUE(holds(0)) << "all owners have left";
+    EXPECT_TRUE(eventually([this] { return acs().empty(); })) << "all owners have left";
     EXPECT_TRUE(eventually([this] { return process_holds_what_is_believed(); })) << m_difference;
 }
 
