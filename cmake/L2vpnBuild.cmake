@@ -3,6 +3,7 @@
 option(L2VPN_WERROR "Treat warnings as errors" OFF)
 set(L2VPN_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
 option(L2VPN_COVERAGE "Count lines and branches, with clang" OFF)
+set(L2VPN_PROGRAM_OPTIONS "" CACHE STRING "More compiler options for programs, not libraries: -g1 compiles sooner")
 option(L2VPN_UNITY "Compile the sources of a part together, for checks that run nothing: large headers once" OFF)
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
@@ -32,6 +33,10 @@ target_compile_options(l2vpn_build INTERFACE -Wall -Wextra -Wpedantic -Wconversi
 target_compile_definitions(l2vpn_build INTERFACE _GNU_SOURCE)
 if(L2VPN_WERROR)
     target_compile_options(l2vpn_build INTERFACE -Werror)
+endif()
+if(L2VPN_PROGRAM_OPTIONS)
+    target_compile_options(l2vpn_build INTERFACE
+        "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${L2VPN_PROGRAM_OPTIONS}>")
 endif()
 if(L2VPN_SANITIZE)
     # Recovery is off: the first report ends the program, so that no test passes over one.
