@@ -1,21 +1,59 @@
+/*
+ * Managed timers on one thread. Where the order of moments matters the monotonic clock is held: this program
+ * stands in front of clock_gettime().
+ */
 #include "timer_support.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <ctime>
+#include <dlfcn.h>
 #include <limits>
 #include <vector>
+
+namespace {
+
+std::atomic<std::int64_t> s_held{0}; /* what the monotonic clock shows, in nanoseconds; 0: it runs */
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec *time) noexcept
+{
+    const std::int64_t held = s_held;
+    if (clock != CLOCK_MONOTONIC || held == 0) {
+        return reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, "clock_gettime"))(clock, time);
+    }
+    *time = timer_test::span_of(std::chrono::nanoseconds(held));
+    return 0;
+}
 
 namespace {
 
 using namespace timer_test;
 using timers = timer_test::timers;
 
+/* Holds the monotonic clock. The kernel's timers run on. */
+class held_clock {
+public:
+    held_clock() { s_held = std::chrono::steady_clock::now().time_since_epoch() / 1ns; }
+    held_clock(const held_clock &) = delete;
+    held_clock &operator=(const held_clock &) = delete;
+    ~held_clock() { s_held = 0; }
+
+    void advance(std::chrono::nanoseconds by) { s_held += by / 1ns; }
+};
+
 TEST_F(timers, a_leaf_expires_once_and_not_early)
 {
     mgd_timer_leaf_t *leaf = new_leaf();
     const auto begin = std::chrono::steady_clock::now();
-    start(leaf, 20ms);
-    EXPECT_EQ(mgd_timer_tree_first_expired(tree), nullptr);
+    {
+        held_clock clock;
+        start(leaf, 20ms);
+        clock.advance(20ms - 1ns);
+        EXPECT_EQ(mgd_timer_tree_first_expired(tree), nullptr);
+    }
     wait_for_event();
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 20ms);
     EXPECT_EQ(mgd_timer_tree_first_expired(tree), leaf);
@@ -40,9 +78,13 @@ TEST_F(timers, a_later_leaf_is_announced_behind_an_expired_one)
 {
     mgd_timer_leaf_t *first = new_leaf();
     mgd_timer_leaf_t *second = new_leaf();
-    start(first, 1ms);
-    start(second, 40ms);
-    wait_for_event();
+    {
+        held_clock clock;
+        start(first, 1ms);
+        start(second, 40ms);
+        clock.advance(1ms);
+        wait_for_event();
+    }
     wait_for_event();
     EXPECT_EQ(mgd_timer_tree_first_expired(tree), first);
     mgd_timer_leaf_stop(first);
@@ -52,9 +94,12 @@ TEST_F(timers, a_later_leaf_is_announced_behind_an_expired_one)
 TEST_F(timers, leaves_come_in_the_order_of_their_expiry)
 {
     const std::vector leaves{new_leaf(), new_leaf(), new_leaf()};
-    start(leaves[0], 6ms);
-    start(leaves[1], 2ms);
-    start(leaves[2], 4ms);
+    {
+        const held_clock clock;
+        start(leaves[0], 6ms);
+        start(leaves[1], 2ms);
+        start(leaves[2], 4ms);
+    }
     std::vector<mgd_timer_leaf_t *> order;
     while (order.size() < leaves.size()) {
         wait_for_event();
