@@ -18,7 +18,7 @@ OBJECTS = 'lib/libl2vpn_ac_objects.a'
 
 # What hunts a mutant, quickest first: a program and its arguments. They load the library that the
 # environment names; those of INSIDE have its objects linked into them.
-INSIDE = ('lib_unit_test', 'lib_limits_test', 'lib_entries_test')
+INSIDE = ('lib_unit_test', 'lib_limits_test', 'lib_entries_test', 'lib_uses_test')
 HUNTERS = (
     ('contract_test',),
     *((name,) for name in INSIDE),
