@@ -7,6 +7,7 @@
 #include <array>
 #include <csignal>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -255,6 +256,8 @@ event subject::event_of(const l2vpn::sim::call &call)
 
 /* --- deaths ------------------------------------------------------------------------------------------ */
 
+constexpr unsigned child_limit_s = 60;
+
 std::string fate_of(const std::function<void()> &what)
 {
     int ends[2];
@@ -264,9 +267,11 @@ std::string fate_of(const std::function<void()> &what)
     if (child < 0)
         throw std::runtime_error("no child");
     if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        alarm(child_limit_s); /* that of the scenario is the parent's alone */
         const rlimit no_core = {0, 0};
         setrlimit(RLIMIT_CORE, &no_core);
-        for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+        for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGALRM})
             std::signal(signal, SIG_DFL);
         dup2(ends[1], STDERR_FILENO);
         what();
