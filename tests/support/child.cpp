@@ -1,5 +1,7 @@
 #include "child.h"
 
+#include "temp_folder.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -51,13 +53,7 @@ std::vector<char *> pointers(std::vector<std::string> &texts)
 
 } // namespace
 
-temp_dir::temp_dir()
-{
-    std::string name = std::filesystem::temp_directory_path() / "l2vpn-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr)
-        throw std::system_error(errno, std::generic_category(), name);
-    path_ = name;
-}
+temp_dir::temp_dir() : path_(new_temp_folder()) {}
 
 temp_dir::~temp_dir()
 {

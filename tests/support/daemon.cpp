@@ -19,6 +19,9 @@ constexpr size_t largest_packet = size_t{1} << 20;
 int connect_to(const std::string &path, int type)
 {
     sockaddr_un address{};
+    if (path.size() >= sizeof address.sun_path) {
+        throw std::runtime_error("too long for a socket: " + path);
+    }
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);

@@ -1,5 +1,7 @@
 #include "harness.h"
 
+#include "temp_folder.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
@@ -39,11 +41,8 @@ void vy_syslog(int, const char *format, ...)
 namespace ipc_test {
 
 test_environment::test_environment(std::initializer_list<std::pair<const char *, const char *>> variables)
-    : directory_("/tmp/ipc-test-XXXXXX"), owner_(getpid())
+    : directory_(new_temp_folder()), owner_(getpid())
 {
-    if (mkdtemp(directory_.data()) == nullptr) {
-        abort();
-    }
     setenv("L2VPN_RUNTIME_DIR", directory_.c_str(), 1);
     for (const auto &[name, value] : variables) {
         setenv(name, value, 1);

@@ -5,6 +5,8 @@
 #ifndef TESTS_PLATFORM_CHILD_H
 #define TESTS_PLATFORM_CHILD_H
 
+#include "temp_folder.h"
+
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -168,7 +170,7 @@ inline outcome run(std::vector<std::string> command, std::vector<std::string> en
 /* A directory that goes with the test. */
 class directory {
 public:
-    directory() { EXPECT_NE(::mkdtemp(path_.data()), nullptr); }
+    directory() = default;
     ~directory()
     {
         std::error_code ignored;
@@ -181,7 +183,7 @@ public:
     [[nodiscard]] std::string operator/(const std::string &name) const { return path_ + "/" + name; }
 
 private:
-    std::string path_ = "/tmp/l2vpn-test-XXXXXX";
+    std::string path_ = new_temp_folder();
 };
 
 } // namespace child_test

@@ -1,4 +1,5 @@
 #include "node_internal.h"
+#include "temp_folder.h"
 
 #include <platform/node.h>
 
@@ -16,14 +17,13 @@ using l2vpn::platform_posix::node_id_of_machine;
 
 class machine_identity : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_NE(::mkdtemp(directory), nullptr); }
     void TearDown() override
     {
         ::unlink(path().c_str());
-        ::rmdir(directory);
+        ::rmdir(directory.c_str());
     }
 
-    [[nodiscard]] std::string path() const { return std::string(directory) + "/machine-id"; }
+    [[nodiscard]] std::string path() const { return directory + "/machine-id"; }
 
     qerrno id_of(const std::string &text, std::uint32_t &id) const
     {
@@ -31,7 +31,7 @@ protected:
         return node_id_of_machine(path().c_str(), id);
     }
 
-    char directory[32] = "/tmp/l2vpn-node-XXXXXX";
+    const std::string directory = new_temp_folder();
 };
 
 TEST_F(machine_identity, gives_the_same_id_every_time)
@@ -67,7 +67,7 @@ TEST_F(machine_identity, a_file_that_cannot_be_read_says_why)
 {
     std::uint32_t id = 77;
     EXPECT_EQ(node_id_of_machine(path().c_str(), id), static_cast<qerrno>(ENOENT));
-    EXPECT_EQ(node_id_of_machine(directory, id), static_cast<qerrno>(EISDIR));
+    EXPECT_EQ(node_id_of_machine(directory.c_str(), id), static_cast<qerrno>(EISDIR));
     EXPECT_EQ(id, 77U);
 }
 
@@ -98,7 +98,7 @@ TEST_F(machine_identity, without_a_host_name_or_not_readable_fails)
 {
     std::uint32_t id = 77;
     EXPECT_EQ(node_id_of(path().c_str(), "", id), static_cast<qerrno>(ENOENT));
-    EXPECT_EQ(node_id_of(directory, "pe1", id), static_cast<qerrno>(EISDIR))
+    EXPECT_EQ(node_id_of(directory.c_str(), "pe1", id), static_cast<qerrno>(EISDIR))
         << "another process may be able to read it";
     EXPECT_EQ(id, 77U);
 }
