@@ -1,7 +1,8 @@
 /*
- * System calls that fail to a plan, in the program that faults.cpp is linked into: the test, or an l2vpnd. A plan says which of the calls fails, counted from the moment it is
- * armed, how, and whether those behind it fail as well; the test shares that of its l2vpnd with it through a
- * file. Only calls that can fail with the plan's error count.
+ * System calls that fail to a plan, in the program that faults.cpp is linked into: the test, or an l2vpnd. A
+ * plan says which of the calls fails, counted from the moment it is armed, how, and whether those behind it fail
+ * as well; the test shares that of its l2vpnd with it through a file. Only calls that can fail with the plan's
+ * error count.
  */
 #ifndef TESTS_KILL_FAULTS_H
 #define TESTS_KILL_FAULTS_H

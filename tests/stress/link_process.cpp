@@ -142,7 +142,8 @@ void link_process::fault(const std::string &text)
 
 /*
  * Whole requests, one after the other: they are not mixed with each other, and each of their messages is there.
- * (Whose ACs they name is not asked: a stale handle may name the client that came after.) Only a link's first messages may be the rest of a request that began on the link before.
+ * (Whose ACs they name is not asked: a stale handle may name the client that came after.) Only a link's first
+ * messages may be the rest of a request that began on the link before.
  */
 void link_process::look_at(story &of, const uint8_t *message, uint32_t length)
 {

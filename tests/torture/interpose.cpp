@@ -11,10 +11,10 @@
 #include <map>
 #include <sys/mman.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_ADDRESS__)
 #define FOLLOW_MEMORY 0
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#if __has_feature(address_sanitizer)
 #define FOLLOW_MEMORY 0
 #endif
 #endif
@@ -177,7 +177,7 @@ void watch(const std::optional<plan> &what)
 using namespace torture::interpose;
 
 #define IN_FRONT extern "C" __attribute__((visibility("default")))
-#define BEFORE_ALL __attribute__((no_sanitize("thread"), no_sanitize("address")))
+#define BEFORE_ALL __attribute__((no_sanitize("address")))
 
 #if FOLLOW_MEMORY
 

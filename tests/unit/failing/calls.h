@@ -1,6 +1,6 @@
 /*
- * Calls of the C library, and allocations, that fail to order in the program that calls.cpp is linked into. An order is for the thread that gave it, and for as long
- * as it lives; only calls that can fail count.
+ * Calls of the C library, and allocations, that fail to order in the program that calls.cpp is linked into. An
+ * order is for the thread that gave it, and for as long as it lives; only calls that can fail count.
  */
 #ifndef TESTS_UNIT_FAILING_CALLS_H
 #define TESTS_UNIT_FAILING_CALLS_H
