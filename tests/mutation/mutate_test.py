@@ -1,13 +1,17 @@
 #!/usr/bin/env python3
-"""What a hunt keeps and learns: its record, and the tests that killed."""
+"""What a hunt keeps and learns: its record, the tests that killed, and where a mutant of a header is."""
 
+import json
+import subprocess
 import tempfile
 import types
 import unittest
 from pathlib import Path
+from unittest import mock
 
-from mutate import Record
-from workshop import Broken, stopped_at
+import workshop
+from mutate import Record, all_mutants
+from workshop import Broken, Build, Workshop, stopped_at
 
 
 def mutant(name, text='int f() { return 1; }'):
@@ -69,6 +73,51 @@ class StoppedAtTest(unittest.TestCase):
 
     def test_none(self):
         self.assertEqual(stopped_at('cannot be loaded\n'), '')
+
+
+class HeaderTest(unittest.TestCase):
+    """A library of one unit, and a test program that calls what the library's header defines."""
+
+    FILES = {
+        'src/sum.h': 'inline int sum(int a, int b)\n{\n    return a + b;\n}\n',
+        'src/sum.cpp': '#include "sum.h"\nint sum_of(int a, int b) { return sum(a, b); }\n',
+        'test.cpp': '#include "sum.h"\nint main() { return sum(1, 2) != 3; }\n',
+        'build.ninja': """\
+rule cc
+  command = c++ -O0 -fPIC -I../src -o $out -c $in
+rule so
+  command = c++ -shared -o $out $in
+rule ar
+  command = ar rcs $out $in
+rule exe
+  command = c++ -o $out $in
+build l2vpn_ac.dir/sum.o: cc ../src/sum.cpp
+build lib/libl2vpn_ac.so.1.0.0: so l2vpn_ac.dir/sum.o
+build lib/libl2vpn_ac_objects.a: ar l2vpn_ac.dir/sum.o
+build inside.dir/test.o: cc ../test.cpp
+build bin/inside: exe inside.dir/test.o lib/libl2vpn_ac_objects.a
+""",
+    }
+
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.root = Path(directory.name)
+        for name in ('src', 'build', 'shop'):
+            (self.root / name).mkdir()
+        for name, text in self.FILES.items():
+            (self.root / ('build' if name == 'build.ninja' else '.') / name).write_text(text)
+        (self.root / 'build' / 'compile_commands.json').write_text(json.dumps([
+            {'file': str(self.root / source), 'command': f'c++ -O0 -fPIC -I../src -o {output} -c ../{source}'}
+            for source, output in (('src/sum.cpp', 'l2vpn_ac.dir/sum.o'), ('test.cpp', 'inside.dir/test.o'))]))
+        subprocess.run(['ninja'], cwd=self.root / 'build', check=True, stdout=subprocess.DEVNULL)
+
+    def test_its_mutants_are_in_the_tests_that_include_it(self):
+        with mock.patch.multiple(workshop, INSIDE=('inside',), HUNTERS=(('inside',),)):
+            shop = Workshop(Build(self.root / 'build', self.root / 'src'), self.root / 'shop')
+            verdicts = {m.changed: shop.verdict(m) for m in all_mutants(self.root / 'src') if m.file == 'sum.h'}
+        self.assertEqual(verdicts['+ -> -'], ('killed', 'inside fails'))
+        self.assertEqual(verdicts['return a + b; -> return {};'], ('killed', 'inside fails'))
 
 
 if __name__ == '__main__':

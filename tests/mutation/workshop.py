@@ -17,7 +17,8 @@ LIBRARY = 'lib/libl2vpn_ac.so.1.0.0'
 OBJECTS = 'lib/libl2vpn_ac_objects.a'
 
 # What hunts a mutant, quickest first: a program and its arguments. They load the library that the
-# environment names; those of INSIDE have its objects linked into them.
+# environment names; those of INSIDE have its objects linked into them, and include its headers: what these
+# define is theirs too, and a mutant of one has to be in both.
 INSIDE = ('lib_unit_test', 'lib_limits_test', 'lib_entries_test', 'lib_uses_test')
 HUNTERS = (
     ('contract_test',),
@@ -63,6 +64,7 @@ class Build:
     def __init__(self, directory, sources):
         self.directory, self.sources = directory, sources
         self.units, self.options = {}, []
+        self.tests = {name: {} for name in INSIDE}  # by source: the object and how it is compiled
         try:
             entries = json.loads((directory / 'compile_commands.json').read_text())
         except OSError as error:
@@ -70,13 +72,19 @@ class Build:
         for entry in entries:
             command = shlex.split(entry['command'])
             output = command[command.index('-o') + 1]
+            options = command[:command.index('-o')]
             if 'l2vpn_ac.dir' in output:
                 self.units[Path(entry['file']).name] = output
-                self.options = [o for o in command[:command.index('-o')] if not re.match('-g|-W', o)]
+                self.options = [o for o in options if not re.match('-g|-W', o)]
+            for name in INSIDE:
+                if f'{name}.dir' in output:
+                    self.tests[name][Path(entry['file'])] = output, options
         if not self.units:
             raise Broken(f'{directory}: does not build the library')
         self.links = {name: self._link(name) for name in (LIBRARY, *(f'bin/{n}' for n in INSIDE))}
-        self.reached = {name: self._reached(name) for name in self.units}
+        self.reached = {name: self._reached(sources / name) for name in self.units}
+        for units in self.tests.values():
+            self.reached |= {path: self._reached(path) for path in units}
 
     def _link(self, target):
         lines = subprocess.run(['ninja', '-t', 'commands', target], cwd=self.directory, text=True,
@@ -85,14 +93,14 @@ class Build:
             raise Broken(f'{self.directory}: ninja does not know how to link {target}')
         return [word for word in shlex.split(lines[-1]) if word not in (':', '&&')]
 
-    def _reached(self, name, seen=None):
+    def _reached(self, path, seen=None):
         """The sources that a unit includes, itself among them."""
         seen = seen if seen is not None else set()
-        if name not in seen:
-            seen.add(name)
-            for other in re.findall(r'#include "(\w+\.h)"', (self.sources / name).read_text()):
+        if path.name not in seen:
+            seen.add(path.name)
+            for other in re.findall(r'#include "(\w+\.h)"', path.read_text()):
                 if (self.sources / other).exists():
-                    self._reached(other, seen)
+                    self._reached(self.sources / other, seen)
         return seen
 
     def headers(self):
@@ -103,6 +111,11 @@ class Build:
 
     def units_of(self, name):
         return [unit for unit in self.units if name in self.reached[unit]]
+
+    def tests_of(self, program, name):
+        """Of a program of INSIDE the objects of what includes a source, and how each is compiled."""
+        return [(output, options, path) for path, (output, options) in self.tests[program].items()
+                if name in self.reached[path]]
 
 
 class Workshop:
@@ -135,8 +148,16 @@ class Workshop:
             return None
         return output.read_bytes()
 
-    def _link(self, target, units):
+    def _compile_test(self, options, path):
+        """The object of a test that includes the library's headers, None if it is none."""
+        output = self.directory / (path.name + '.o')
+        command = [*options, '-w', '-iquote', str(self.directory / 'src'), '-o', str(output), '-c', str(path)]
+        return output if run(command, 300, cwd=self.build.directory) == 0 else None
+
+    def _link(self, target, units, tests=()):
         command = list(self.build.links[target])
+        for original, made in tests:
+            command[command.index(original)] = str(made)
         for unit in units:
             made = str(self.directory / (unit + '.o'))
             if self.build.units[unit] in command:
@@ -185,7 +206,11 @@ class Workshop:
         name = hunter[0]
         program = self.build.directory / 'bin' / name
         if name in INSIDE:
-            program = self._link(f'bin/{name}', units)
+            tests = [(original, self._compile_test(options, path))
+                     for original, options, path in self.build.tests_of(name, source)]
+            if None in (made for _, made in tests):
+                return 'killed', f'{name} does not compile'
+            program = self._link(f'bin/{name}', units, tests)
             if program is None:
                 return 'does not compile', ''
         killers = self.killers.setdefault((source, hunter), [])
