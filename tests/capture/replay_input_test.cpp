@@ -96,6 +96,8 @@ TEST_F(replay, every_bad_input_has_its_line)
     expect_refused({file, "--against", m_dir.write("a.json", "{}")}, 4, "a.json: no table of ACs");
     expect_refused({file, "--against", m_dir.write("b.json", "{\"acs\":[{}]}")}, 4,
                    "b.json: a row of \"acs\" is not as l2vpnctl prints it");
+    expect_refused({file, "--against", m_dir.write("c.json", R"({"acs":[{"owner":1e99}]})")}, 4,
+                   "c.json: a row of \"acs\" is not as l2vpnctl prints it");
     expect_refused({file, "--program", none}, 3, "could be started to replay into: " + none);
     expect_refused({file, "--option", "nonsense=1"}, 3, "--nonsense=1");
     expect_refused({file, "--option", "max-acs=0"}, 3, "max-acs");

@@ -15,8 +15,10 @@ std::string text_of(const json &row, const char *key)
 
 std::string hex_of(const json &row, const char *key)
 {
-    char text[16];
-    snprintf(text, sizeof text, "0x%08" PRIx32, row.value(key, uint32_t{0}));
+    const auto found = row.find(key);
+    const uint64_t number = found == row.end() ? 0 : whole_number(*found);
+    char text[20];
+    snprintf(text, sizeof text, "0x%08" PRIx64, number);
     return text;
 }
 
@@ -116,6 +118,11 @@ const std::array<table_kind, table_count> table_kinds = {{
     {"show mstp", "mstp", mstp_key, {"node", "class"}},
     {"show batches", "batches", batch_key, {"since"}},
 }};
+
+uint64_t whole_number(const json &value)
+{
+    return value.get_ref<const json::number_unsigned_t &>();
+}
 
 void tables::add(size_t kind, json row)
 {

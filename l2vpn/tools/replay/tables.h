@@ -44,6 +44,10 @@ struct difference {
 /* What `found` has otherwise, of all that `expected` tells. */
 std::vector<difference> compare(const tables &expected, const tables &found);
 
+/* A number as l2vpnctl prints it. Throws json::exception where it has a fraction, an exponent or a sign, or does not
+ * fit: converting such a one would be undefined. */
+uint64_t whole_number(const json &value);
+
 /* Adds what was saved with `l2vpnctl show ... --json`. Throws failure. */
 void read_tables(const std::string &path, bool with_owners, tables &to);
 

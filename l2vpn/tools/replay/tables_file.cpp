@@ -34,7 +34,7 @@ void read_tables(const std::string &path, bool with_owners, tables &to)
         to.of[i] = to.of[i].value_or(table_rows());
         try {
             for (json row : *rows) {
-                row["owner"] = std::to_string(row.at("owner").get<uint64_t>());
+                row["owner"] = std::to_string(whole_number(row.at("owner")));
                 if (!with_owners) {
                     row.erase("owner");
                 }
