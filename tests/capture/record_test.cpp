@@ -3,6 +3,7 @@
  */
 #include "capture/capture.h"
 #include "child.h"
+#include "forked.h"
 #include "ipc/client.h"
 #include "ring_reader.h"
 
@@ -15,7 +16,6 @@
 #include <platform/config.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace l2vpn;
@@ -37,13 +37,7 @@ protected:
     /* What `work` returns in a process of its own; -signal when one ended it. */
     static int in_child(const std::function<int()> &work)
     {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            _exit(work());
-        }
-        int status = 0;
-        EXPECT_EQ(waitpid(pid, &status, 0), pid);
-        return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+        return system_test::forked([&work](int) { return work(); }).wait();
     }
 
     void record_message(ipc::registration &of) const

@@ -2,13 +2,12 @@
  * Every outbound message against its golden file, byte for byte: the records are filled with what the file
  * says lies in a host's memory, and what is sent must be what it says lies on the wire.
  */
+#include "ac_classes.h"
 #include "contract_test.h"
 
 namespace {
 
 constexpr std::uint32_t classes[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 13, 14, 16, 17};
-constexpr std::uint32_t info_sizes[] = {20, 20, 20, 16, 16, 16, 200, 56, 2356,
-                                        96, 16, 24, 16, 16, 16, 20,  20, 200};
 
 class golden_ac : public contract, public testing::WithParamInterface<std::uint32_t> {
 protected:
@@ -29,7 +28,7 @@ protected:
     std::vector<l2vpn_ac_info_t> infos_of(const golden::message &message, std::size_t offset) const
     {
         const bool packed_heads = GetParam() == 17;
-        const std::size_t size = packed_heads ? 16 : info_sizes[GetParam()];
+        const std::size_t size = packed_heads ? 16 : ac_classes::rows[GetParam()].info;
         return records<l2vpn_ac_info_t>(message, offset, size, size, count_of(message));
     }
 };
@@ -41,7 +40,7 @@ TEST_P(golden_ac, create)
 {
     const auto message = golden::load("create_class_" + std::to_string(GetParam()));
     const std::uint32_t n = count_of(message);
-    ASSERT_EQ(message.wire.size(), 16 + n * (620 + info_sizes[GetParam()]));
+    ASSERT_EQ(message.wire.size(), 16 + n * (620 + ac_classes::rows[GetParam()].info));
     auto ifh = records<ifhtype>(message, 16, 4, 4, n);
     auto defns = records<l2vpn_ac_defn_t>(message, 16 + 4 * n, 616, 616, n);
     auto infos = infos_of(message, 16 + 620 * n);
@@ -61,7 +60,7 @@ TEST_P(golden_ac, update)
 {
     const auto message = golden::load("update_class_" + std::to_string(GetParam()));
     const std::uint32_t n = count_of(message);
-    ASSERT_EQ(message.wire.size(), 16 + n * (4 + info_sizes[GetParam()]));
+    ASSERT_EQ(message.wire.size(), 16 + n * (4 + ac_classes::rows[GetParam()].info));
     auto ifh = records<ifhtype>(message, 16, 4, 4, n);
     auto infos = infos_of(message, 16 + 4 * n);
 
@@ -205,8 +204,6 @@ TEST_F(contract, golden_mstp_protect)
 
 /* --- inbound --- */
 
-constexpr std::uint32_t data_sizes[] = {32, 32, 32, 28, 28, 28, 28, 0, 2676, 0, 28, 67, 28, 28, 28, 0, 32, 0};
-
 class golden_provision : public contract, public testing::WithParamInterface<std::uint32_t> {};
 
 INSTANTIATE_TEST_SUITE_P(classes, golden_provision,
@@ -217,7 +214,7 @@ TEST_P(golden_provision, is_decoded)
 {
     const auto message = golden::load("provision_class_" + std::to_string(GetParam()));
     const std::uint32_t n = be32(&message.wire[8]);
-    const std::size_t size = data_sizes[GetParam()];
+    const std::size_t size = ac_classes::rows[GetParam()].data - 4;
     ASSERT_EQ(message.wire.size(), 16 + n * (4 + size));
 
     const auto hd = connect_up(GetParam());

@@ -11,27 +11,25 @@
  */
 #include "fuzz.h"
 
+#include "../support/ac_classes.h"
+
 #include <l2vpn/l2vpn_ac_api.h>
 #include <l2vpn/l2vpn_ac_msg.h>
 #include <platform/sim.h>
 
-#include <array>
 #include <vector>
 
 namespace {
 
 using fuzz::be32;
 
-constexpr uint32_t classes = 18;
+constexpr uint32_t classes = ac_classes::rows.size();
 constexpr uint32_t bare_class = 14; /* its client has status_cb only */
-/* Of an AC in a provision message, its handle counted; 0: no class. */
-constexpr std::array<uint32_t, classes> data_sizes = {36,  36, 36, 32, 32, 32, 32, 76, 2680,
-                                                      112, 32, 71, 32, 32, 32, 0,  36, 97};
-constexpr size_t common = 28; /* bytes of data that every class has */
+constexpr size_t common = 28;       /* bytes of data that every class has */
 
 bool has_no_layout(uint32_t class_id)
 {
-    return class_id == 7 || class_id == 9 || class_id == 17;
+    return ac_classes::valid(class_id) && !ac_classes::rows[class_id].decoded;
 }
 
 struct expectation {
@@ -142,9 +140,10 @@ uint32_t client_class(uint8_t byte)
     return connected[byte % connected.size()];
 }
 
+/* 0: no class. */
 uint32_t data_size(uint32_t class_id)
 {
-    return class_id < classes ? data_sizes[class_id] : 0;
+    return ac_classes::valid(class_id) ? ac_classes::rows[class_id].data : 0;
 }
 
 /* Bytes of each record of a message for `class_id`; 0: it has none that would be looked at. */

@@ -4,6 +4,7 @@
 #ifndef TESTS_PROCESS_SUPPORT_H
 #define TESTS_PROCESS_SUPPORT_H
 
+#include "../support/ac_classes.h"
 #include "process.h"
 
 #include <cerrno>
@@ -68,9 +69,7 @@ inline octets definition(const std::string &name, uint8_t first = 1)
 
 inline size_t info_size(uint32_t class_id)
 {
-    static constexpr size_t sizes[] = {20, 20, 20, 16, 16, 16, 200, 56, 2356,
-                                       96, 16, 24, 16, 16, 16, 20,  20, 200};
-    return sizes[class_id];
+    return ac_classes::rows[class_id].info;
 }
 
 inline octets create(uint32_t class_id, const std::vector<uint32_t> &handles, uint32_t flags = 3,

@@ -84,11 +84,6 @@ std::uint8_t class6_bits(std::uint8_t memory)
                                      bits(4, 3) * 4 + bits(6, 3));
 }
 
-constexpr std::array<std::size_t, class_count> info_sizes = {20, 20, 20, 16, 16, 16, 200, 56, 2356,
-                                                             96, 16, 24, 16, 16, 16, 20,  20, 200};
-constexpr std::array<std::size_t, class_count> data_sizes = {36,  36, 36, 32, 32, 32, 32, 76, 2680,
-                                                             112, 32, 71, 32, 32, 32, 36, 36, 97};
-
 constexpr std::array<const char *, static_cast<std::size_t>(fault::count_)> fault_names = {
     "none",
     "create without end",
@@ -116,26 +111,21 @@ const char *name_of(fault mistake)
     return fault_names.at(static_cast<std::size_t>(mistake));
 }
 
-bool is_valid_class(std::uint32_t class_id)
-{
-    return class_id < class_count && class_id != 15;
-}
-
 std::size_t info_size(std::uint32_t class_id, fault mistake)
 {
     if (mistake == fault::class11_info_too_long && class_id == 11)
         return 28;
-    return info_sizes.at(class_id);
+    return ac_classes::rows.at(class_id).info;
 }
 
 std::size_t data_size(std::uint32_t class_id)
 {
-    return data_sizes.at(class_id);
+    return ac_classes::rows.at(class_id).data;
 }
 
 bool has_data_layout(std::uint32_t class_id)
 {
-    return is_valid_class(class_id) && class_id != 7 && class_id != 9 && class_id != 17;
+    return class_id < class_count && ac_classes::rows[class_id].decoded;
 }
 
 void turn_defns(std::uint32_t class_id, std::span<std::uint8_t> defns, fault mistake)

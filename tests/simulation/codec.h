@@ -5,6 +5,8 @@
 #ifndef TESTS_SIMULATION_CODEC_H
 #define TESTS_SIMULATION_CODEC_H
 
+#include "ac_classes.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -15,7 +17,7 @@ namespace simulation {
 using bytes = std::vector<std::uint8_t>;
 using byte_view = std::span<const std::uint8_t>;
 
-inline constexpr std::uint32_t class_count = 18;
+inline constexpr std::uint32_t class_count = ac_classes::rows.size();
 inline constexpr std::size_t header_size = 16;
 inline constexpr std::size_t defn_size = 616;
 inline constexpr std::size_t info_stride = 2360;
@@ -50,7 +52,6 @@ enum class fault : std::uint8_t {
 
 [[nodiscard]] const char *name_of(fault mistake);
 
-[[nodiscard]] bool is_valid_class(std::uint32_t class_id);
 [[nodiscard]] std::size_t info_size(std::uint32_t class_id, fault mistake = fault::none);
 [[nodiscard]] std::size_t data_size(std::uint32_t class_id); /* with the AC's handle */
 [[nodiscard]] bool has_data_layout(std::uint32_t class_id);

@@ -191,7 +191,7 @@ std::uint32_t model::connect_client(const client_ptr &made, std::uint64_t &handl
         platform_.debug(connecting, "Failed to get transport MTU: " + text_of(status));
         return undo(taken::registration, feature::connect_no_mtu, status);
     }
-    if (!is_valid_class(made->class_id)) {
+    if (!ac_classes::valid(made->class_id)) {
         platform_.debug(connecting,
                         "Unable to get info message size for class id " + std::to_string(made->class_id));
         return undo(taken::registration, feature::connect_class_15, einval);

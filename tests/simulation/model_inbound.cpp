@@ -37,7 +37,7 @@ void model::handle_provision(const client_ptr &to, const delivery &item, std::ui
         hit(feature::prov_empty);
         return;
     }
-    if (!is_valid_class(told)) {
+    if (!ac_classes::valid(told)) {
         hit(feature::prov_bad_class);
         platform_.debug(where, "Unable to get AC data size for class id " + std::to_string(to->class_id));
         return;

@@ -3,13 +3,12 @@
  */
 #include "subject.h"
 
+#include "forked.h"
+
 #include <algorithm>
 #include <array>
 #include <csignal>
 #include <string>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace simulation {
@@ -260,36 +259,21 @@ constexpr unsigned child_limit_s = 60;
 
 std::string fate_of(const std::function<void()> &what)
 {
-    int ends[2];
-    if (pipe(ends) != 0)
-        throw std::runtime_error("no pipe for a child");
-    const pid_t child = fork();
-    if (child < 0)
-        throw std::runtime_error("no child");
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    system_test::forked child([&what](int to) {
         alarm(child_limit_s); /* that of the scenario is the parent's alone */
-        const rlimit no_core = {0, 0};
-        setrlimit(RLIMIT_CORE, &no_core);
         for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGALRM})
             std::signal(signal, SIG_DFL);
-        dup2(ends[1], STDERR_FILENO);
+        dup2(to, STDERR_FILENO);
         what();
-        _exit(0);
-    }
-    close(ends[1]);
-    std::string output;
-    std::array<char, 512> buffer{};
-    for (ssize_t got = 0; (got = read(ends[0], buffer.data(), buffer.size())) > 0;)
-        output.append(buffer.data(), static_cast<std::size_t>(got));
-    close(ends[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
+        return 0;
+    });
+    const std::string output = child.all_it_says();
+    const int status = child.wait();
 
     static const std::string before = "Assertion `";
     const std::size_t start = output.find(before);
     const std::size_t end = output.rfind("' failed");
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT && start != std::string::npos)
+    if (status == -SIGABRT && start != std::string::npos)
         return output.substr(start + before.size(), end - start - before.size());
     return status == 0 ? "" : "ended with " + std::to_string(status) + ": " + output;
 }

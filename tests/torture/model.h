@@ -153,11 +153,6 @@ private:
     std::vector<step> inside_; /* what happens inside the next callback */
 };
 
-/* The sizes of a class's records in a message; 0: none. */
-std::uint32_t info_size_of(std::uint32_t class_id);
-std::uint32_t data_size_of(std::uint32_t class_id);
-bool valid_class(std::uint32_t class_id);
-
 } // namespace torture
 
 #endif

@@ -3,6 +3,8 @@
  */
 #include "model.h"
 
+#include "ac_classes.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -142,14 +144,14 @@ qerrno model::connect_client(id client, std::uint32_t class_id)
         return rc;
     }
     mtu_ = platform_mtu_;
-    if (!valid_class(class_id)) {
+    if (!ac_classes::valid(class_id)) {
         debug(self, "Unable to get info message size for class id " + std::to_string(class_id));
         undo_class();
         return EINVAL;
     }
 
     const std::uint64_t room = std::uint64_t{mtu_} - 16;
-    const std::uint64_t info = info_size_of(class_id);
+    const std::uint64_t info = ac_classes::rows[class_id].info;
     const std::pair<op, std::uint64_t> shares[] = {{op::create, info + 620}, {op::update, info + 4},
                                                    {op::remove, 4},          {op::root, 12},
                                                    {op::port_request, 96},   {op::vid_map, 4}};

@@ -3,6 +3,8 @@
  */
 #include "model.h"
 
+#include "ac_classes.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -10,12 +12,6 @@
 namespace torture {
 
 namespace {
-
-constexpr std::uint32_t info_sizes[] = {20, 20, 20, 16, 16, 16, 200, 56, 2356,
-                                        96, 16, 24, 16, 16, 16, 20,  20, 200};
-constexpr std::uint32_t data_sizes[] = {36,  36, 36, 32, 32, 32, 32, 76, 2680,
-                                        112, 32, 71, 32, 32, 32, 36, 36, 97};
-constexpr std::uint32_t valid_classes = 0x37fff;
 
 constexpr std::uint32_t header = 16;
 constexpr std::uint32_t on_stack = 8192; /* entries of the check; more stand in a mapping */
@@ -26,21 +22,6 @@ std::string status_text(qerrno status)
 }
 
 } // namespace
-
-bool valid_class(std::uint32_t class_id)
-{
-    return class_id < 18 && (valid_classes >> class_id & 1) != 0;
-}
-
-std::uint32_t info_size_of(std::uint32_t class_id)
-{
-    return info_sizes[class_id];
-}
-
-std::uint32_t data_size_of(std::uint32_t class_id)
-{
-    return data_sizes[class_id];
-}
 
 /* --- the AC requests --------------------------------------------------------------------------------- */
 
@@ -110,7 +91,7 @@ qerrno model::ac_request(const ac_kind &kind, const step &s)
         return done(rc);
     }
     const std::size_t element =
-        4 + (kind.defns ? 616u : 0u) + (kind.infos ? std::size_t{info_size_of(class_id)} : 0u);
+        4 + (kind.defns ? 616u : 0u) + (kind.infos ? std::size_t{ac_classes::rows[class_id].info} : 0u);
     const std::size_t pieces = 2u + (kind.defns ? 1u : 0u) + (kind.infos ? 1u : 0u);
 
     for (std::uint32_t remaining = s.count; remaining > 0;) {
@@ -267,10 +248,10 @@ void model::dispatch(id client, const step &s)
         debug(self, "Receiving prov AC msg " + sizes);
         if (s.count == 0)
             return;
-        if (!valid_class(s.class_id))
+        if (!ac_classes::valid(s.class_id))
             return debug(self,
                          "Unable to get AC data size for class id " + std::to_string(of(client).class_id));
-        if (!holds(data_size_of(s.class_id)))
+        if (!holds(ac_classes::rows[s.class_id].data))
             return debug(self, "incorrect provision msg " + sizes);
         return provision(client, s);
     case L2VPN_AC_MSG_UNPROV:

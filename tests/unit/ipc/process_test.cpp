@@ -1,69 +1,21 @@
 /*
  * Client and server in processes of their own: killed servers, second servers, strangers.
  */
+#include "../../support/forked.h"
 #include "harness.h"
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 using namespace ipc_test;
+using system_test::forked;
 
 const test_environment s_environment;
-
-/* A child process, killed with its owner. Its exit status is what `work` returns. */
-class child {
-public:
-    explicit child(const std::function<int(int ready)> &work)
-    {
-        std::array<int, 2> ends{};
-        EXPECT_EQ(pipe(ends.data()), 0);
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(ends[0]);
-            _exit(work(ends[1]));
-        }
-        close(ends[1]);
-        ready_ = ends[0];
-    }
-    child(const child &) = delete;
-    child &operator=(const child &) = delete;
-    ~child()
-    {
-        kill_now();
-        close(ready_);
-    }
-
-    /* True when the child has written to its end of the pipe; false if it ended without. */
-    [[nodiscard]] bool is_ready() const
-    {
-        char told = 0;
-        return read(ready_, &told, 1) == 1;
-    }
-    void kill_now()
-    {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            wait();
-        }
-    }
-    int wait()
-    {
-        int status = -1;
-        waitpid(std::exchange(pid_, -1), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    pid_t pid_;
-    int ready_;
-};
 
 /* A server that sends back what it gets. */
 int serve(const std::string &service, int ready)
@@ -87,12 +39,12 @@ TEST_F(process_test, a_killed_server_is_missed_and_found_again)
     owner one(new_client(on, service), 5);
     ASSERT_EQ(one.start(), qerrno{EOK});
     for (size_t times = 1; times <= 3; ++times) {
-        child server([&](int ready) { return serve(service, ready); });
+        forked server([&](int ready) { return serve(service, ready); });
         ASSERT_TRUE(server.is_ready()) << "replaces the socket file of the one before";
         ASSERT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_CONNECTED) == times; }));
         ASSERT_EQ(one.send(message(1)), qerrno{EOK});
         ASSERT_TRUE(on.until([&] { return one.numbers().size() == times; }));
-        server.kill_now();
+        server.end();
         EXPECT_TRUE(std::filesystem::exists(socket_path(service))) << "killed servers do not tidy up";
         ASSERT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_DISCONNECTED) == times; }));
         EXPECT_EQ(one.send(message(2)), qerrno{ENOTCONN});
@@ -103,7 +55,7 @@ TEST_F(process_test, a_killed_servers_last_words_are_heard)
 {
     const loop on;
     owner one(new_client(on, service), 5);
-    child server([&](int ready) {
+    forked server([&](int ready) {
         const loop of_child;
         recording_server dying;
         dying.message_hook = [&](l2vpn_ipc_peer_t peer, uint32_t) {
@@ -121,7 +73,7 @@ TEST_F(process_test, a_killed_servers_last_words_are_heard)
     ASSERT_EQ(one.start(), qerrno{EOK});
     ASSERT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_CONNECTED) == 1; }));
     ASSERT_EQ(one.send(message(1)), qerrno{EOK});
-    EXPECT_EQ(server.wait(), -1);
+    EXPECT_EQ(server.wait(), -SIGKILL);
     EXPECT_EQ(one.send(message(2)), qerrno{ENOTCONN});
     ASSERT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_DISCONNECTED) == 1; }));
     EXPECT_EQ(one.numbers().size(), 100u);
@@ -133,7 +85,7 @@ TEST_F(process_test, a_second_server_process_is_told_off)
     const loop on;
     recording_server server;
     ASSERT_EQ(server.start(on, service), qerrno{EOK});
-    child second([&](int) {
+    forked second([&](int) {
         const loop of_child;
         recording_server other;
         return static_cast<int>(other.start(of_child, service));
@@ -162,7 +114,7 @@ TEST_F(process_test, a_client_without_permission_says_so_once_and_waits)
     if (geteuid() != 0) {
         ASSERT_EQ(chmod(socket_path(service).c_str(), 0), 0);
     }
-    child stranger([&](int ready) {
+    forked stranger([&](int ready) {
         drop_rights();
         const loop of_child;
         owner one(new_client(of_child, service), 5);
@@ -188,7 +140,7 @@ TEST_F(process_test, a_client_without_permission_says_so_once_and_waits)
 TEST_F(process_test, a_server_without_permission_names_the_path)
 {
     ASSERT_EQ(chmod(runtime_dir().c_str(), 0555), 0);
-    child stranger([&](int) {
+    forked stranger([&](int) {
         drop_rights();
         const loop of_child;
         recording_server server;
@@ -207,7 +159,7 @@ TEST_F(process_test, a_peer_is_the_process_that_connected)
     const loop on;
     recording_server server;
     ASSERT_EQ(server.start(on, service), qerrno{EOK});
-    child client([&](int ready) {
+    forked client([&](int ready) {
         const pid_t self = getpid();
         const loop of_child;
         owner one(new_client(of_child, service), 5);
@@ -222,7 +174,7 @@ TEST_F(process_test, a_peer_is_the_process_that_connected)
     EXPECT_NE(server.infos[0].pid, getpid());
     EXPECT_GT(server.infos[0].pid, 0);
     ASSERT_TRUE(client.is_ready());
-    client.kill_now();
+    client.end();
     ASSERT_TRUE(on.until([&] { return server.closed.size() == 1; }));
     EXPECT_EQ(server.closed[0].second, qerrno{EOK});
 }

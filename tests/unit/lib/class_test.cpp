@@ -1,13 +1,10 @@
 #include "l2vpn_ac_class.h"
 
+#include "../../support/ac_classes.h"
+
 #include <gtest/gtest.h>
 
 namespace {
-
-constexpr uint32_t info_sizes[18] = {20, 20, 20, 16, 16, 16, 200, 56, 2356,
-                                     96, 16, 24, 16, 16, 16, 20,  20, 200};
-constexpr uint32_t data_sizes[18] = {36,  36, 36, 32, 32, 32, 32, 76, 2680,
-                                     112, 32, 71, 32, 32, 32, 36, 36, 97};
 
 TEST(ac_class, all_but_15_below_18_are_valid)
 {
@@ -22,8 +19,8 @@ TEST(ac_class, rows_hold_their_sizes)
     for (uint32_t id = 0; id < 18; ++id) {
         if (const l2vpn_ac_class_row *const row = l2vpn_ac_class_find(id)) {
             EXPECT_EQ(row->class_id, id);
-            EXPECT_EQ(row->info_size, info_sizes[id]) << id;
-            EXPECT_EQ(row->data_size, data_sizes[id]) << id;
+            EXPECT_EQ(row->info_size, ac_classes::rows[id].info) << id;
+            EXPECT_EQ(row->data_size, ac_classes::rows[id].data) << id;
         }
     }
 }
@@ -35,9 +32,9 @@ TEST(ac_class, variable_sizes_leave_out_the_heads)
             continue;
         uint32_t size = 0;
         EXPECT_TRUE(l2vpn_get_var_ac_info_msg_size(id, &size));
-        EXPECT_EQ(size, info_sizes[id] - 16) << id;
+        EXPECT_EQ(size, ac_classes::rows[id].info - 16) << id;
         EXPECT_TRUE(l2vpn_get_var_ac_data_base_size(id, &size));
-        EXPECT_EQ(size, data_sizes[id] - 32) << id;
+        EXPECT_EQ(size, ac_classes::rows[id].data - 32) << id;
     }
 }
 
@@ -57,7 +54,7 @@ TEST(ac_class, classes_without_a_layout)
         if (const l2vpn_ac_class_row *const row = l2vpn_ac_class_find(id)) {
             EXPECT_EQ(row->encode_infos == nullptr, id == 9) << id;
             EXPECT_EQ(row->encode_acs == nullptr, id == 9) << id;
-            EXPECT_EQ(row->decode_data == nullptr, id == 7 || id == 9 || id == 17) << id;
+            EXPECT_EQ(row->decode_data == nullptr, !ac_classes::rows[id].decoded) << id;
         }
     }
 }
