@@ -55,16 +55,16 @@ std::vector<uint8_t> make_sound_file()
     head.pid = 4711;
     head.by = 1;
     head.slot_count = slot_count;
-    head.next = 7;
+    head.next = 6;
     head.records = 4;
     memcpy(file.data(), &head, sizeof head);
     const std::vector<uint8_t> join = {0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    std::vector<uint8_t> remove = {0, 0, 0, 3, 0, 0, 0, 6, 0, 0, 0, 100, 0, 0, 0, 0x30};
-    remove.resize(16 + 400, 7);
+    std::vector<uint8_t> remove = {0, 0, 0, 3, 0, 0, 0, 6, 0, 0, 0, 40, 0, 0, 0, 0x30};
+    remove.resize(16 + 160, 7); /* two slots */
     put_record(file, 0, 0, join);
     put_record(file, 1, 1, remove);
-    put_record(file, 4, 2, join);
-    put_record(file, 5, 3, remove);
+    put_record(file, 3, 2, remove);
+    put_record(file, 5, 3, join);
     return file;
 }
 
@@ -102,10 +102,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         std::vector<captured> records;
         reader.read(records);
         FUZZ_CHECK(records.size() <= content.size() / sizeof(slot));
-        for (const captured &record : records) {
-            const reading message = read(record);
-            FUZZ_CHECK(fuzz::is_plain(to_lines(record, message, detail::records, true)));
-            FUZZ_CHECK(nlohmann::json::accept(l2vpnd::to_line(describe(record, message, detail::records))));
+        for (size_t i = 0; i < records.size(); i++) { /* in turns: printing takes longer than reading */
+            const reading message = read(records[i]);
+            if (i % 2 == 0) {
+                FUZZ_CHECK(fuzz::is_plain(to_lines(records[i], message, detail::records, true)));
+            } else {
+                const std::string line = l2vpnd::to_line(describe(records[i], message, detail::records));
+                FUZZ_CHECK(nlohmann::json::accept(line));
+            }
         }
         static_cast<void>(reader.lost());
     } catch (const bad_file &bad) {

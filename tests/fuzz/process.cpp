@@ -193,7 +193,7 @@ private:
             acs += one->ac_count();
             records += one->mstp.records();
         }
-        FUZZ_CHECK(acs == process_.acs().size() && acs <= process_.options().max_acs);
+        FUZZ_CHECK(acs <= process_.options().max_acs && acs == process_.acs().size());
         FUZZ_CHECK(records == process_.mstp_budget().used && records <= process_.options().max_mstp);
     }
 
