@@ -13,6 +13,7 @@ namespace {
 using namespace pcapng;
 
 constexpr std::size_t most_interfaces = 4096;
+constexpr std::size_t read_at_once = std::size_t{64} << 10;
 
 struct interface {
     bool ours = false;
@@ -89,10 +90,13 @@ private:
         if (length < block_least || length % 4 != 0 || length > block_most) {
             damaged(at, "has an impossible length");
         }
-        body_.resize(length - 8);
-        std::copy_n(&head[8], 4, body_.begin());
-        if (length > block_least && !fill(std::span(body_).subspan(4), at)) {
-            return false;
+        body_.assign(head.begin() + 8, head.end());
+        while (body_.size() < length - 8) { /* by and by: a file need not hold what it tells of */
+            const std::size_t there = body_.size();
+            body_.resize(std::min<std::size_t>(length - 8, there + read_at_once));
+            if (!fill(std::span(body_).subspan(there), at)) {
+                return false;
+            }
         }
         if (number<std::uint32_t>(&body_[body_.size() - 4]) != length) {
             damaged(at, "has two lengths");

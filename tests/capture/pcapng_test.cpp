@@ -125,6 +125,31 @@ TEST_F(pcapng, a_file_cut_anywhere_gives_what_it_holds_and_says_where_it_ends)
     EXPECT_NE(read(whole.substr(0, whole.size() - 1)).summary.ends_early, "");
 }
 
+/* Which is read piece by piece. */
+TEST_F(pcapng, a_long_record_is_whole_or_the_file_breaks_off_in_it)
+{
+    captured one = record(1, 200'000);
+    for (size_t i = 0; i < one.message.size(); i++) {
+        one.message[i] = static_cast<uint8_t>(i * 31 / 7);
+    }
+    pcapng_writer writer(m_path, false, "test");
+    writer.add_interface("l2vpnd-1");
+    writer.add(0, one, 0);
+    writer.place();
+    const std::string whole = system_test::read_file(m_path);
+    const outcome got = read(whole);
+    ASSERT_EQ(got.records.size(), 1U);
+    EXPECT_EQ(got.records[0].message, one.message);
+    EXPECT_EQ(got.summary.ends_early, "");
+    for (size_t length = whole.size() - 1; length > whole.size() - 200'000; length -= 1021) {
+        const outcome cut = read(whole.substr(0, length));
+        EXPECT_EQ(cut.refusal, "");
+        EXPECT_EQ(cut.records.size(), 0U);
+        EXPECT_TRUE(cut.summary.ends_early.starts_with("breaks off at byte " + std::to_string(length) + ","))
+            << cut.summary.ends_early;
+    }
+}
+
 TEST_F(pcapng, the_other_byte_order_and_other_clocks_are_read)
 {
     using namespace std::string_literals;
