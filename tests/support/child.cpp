@@ -2,15 +2,18 @@
 
 #include "temp_folder.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <thread>
@@ -40,8 +43,9 @@ std::vector<char *> pointers(std::vector<std::string> &texts)
 [[noreturn]] void become(pid_t parent, const char *out, const char *err, char *const *argv, char *const *envp)
 {
     constexpr int flags = O_WRONLY | O_CREAT | O_APPEND;
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent &&
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) >= 0 &&
+    constexpr rlimit no_core{0, 0};
+    if (setrlimit(RLIMIT_CORE, &no_core) == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 &&
+        getppid() == parent && dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) >= 0 &&
         dup2(open(out, flags, S_IRUSR | S_IWUSR), STDOUT_FILENO) >= 0 &&
         dup2(open(err, flags, S_IRUSR | S_IWUSR), STDERR_FILENO) >= 0) {
         execve(argv[0], argv, envp);
@@ -129,6 +133,23 @@ std::string child::err() const
 bool child::says(const std::string &text) const
 {
     return eventually([&] { return out().find(text) != std::string::npos; });
+}
+
+std::string child::line_after(const std::string &text)
+{
+    std::optional<std::string> found;
+    (void)eventually([&] {
+        const bool ended = !running();
+        const std::string all = out();
+        const std::size_t begin = std::min(all.find(text), all.size());
+        const std::size_t end = all.find('\n', begin);
+        if (end != std::string::npos)
+            found = all.substr(begin + text.size(), end - begin - text.size());
+        return found || ended;
+    });
+    if (!found)
+        throw std::runtime_error("no line \"" + text + "\": " + out() + err());
+    return *found;
 }
 
 bool child::reap(bool block)

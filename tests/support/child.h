@@ -50,7 +50,10 @@ public:
     std::string out() const;
     std::string err() const;
     bool says(const std::string &text) const; // waits until standard output has it
+    // Waits until standard output has a whole line with this in it, and returns what is behind it there.
+    std::string line_after(const std::string &text);
     bool running();
+    pid_t pid() const { return pid_; }
     void send_signal(int signal);
     // Its exit status; -signal when a signal ended it; -1000 when it had to be killed after `limit`.
     int wait(seconds limit = patience);

@@ -196,11 +196,11 @@ TEST(debug_context, is_there_after_the_initialisation)
 
 TEST(debug_environment, opens_the_sink_at_the_first_text)
 {
-    const auto result = child_test::run({PROBE, "debug"}, {"L2VPN_DEBUG=stderr"});
-    EXPECT_EQ(result.code(), 0);
+    const auto result = system_test::run(PROBE, {"debug"}, {"L2VPN_DEBUG=stderr"});
+    EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.err, AllOf(HasSubstr("debug 1094 a_function:7: text 5\n"),
                                   HasSubstr("syslog 6 ?:0: to the log: 1f\n")));
-    EXPECT_THAT(child_test::run({PROBE, "debug"}).err, IsEmpty());
+    EXPECT_THAT(system_test::run(PROBE, {"debug"}).err, IsEmpty());
 }
 
 } // namespace

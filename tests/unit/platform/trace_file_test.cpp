@@ -2,6 +2,7 @@
 #include "child.h"
 #include "trace/format.h"
 
+#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <fstream>
@@ -10,7 +11,9 @@
 
 namespace {
 
-using namespace child_test;
+using system_test::child;
+using system_test::run;
+using system_test::temp_dir;
 using namespace l2vpn::trace;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -21,10 +24,10 @@ protected:
     /* A good file, made by a process that was then killed. */
     void SetUp() override
     {
-        child writer({PROBE, "trace-and-wait", "10"}, {"L2VPN_TRACE=" + path, "L2VPN_TRACE_SIZE=64"});
+        child writer(PROBE, {"trace-and-wait", "10"}, {"L2VPN_TRACE=" + path, "L2VPN_TRACE_SIZE=64"});
         writer.line_after("ready ");
-        writer.kill(SIGKILL);
-        EXPECT_EQ(writer.wait().signal(), SIGKILL);
+        writer.send_signal(SIGKILL);
+        EXPECT_EQ(writer.wait(), -SIGKILL);
         std::ifstream file(path, std::ios::binary);
         bytes.assign(std::istreambuf_iterator<char>(file), {});
         ASSERT_EQ(bytes.size(), records_offset + 64 * 1024);
@@ -43,33 +46,32 @@ protected:
         write(bytes);
     }
 
-    outcome read(std::vector<std::string> options = {})
+    system_test::result read(std::vector<std::string> options = {})
     {
-        options.insert(options.begin(), L2VPN_TRACE);
         options.push_back(path);
-        return run(options);
+        return run(L2VPN_TRACE, options);
     }
 
     /* The one line about a file that cannot be read. */
     void expect_refused(const std::string &why)
     {
         for (const char *option : {"--json", "--locks"}) {
-            const outcome result = read({option});
-            EXPECT_EQ(result.code(), 1);
+            const auto result = read({option});
+            EXPECT_EQ(result.status, 1);
             EXPECT_EQ(result.err, "l2vpn-trace: " + path + ": " + why + "\n");
             EXPECT_THAT(result.out, IsEmpty());
         }
     }
 
-    directory place;
-    std::string path = place / "trace";
+    temp_dir place;
+    std::string path = place.file("trace");
     std::string bytes;
 };
 
 TEST_F(trace_files, the_trace_of_a_killed_process_is_printed)
 {
-    const outcome result = read();
-    EXPECT_EQ(result.code(), 0);
+    const auto result = read();
+    EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.err, IsEmpty());
     EXPECT_THAT(result.out, MatchesRegex("platform_probe\\[[0-9]+\\], since "
                                          "[0-9-]+T[0-9:.]+Z\n"
@@ -80,8 +82,8 @@ TEST_F(trace_files, the_trace_of_a_killed_process_is_printed)
 
 TEST_F(trace_files, the_locks_of_a_killed_process_are_printed)
 {
-    const outcome result = read({"--locks"});
-    EXPECT_EQ(result.code(), 0);
+    const auto result = read({"--locks"});
+    EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.out, MatchesRegex("(.|\n)* 1 +0 [^\n]*done_waiting:1\n(.|\n)*"));
     EXPECT_THAT(result.out, MatchesRegex("(.|\n)* 0 +1 [^\n]*still_waiting:2\n(.|\n)*"));
 }
@@ -104,7 +106,7 @@ TEST_F(trace_files, what_is_none_is_called_none)
     expect_refused("not a trace file");
     path = place.path();
     expect_refused("is a directory, not a trace file");
-    path = place / "nothing";
+    path = place.file("nothing");
     expect_refused("No such file or directory");
 }
 
@@ -148,8 +150,8 @@ TEST_F(trace_files, damaged_records_are_counted_and_the_others_printed)
     patch(second + offsetof(record, kind), std::uint16_t{99});
     patch(third + offsetof(record, used), std::uint8_t{200});
     patch(third + sizeof(record) + offsetof(record, sequence), written(1'000'000));
-    const outcome result = read();
-    EXPECT_EQ(result.code(), 0);
+    const auto result = read();
+    EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.out, HasSubstr("the last 6 are here, 0 lost, 4 incomplete or damaged\n"));
     EXPECT_THAT(result.out, HasSubstr("record 4 of the probe"));
 }
@@ -162,7 +164,7 @@ TEST_F(trace_files, a_damaged_text_does_no_harm)
                     '%', sizeof(l2vpn::trace::text::bytes));
     }
     write(bytes);
-    EXPECT_EQ(read().code(), 0);
+    EXPECT_EQ(read().status, 0);
     patch(records_offset + offsetof(record, format), std::uint16_t{0xFFFF});
     EXPECT_THAT(read().out, HasSubstr("(format not known)"));
 }
@@ -179,35 +181,34 @@ TEST_F(trace_files, noise_is_read_or_refused)
         }
         write(bytes);
         for (const char *option : {"--json", "--locks"}) {
-            EXPECT_EQ(read({option}).code(), 0);
+            EXPECT_EQ(read({option}).status, 0);
         }
-        EXPECT_EQ(read().code(), 0);
+        EXPECT_EQ(read().status, 0);
     }
 }
 
 TEST_F(trace_files, a_wrong_command_line_is_one_line)
 {
-    for (const std::vector<std::string> &wrong :
-         {std::vector<std::string>{L2VPN_TRACE}, {L2VPN_TRACE, "--what", "x"}, {L2VPN_TRACE, "a", "b"}}) {
-        const outcome result = run(wrong);
-        EXPECT_EQ(result.code(), 2);
+    for (const std::vector<std::string> &wrong : {std::vector<std::string>{}, {"--what", "x"}, {"a", "b"}}) {
+        const auto result = run(L2VPN_TRACE, wrong);
+        EXPECT_EQ(result.status, 2);
         EXPECT_THAT(result.err, MatchesRegex("l2vpn-trace: [^\n]+\n"));
     }
 }
 
 TEST_F(trace_files, help_and_version_are_asked_for)
 {
-    const outcome help = run({L2VPN_TRACE, "--help"});
-    EXPECT_EQ(help.code(), 0);
+    const auto help = run(L2VPN_TRACE, {"--help"});
+    EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.err, IsEmpty());
     for (const char *said : {"FILE", "--locks", "--json", "--version", "Exit status: 0 "}) {
         EXPECT_THAT(help.out, HasSubstr(said));
     }
-    const outcome version = run({L2VPN_TRACE, "--version"});
-    EXPECT_EQ(version.code(), 0);
+    const auto version = run(L2VPN_TRACE, {"--version"});
+    EXPECT_EQ(version.status, 0);
     EXPECT_THAT(version.out, MatchesRegex("l2vpn-trace [0-9.]+\n"));
-    const outcome full = run({"/bin/sh", "-c", std::string(L2VPN_TRACE " '") + path + "' > /dev/full"});
-    EXPECT_EQ(full.code(), 1);
+    const auto full = run("/bin/sh", {"-c", std::string(L2VPN_TRACE " '") + path + "' > /dev/full"});
+    EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.err, "l2vpn-trace: cannot write the output\n");
 }
 

@@ -14,8 +14,8 @@ using l2vpn::trace::ring;
 /* Rings that are put aside stay mapped while somebody may still write to them. */
 TEST(trace_ring, that_is_put_aside_leaves_its_file_to_the_next)
 {
-    const child_test::directory place;
-    const std::string path = place / "file.trace";
+    const system_test::temp_dir place;
+    const std::string path = place.file("file.trace");
     qerrno cause = EOK;
     std::string problem;
     const std::unique_ptr<ring> first = ring::create(path, 64 * 1024, cause, problem);

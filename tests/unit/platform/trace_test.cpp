@@ -9,9 +9,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <set>
 #include <thread>
+#include <unistd.h>
 
 /* Takes the C library's place, so that a test can have a full disk. */
 namespace {
@@ -61,8 +64,8 @@ protected:
         return names;
     }
 
-    child_test::directory place;
-    std::string path = place / "trace";
+    system_test::temp_dir place;
+    std::string path = place.file("trace");
 };
 
 TEST_F(trace, is_off_by_default)
@@ -216,14 +219,14 @@ TEST_F(trace, switching_while_others_write)
         });
     }
     for (int round = 0; round < 50; ++round) {
-        EXPECT_EQ(platform_trace_set((place / std::to_string(round % 3)).c_str()), EOK);
+        EXPECT_EQ(platform_trace_set(place.file(std::to_string(round % 3)).c_str()), EOK);
         EXPECT_EQ(platform_trace_set("off"), EOK);
     }
     over = true;
     for (std::thread &thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(read_file(place / "0").damaged, 0U);
+    EXPECT_EQ(read_file(place.file("0")).damaged, 0U);
 }
 
 TEST_F(trace, shows_where_threads_wait_for_locks)
@@ -258,15 +261,15 @@ TEST_F(trace, a_full_disk_is_one_line_and_no_trace)
 TEST_F(trace, a_directory_that_is_not_there_is_one_line_and_no_trace)
 {
     std::string said;
-    EXPECT_EQ(set(place / "no/trace", said), static_cast<qerrno>(ENOENT));
-    EXPECT_EQ(said, "l2vpn: no trace: " + (place / "no/trace") + ": No such file or directory\n");
+    EXPECT_EQ(set(place.file("no/trace"), said), static_cast<qerrno>(ENOENT));
+    EXPECT_EQ(said, "l2vpn: no trace: " + place.file("no/trace") + ": No such file or directory\n");
 }
 
 TEST_F(trace, a_failure_leaves_the_ring_in_use)
 {
     switch_on();
     std::string said;
-    EXPECT_EQ(set(place / "no/trace", said), static_cast<qerrno>(ENOENT));
+    EXPECT_EQ(set(place.file("no/trace"), said), static_cast<qerrno>(ENOENT));
     EXPECT_EQ(platform_trace_path(), path);
     gen_ltrace(1, "goes on");
     EXPECT_EQ(read_file(path).begun, 1U);

@@ -7,9 +7,11 @@
 
 #include <cstddef>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <functional>
 #include <gmock/gmock.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 /* Takes the C library's place, so that a test can do something between the reads of a reader. */
 namespace {
@@ -46,8 +48,8 @@ protected:
         EXPECT_EQ(platform_trace_set("off"), EOK);
     }
 
-    child_test::directory place;
-    std::string path = place / "trace";
+    system_test::temp_dir place;
+    std::string path = place.file("trace");
 };
 
 TEST_F(trace_text, is_known_when_it_is_new_while_the_file_is_read)

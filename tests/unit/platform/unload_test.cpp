@@ -3,8 +3,12 @@
 
 #include <platform/config.h>
 
+#include <csignal>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -21,8 +25,8 @@ void trace_and_close(const std::string &path)
 
 TEST(unload_DeathTest, an_abort_afterwards_is_still_an_abort_and_names_the_trace)
 {
-    const child_test::directory place;
-    const std::string path = place / "trace";
+    const system_test::temp_dir place;
+    const std::string path = place.file("trace");
     EXPECT_EXIT(
         {
             trace_and_close(path);
@@ -33,10 +37,10 @@ TEST(unload_DeathTest, an_abort_afterwards_is_still_an_abort_and_names_the_trace
 
 TEST(unload_DeathTest, a_fork_and_an_exit_afterwards_do_no_harm)
 {
-    const child_test::directory place;
+    const system_test::temp_dir place;
     EXPECT_EXIT(
         {
-            trace_and_close(place / "trace");
+            trace_and_close(place.file("trace"));
             const pid_t forked = ::fork();
             if (forked == 0) {
                 ::_exit(0);
