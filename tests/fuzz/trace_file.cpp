@@ -114,7 +114,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     fuzz::input in(data, size);
     const uint8_t output = in.u8() % 4;
-    std::vector<uint8_t> content = sound;
+    static std::vector<uint8_t> content;
+    content = sound;
     while (!in.empty())
         change(content, in);
     file.hold(content);
