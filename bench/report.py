@@ -122,7 +122,8 @@ def process_text(run):
     for figure in run.all.get("process", []):
         yield (f"{figure['acs']:,} ACs of class 0 to l2vpnd: the owner's create took "
                f"{figure['send_ms']:.0f} ms, of which {figure['send_cpu_ms']:.0f} ms of its own; the process needed "
-               f"{figure['store_cpu_ms']:.0f} ms of its own, and {figure['bytes_per_ac']:.0f} bytes an AC.")
+               f"{figure['store_cpu_ms']:.0f} ms of its own ({figure['store_user_ms']:.0f} in the program, "
+               f"{figure['store_system_ms']:.0f} in the kernel), and {figure['bytes_per_ac']:.0f} bytes an AC.")
 
 
 def measured(run):
