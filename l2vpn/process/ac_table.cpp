@@ -7,30 +7,28 @@ namespace l2vpnd {
 
 namespace {
 
-constexpr uint32_t chunk_slots = 256;
 constexpr size_t smallest_index = 64;
 
-/* Handles often count up, so the hash mixes well; owners choose them, so it is seeded. */
-uint32_t hash_of(uint32_t node, uint32_t handle)
+uint64_t random_seed()
 {
     static const uint64_t seed = (uint64_t{std::random_device{}()} << 32) | std::random_device{}();
-    uint64_t x = ((uint64_t{node} << 32) | handle) ^ seed;
-    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9u;
-    x = (x ^ (x >> 27)) * 0x94d049bb133111ebu;
-    return static_cast<uint32_t>(x ^ (x >> 31));
+    return seed;
 }
 
 } // namespace
 
 ac_store::ac_store(uint32_t info_size)
-    : m_info_size(info_size),
-      m_stride((static_cast<uint32_t>(sizeof(ac_head)) + defn_len + info_size + 3) / 4 * 4)
+    : m_info_size(info_size), m_seed(random_seed()), m_contents(defn_len + info_size)
 {
 }
 
-uint8_t *ac_store::place(uint32_t slot) const
+/* Handles often count up, so the hash mixes well; owners choose them, so it is seeded. */
+uint32_t ac_store::hash_of(uint32_t node, uint32_t handle) const
 {
-    return m_chunks[slot / chunk_slots].get() + static_cast<size_t>(slot % chunk_slots) * m_stride;
+    uint64_t x = ((uint64_t{node} << 32) | handle) ^ m_seed;
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9u;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebu;
+    return static_cast<uint32_t>(x ^ (x >> 31));
 }
 
 /* The entry of an AC, or the free one where it belongs. The index is never full. */
@@ -53,6 +51,13 @@ size_t ac_store::probe(uint32_t hash, uint32_t node, uint32_t handle) const
 uint32_t ac_store::find(uint32_t node, uint32_t handle) const
 {
     return m_index.empty() ? no_slot : m_index[probe(hash_of(node, handle), node, handle)].slot;
+}
+
+void ac_store::expect(uint32_t node, uint32_t handle) const
+{
+    if (!m_index.empty()) {
+        __builtin_prefetch(&m_index[hash_of(node, handle) & (m_index.size() - 1)], 1);
+    }
 }
 
 void ac_store::grow_index(size_t entries)
@@ -80,10 +85,8 @@ void ac_store::reserve(uint32_t more)
     if (entries != m_index.size()) {
         grow_index(entries);
     }
-    while (wanted > m_chunks.size() * chunk_slots) {
-        m_chunks.push_back(
-            std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(chunk_slots) * m_stride));
-    }
+    m_heads.reserve(wanted);
+    m_contents.reserve(wanted);
 }
 
 uint32_t ac_store::take_slot()
@@ -98,12 +101,11 @@ uint32_t ac_store::take_slot()
 
 uint32_t ac_store::insert(uint32_t node, uint32_t handle, uint32_t owner)
 {
-    reserve(1);
     const uint32_t slot = take_slot();
     const uint32_t hash = hash_of(node, handle);
     m_index[probe(hash, node, handle)] = {slot, hash};
-    new (place(slot)) ac_head{node,  handle, owner,           no_slot, no_slot, 0, 0, 0, ac_stage::settled,
-                              false, false,  ac_asker::nobody};
+    new (m_heads.at(slot)) ac_head{
+        node, handle, owner, no_slot, no_slot, 0, 0, 0, ac_stage::settled, false, false, ac_asker::nobody};
     m_count++;
     return slot;
 }
@@ -134,20 +136,20 @@ void ac_store::release()
 {
     m_slots = 0;
     m_free = no_slot;
-    m_chunks.clear();
-    m_chunks.shrink_to_fit();
+    m_heads.release();
+    m_contents.release();
     m_index.clear();
     m_index.shrink_to_fit();
 }
 
 void ac_store::set_definition(uint32_t slot, bytes definition)
 {
-    memcpy(place(slot) + sizeof(ac_head), definition.data(), defn_len);
+    memcpy(m_contents.at(slot), definition.data(), defn_len);
 }
 
 void ac_store::set_info(uint32_t slot, bytes info)
 {
-    memcpy(place(slot) + sizeof(ac_head) + defn_len, info.data(), m_info_size);
+    memcpy(m_contents.at(slot) + defn_len, info.data(), m_info_size);
 }
 
 void ac_store::append(ac_list &list, uint32_t slot)
@@ -168,9 +170,21 @@ void ac_store::remove(ac_list &list, uint32_t slot)
     list.count--;
 }
 
+void ac_store::splice(ac_list &to, ac_list &from)
+{
+    if (from.count == 0) {
+        return;
+    }
+    head(from.first).previous = to.last;
+    (to.last == no_slot ? to.first : head(to.last).next) = from.first;
+    to.last = from.last;
+    to.count += from.count;
+    from = {};
+}
+
 uint64_t ac_store::memory() const
 {
-    return m_chunks.size() * chunk_slots * uint64_t{m_stride} + m_index.capacity() * sizeof(entry);
+    return m_heads.memory() + m_contents.memory() + m_index.capacity() * sizeof(entry);
 }
 
 ac_table::ac_table(uint32_t max_acs) : m_max_acs(max_acs)

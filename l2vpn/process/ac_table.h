@@ -2,14 +2,14 @@
  * The ACs, by node, class and handle.
  *
  * One store a class, because ACs of one class are all of one size. In a store every AC has a slot: a head of 36
- * bytes, the definition and the info message, both exactly as they came. Slots stand in chunks that never
- * move, so a slot number names an AC for its life and a reader can page through a store by slot number
- * while ACs come and go. A hash index of 8 bytes an entry (slot and hash, linear probing, at most three
- * quarters full) finds an AC by node and handle without touching any other slot.
+ * bytes, and apart from it, because heads are looked at far more often, the definition and the info message, both
+ * exactly as they came. Slots never move, so a slot number names an AC for its life and a reader can page through a
+ * store by slot number while ACs come and go. A hash index of 8 bytes an entry (slot and hash, linear probing, at
+ * most three quarters full) finds an AC by node and handle without touching any other slot.
  *
  * Memory per AC: 36 + 616 + info size, and 11 to 22 bytes of the index: 679 to 690 bytes for a class with a
- * head only, 3,019 to 3,030 for class 8. Nine of them are for `explain` alone: created, message, asker. Chunks
- * are reused, and returned when a class has no AC left.
+ * head only, 3,019 to 3,030 for class 8. Nine of them are for `explain` alone: created, message, asker. Slots
+ * are reused, and their memory is returned when a class has no AC left.
  *
  * The ACs of one owner are chained into lists through their heads; an AC is on exactly one list at a time.
  * Everything belongs to the event manager's thread.
@@ -18,9 +18,9 @@
 #define L2VPND_AC_TABLE_H
 
 #include "decoder.h"
+#include "slot_array.h"
 
 #include <array>
-#include <memory>
 #include <vector>
 
 namespace l2vpnd {
@@ -68,24 +68,29 @@ public:
 
     uint32_t find(uint32_t node, uint32_t handle) const; /* no_slot: not there */
 
+    /* Asks for the memory that find() or insert() of this AC will look at first, a few ACs before it does. */
+    void expect(uint32_t node, uint32_t handle) const;
+
     /* Makes room for `more` ACs, so that as many inserts do not throw. Throws bad_alloc, with nothing lost. */
     void reserve(uint32_t more);
 
-    /* A slot for an AC that is not there yet: on no list, its bytes undefined. */
+    /* A slot for an AC that is not there yet and that there is room for: on no list, its bytes undefined. */
     uint32_t insert(uint32_t node, uint32_t handle, uint32_t owner);
 
     /* Takes an AC out, which is on no list or on one that is not used any more. */
     void erase(uint32_t slot);
 
-    ac_head &head(uint32_t slot) { return *reinterpret_cast<ac_head *>(place(slot)); }
-    const ac_head &head(uint32_t slot) const { return *reinterpret_cast<const ac_head *>(place(slot)); }
-    bytes definition(uint32_t slot) const { return {place(slot) + sizeof(ac_head), defn_len}; }
-    bytes info(uint32_t slot) const { return {place(slot) + sizeof(ac_head) + defn_len, m_info_size}; }
+    ac_head &head(uint32_t slot) { return *reinterpret_cast<ac_head *>(m_heads.at(slot)); }
+    const ac_head &head(uint32_t slot) const { return *reinterpret_cast<const ac_head *>(m_heads.at(slot)); }
+    bytes definition(uint32_t slot) const { return {m_contents.at(slot), defn_len}; }
+    bytes info(uint32_t slot) const { return {m_contents.at(slot) + defn_len, m_info_size}; }
     void set_definition(uint32_t slot, bytes definition);
     void set_info(uint32_t slot, bytes info);
 
     void append(ac_list &list, uint32_t slot);
     void remove(ac_list &list, uint32_t slot);
+    /* Moves all of `from` to the end of `to`. */
+    void splice(ac_list &to, ac_list &from);
 
     uint32_t size() const { return m_count; }
     uint32_t slots() const { return m_slots; } /* slots ever used: all ACs are below */
@@ -98,18 +103,19 @@ private:
         uint32_t hash;
     };
 
-    uint8_t *place(uint32_t slot) const;
+    uint32_t hash_of(uint32_t node, uint32_t handle) const;
     uint32_t take_slot();
     size_t probe(uint32_t hash, uint32_t node, uint32_t handle) const;
     void grow_index(size_t entries);
     void release();
 
     uint32_t m_info_size;
-    uint32_t m_stride;
+    uint64_t m_seed; /* of the hash */
     uint32_t m_count = 0;
     uint32_t m_slots = 0;
     uint32_t m_free = no_slot;
-    std::vector<std::unique_ptr<uint8_t[]>> m_chunks;
+    slot_array m_heads{sizeof(ac_head)};
+    slot_array m_contents;
     std::vector<entry> m_index; /* a power of two */
 };
 

@@ -126,6 +126,7 @@ private:
     void end_batches(owner &from, uint32_t type, const batch_step &step);
     void end_batch(owner &of, uint32_t type);
     bool fits(const owner &from, const message &msg) const;
+    uint32_t handle_at(const owner &from, const message &msg, uint32_t i) const;
     uint32_t claim(owner &from, uint32_t handle, uint32_t now, uint32_t number);
     uint32_t find_own(const owner &from, uint32_t handle) const;
     void settle(owner &of);

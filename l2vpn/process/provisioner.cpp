@@ -53,14 +53,16 @@ void l2vpn_process::want(owner &of, uint32_t slot, bool provisioned, ac_asker as
 void l2vpn_process::settle(owner &of)
 {
     const bool provision = m_options.auto_provision && can_provision(of);
-    ac_list &list = of.list(ac_stage::batched);
-    while (list.count > 0) {
-        if (provision) {
-            want(of, list.first, true, ac_asker::automatic);
-        } else {
-            move(of, list.first, ac_stage::settled);
-        }
+    const ac_stage stage = provision ? ac_stage::waiting : ac_stage::settled;
+    ac_store &store = m_acs.store(of.info.class_id);
+    ac_list &batched = of.list(ac_stage::batched);
+    for (uint32_t slot = batched.first; slot != no_slot; slot = store.head(slot).next) {
+        ac_head &ac = store.head(slot);
+        ac.stage = stage;
+        ac.wanted = provision;
+        ac.asker = provision ? ac_asker::automatic : ac_asker::nobody;
     }
+    store.splice(of.list(stage), batched);
     send_waiting(of);
 }
 

@@ -4,6 +4,7 @@
 #include "ac_table.h"
 #include "support.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -132,6 +133,69 @@ TEST(ac_store, lists_keep_order_and_lose_any_member)
     EXPECT_EQ(list.first, no_slot);
     EXPECT_EQ(list.last, no_slot);
     EXPECT_EQ(list.count, 0U);
+}
+
+TEST(ac_store, a_list_goes_to_the_end_of_another_whole)
+{
+    ac_store store(20);
+    ac_list settled;
+    ac_list batched;
+    const auto fill = [&](ac_list &list, uint32_t first, uint32_t last) {
+        for (uint32_t handle = first; handle <= last; handle++) {
+            store.append(list, add(store, 1, handle));
+        }
+    };
+    fill(batched, 1, 3);
+    store.splice(settled, batched);
+    EXPECT_EQ(walk(store, settled), (std::vector<uint32_t>{1, 2, 3})) << "to one that was empty";
+    EXPECT_EQ(batched.count, 0U);
+    EXPECT_EQ(walk(store, batched), std::vector<uint32_t>{});
+
+    fill(batched, 4, 5);
+    store.splice(settled, batched);
+    store.splice(settled, batched);
+    EXPECT_EQ(walk(store, settled), (std::vector<uint32_t>{1, 2, 3, 4, 5})) << "an empty one changes nothing";
+    EXPECT_EQ(settled.count, 5U);
+
+    fill(batched, 6, 6);
+    store.remove(settled, store.find(1, 4));
+    store.remove(settled, store.find(1, 3));
+    store.remove(settled, store.find(1, 5));
+    store.splice(settled, batched);
+    EXPECT_EQ(walk(store, settled), (std::vector<uint32_t>{1, 2, 6})) << "and both ways it is one list";
+    store.remove(settled, store.find(1, 6));
+    store.append(settled, store.find(1, 5));
+    EXPECT_EQ(walk(store, settled), (std::vector<uint32_t>{1, 2, 5}));
+}
+
+TEST(slot_array, keeps_every_slot_where_it_is_and_apart_from_others)
+{
+    constexpr uint32_t slots = 150'000; /* with 636 bytes, beyond where arenas grow no more */
+    for (const uint32_t size : {8U, 636U}) {
+        slot_array array(size);
+        std::vector<const uint8_t *> places;
+        for (uint32_t slot = 0; slot < slots; slot++) {
+            array.reserve(slot + 1);
+            places.push_back(array.at(slot));
+            memcpy(array.at(slot), &slot, sizeof slot);
+            memcpy(array.at(slot) + size - sizeof slot, &slot, sizeof slot);
+        }
+        EXPECT_EQ(array.memory(), uint64_t{slots} * size);
+        for (uint32_t slot = 0; slot < slots; slot++) {
+            uint32_t first = 0;
+            uint32_t last = 0;
+            memcpy(&first, array.at(slot), sizeof first);
+            memcpy(&last, array.at(slot) + size - sizeof last, sizeof last);
+            ASSERT_EQ(array.at(slot), places[slot]);
+            ASSERT_EQ(first, slot);
+            ASSERT_EQ(last, slot);
+        }
+        array.release();
+        EXPECT_EQ(array.memory(), 0U);
+        array.reserve(1);
+        array.at(0)[size - 1] = 1;
+        EXPECT_EQ(array.memory(), size) << "it can be used again";
+    }
 }
 
 TEST(ac_table, has_a_store_of_the_right_size_for_every_class)

@@ -3,6 +3,7 @@
  */
 #include "support.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <limits>
@@ -17,14 +18,14 @@ namespace {
 constexpr uint64_t never = std::numeric_limits<uint64_t>::max();
 uint64_t allocations_left = never;
 
-void *allocate(size_t size)
+void *allocate(size_t size, size_t alignment = alignof(std::max_align_t))
 {
     if (allocations_left == 0) {
         throw std::bad_alloc();
     }
     allocations_left -= allocations_left != never ? 1 : 0;
-    void *memory = std::malloc(size != 0 ? size : 1);
-    if (memory == nullptr) {
+    void *memory = nullptr;
+    if (posix_memalign(&memory, alignment, size != 0 ? size : 1) != 0) {
         throw std::bad_alloc();
     }
     return memory;
@@ -61,6 +62,14 @@ void *operator new(size_t size)
 void *operator new[](size_t size)
 {
     return allocate(size);
+}
+void *operator new(size_t size, std::align_val_t alignment)
+{
+    return allocate(size, static_cast<size_t>(alignment));
+}
+void operator delete(void *memory, std::align_val_t /*alignment*/) noexcept
+{
+    std::free(memory);
 }
 void operator delete(void *memory) noexcept
 {
@@ -126,4 +135,31 @@ TEST(without_memory, a_batch_ends_though_its_last_message_is_dropped)
         ASSERT_LT(allocations, 1000U);
     }
     EXPECT_GT(drops, 0U) << "the failures were there";
+}
+
+TEST(without_memory, room_for_slots_is_made_whole_or_nothing_is_lost)
+{
+    constexpr uint32_t slots = 20'000; /* arenas of all kinds */
+    uint64_t allocations = 0;
+    for (bool enough = false; !enough; allocations++) {
+        slot_array array(636);
+        array.reserve(1);
+        array.at(0)[0] = 0xac;
+        const uint8_t *place = array.at(0);
+        allocations_left = allocations;
+        try {
+            array.reserve(slots);
+            enough = true;
+        } catch (const std::bad_alloc &) {
+            EXPECT_EQ(array.memory(), 636U) << allocations;
+        }
+        allocations_left = never;
+        array.reserve(slots);
+        EXPECT_EQ(array.memory(), uint64_t{slots} * 636) << allocations;
+        EXPECT_EQ(array.at(0), place) << allocations;
+        EXPECT_EQ(array.at(0)[0], 0xac) << allocations;
+        array.at(slots - 1)[635] = 1;
+        ASSERT_LT(allocations, 1000U);
+    }
+    EXPECT_GT(allocations, 5U) << "the failures were there";
 }
