@@ -14,6 +14,8 @@
 namespace l2vpn::capture {
 namespace {
 
+constexpr std::size_t ready_at_once = std::size_t{16} << 20; // a few milliseconds
+
 std::uint64_t time_of(clockid_t clock) noexcept
 {
     struct timespec time {};
@@ -77,6 +79,10 @@ std::unique_ptr<ring> ring::create(const std::string &path, observer by, std::ui
         std::memcpy(map.data(), &head, sizeof head);
     };
     trace::mapped_file made = trace::make_mapped(trace::ring_file, path, file_size, begin, cause, problem);
+    if (!made.map.empty()) {
+        // The space is taken already; the pages would be met one by one, by the first messages.
+        (void)::madvise(made.map.data(), std::min(made.map.size(), ready_at_once), MADV_POPULATE_WRITE);
+    }
     return made.map.empty() ? nullptr : std::unique_ptr<ring>(new ring(path, std::move(made), snap));
 }
 
