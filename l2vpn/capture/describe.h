@@ -24,10 +24,12 @@ struct reading {
     const l2vpnd::message_row *row = nullptr; /* null: its type has no name */
     std::uint32_t type = 0;
     std::uint32_t words[2] = {0, 0}; /* the header's third and fourth */
-    std::uint32_t count = 0;         /* ACs or records; 0 in a message that is malformed */
+    std::uint32_t count = 0;         /* ACs or records; 0 where a fault leaves open where they are */
     std::vector<section> sections;
     const char *fault = nullptr; /* why it is malformed */
     bool is_cut = false;         /* not all of it was kept */
+
+    [[nodiscard]] bool is_sound() const { return row != nullptr && fault == nullptr; }
 };
 
 [[nodiscard]] reading read(const captured &what);

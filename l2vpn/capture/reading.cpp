@@ -39,6 +39,21 @@ std::uint64_t length_of(const std::vector<section> &sections, std::uint64_t coun
     return length;
 }
 
+/* As far as it was kept. */
+bool names_no_ac(const captured &what, const reading &message)
+{
+    for (std::uint32_t i = 0; i < message.count; i++) {
+        const std::optional<std::uint32_t> handle = handle_in(what, message, i);
+        if (!handle) {
+            break;
+        }
+        if (*handle == 0 || *handle == l2vpnd::no_handle) {
+            return true;
+        }
+    }
+    return false;
+}
+
 const char *read_body(const captured &what, reading &message)
 {
     using l2vpnd::drop;
@@ -80,7 +95,8 @@ const char *read_body(const captured &what, reading &message)
         return l2vpnd::drop_text(drop::length);
     }
     message.count = row->type == L2VPN_AC_MSG_HDR_NOTIFY ? 0 : static_cast<std::uint32_t>(count);
-    return nullptr;
+    return in && row->each.handle != 0 && names_no_ac(what, message) ? l2vpnd::drop_text(drop::handle)
+                                                                     : nullptr;
 }
 
 } // namespace

@@ -17,11 +17,6 @@ namespace {
 constexpr size_t first_kept = 20;
 constexpr size_t last_kept = 180;
 
-const char *text_of_drop(const reading &message)
-{
-    return message.fault != nullptr ? message.fault : l2vpnd::drop_text(drop::handle);
-}
-
 std::string text_of_end(const record_head &head)
 {
     const char *closed = head.by == observer::process ? "closed by the owner" : "closed by the process";
@@ -46,19 +41,17 @@ std::optional<uint32_t> index_of(const captured &record, const reading &message,
     return std::nullopt;
 }
 
-const char *drop_code(const captured &record, const reading &message)
+const char *drop_code(const reading &message)
 {
-    if (message.fault != nullptr) {
-        for (uint32_t reason = 1; reason < l2vpnd::drop_count; reason++) {
-            if (strcmp(l2vpnd::drop_text(static_cast<drop>(reason)), message.fault) == 0) {
-                return l2vpnd::drop_name(static_cast<drop>(reason));
-            }
-        }
-        return l2vpnd::drop_name(drop::direction);
+    if (message.fault == nullptr) {
+        return nullptr;
     }
-    const bool names_nothing =
-        index_of(record, message, 0).has_value() || index_of(record, message, l2vpnd::no_handle).has_value();
-    return names_nothing ? l2vpnd::drop_name(drop::handle) : nullptr;
+    for (uint32_t reason = 1; reason < l2vpnd::drop_count; reason++) {
+        if (strcmp(l2vpnd::drop_text(static_cast<drop>(reason)), message.fault) == 0) {
+            return l2vpnd::drop_name(static_cast<drop>(reason));
+        }
+    }
+    return l2vpnd::drop_name(drop::direction);
 }
 
 /* Whatever is recorded has a number. Those of one process come in order, so that a lower one is of another run. */
@@ -131,7 +124,7 @@ void chain::take_message(recorder_state &of, size_t source, const captured &reco
     on.class_id = head.class_id;
     on.messages += is_request ? 1 : 0;
     const reading sound = read(record);
-    const char *dropped = is_request ? drop_code(record, sound) : nullptr;
+    const char *dropped = is_request ? drop_code(sound) : nullptr;
     const reading claimed = dropped != nullptr ? read_as_claimed(record) : sound;
     const bool is_mine = head.class_id == m_key.class_id && head.nodeid == m_key.node;
     const std::optional<uint32_t> index = is_mine ? index_of(record, claimed, m_key.handle) : std::nullopt;
@@ -158,7 +151,7 @@ void chain::take_message(recorder_state &of, size_t source, const captured &reco
         if (index) {
             made.code = std::string("dropped:") + dropped;
             made.is_fault = true;
-            made.why = text_of_drop(sound);
+            made.why = sound.fault;
             if (of.now.where == standing::place::unheard) {
                 of.now.where = standing::place::dropped;
             }

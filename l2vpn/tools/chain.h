@@ -121,7 +121,7 @@ std::optional<uint32_t> index_of(const captured &record, const l2vpn::capture::r
                                  uint32_t handle);
 
 /* Why the process drops a message, as its counters call it; null: it is sound, as far as it was kept. */
-const char *drop_code(const captured &record, const l2vpn::capture::reading &message);
+const char *drop_code(const l2vpn::capture::reading &message);
 
 } // namespace l2vpnctl
 

@@ -251,7 +251,16 @@ local function add_part(tvb, at, size, count, part, code, class, tree)
     if packed and stop > rest then tree:add(f.unused, tvb(rest, stop - rest)) end
 end
 
--- Why the message is malformed, or nil with its records added.
+-- Whether an AC is named by a handle that is nobody's, as far as the handles were recorded.
+local function names_no_ac(tvb, count)
+    for at = 16, math.min(12 + 4 * count, tvb:len() - 4), 4 do
+        local handle = tvb(at, 4):uint()
+        if handle == 0 or handle == 0xFFFFFFFF then return true end
+    end
+    return false
+end
+
+-- Why the message is malformed; its records are added where that is sure to be what they are.
 local function add_records(tvb, row, code, class, count, length, tree)
     if class > 17 or class == 15 then return "no such class" end
     if row.uncounted then count = 1 end
@@ -270,6 +279,9 @@ local function add_records(tvb, row, code, class, count, length, tree)
     for _, part in ipairs(parts) do
         add_part(tvb, at, part[2], count, part[1], code, class, tree)
         at = at + part[2] * count
+    end
+    if row.direction == to_process and parts[1] and parts[1][1] == "handle" and names_no_ac(tvb, count) then
+        return "an interface handle that names no AC"
     end
     return nil
 end

@@ -194,6 +194,31 @@ MALFORMED = {
 }
 
 
+def create(*handles):
+    return words(3, 2, len(handles), 3, *handles) + bytes((616 + 16) * len(handles))
+
+
+# The process refuses these, and where everything stands in them is not in doubt.
+NAMES_NO_AC = {
+    "a CREATE of the handle 0": packet(3, create(0)),
+    "a CREATE whose last handle is nobody's": packet(3, create(0x11, 0xFFFFFFFF)),
+    "an UPDATE of the handle 0": packet(3, words(3, 3, 1, 0, 0) + bytes(16)),
+    "a DELETE of nobody's handle": packet(3, words(3, 6, 2, 0, 0x11, 0xFFFFFFFF)),
+    "a DELETE of the handle 0, of which the rest was not recorded": packet(3, words(3, 6, 2, 0, 0, 0x11), kept=20),
+}
+
+# It takes these: only what comes from an owner and names ACs has handles that must be somebody's.
+SOUND = {
+    "a CREATE of the least and the largest handle": packet(3, create(1, 0xFFFFFFFE)),
+    "a DELETE without ACs": packet(3, words(3, 6, 0, 0)),
+    "a DELETE whose wrong handle was not recorded": packet(3, words(3, 6, 2, 0, 0x11, 0), kept=20),
+    "a root of the handle 0": packet(3, words(3, 14, 1, 0, 0, 0)),
+    "a state of nobody's handle": packet(3, words(3, 11, 1, 0, 0xFFFFFFFF) + bytes(92)),
+    "a PROV of the handle 0": packet(3, words(3, 7, 1, 0, 0) + bytes(28)),
+    "an UNPROV of nobody's handle": packet(3, words(3, 8, 1, 0, 0xFFFFFFFF)),
+}
+
+
 def flags_of(proto):
     return {field.get("name").rsplit(".", 1)[-1] for field in proto.iter("field")
             if (field.get("name") or "").startswith("l2vpn.flags.") and field.get("show") in ("1", "True")}
@@ -236,10 +261,17 @@ def main():
                       for field in sorted(one.keys() | other.keys()) if one.get(field) != other.get(field))
 
     for name, proto in zip(MALFORMED, dissect(lua, list(MALFORMED.values())), strict=True):
-        if not has(proto, "l2vpn.malformed"):
-            faults.append(f"{name}: not marked")
         if any(int(leaf.get("pos")) >= HEAD + 16 for leaf in leaves(proto)):
             faults.append(f"{name}: misread")
+
+    for cases_of, is_wrong in ((MALFORMED, True), (NAMES_NO_AC, True), (SOUND, False)):
+        messages = list(cases_of.values())
+        for name, row, proto in zip(cases_of, monitor(l2vpnctl, messages), dissect(lua, messages), strict=True):
+            for program, marks in (("the monitor", "malformed" in row), ("the dissector", has(proto, "l2vpn.malformed"))):
+                if marks != is_wrong:
+                    faults.append(f"{name}: {program} {'marks it' if marks else 'does not mark it'}")
+            if cases_of is NAMES_NO_AC and (not row["records"] or not has(proto, "l2vpn.ac.handle")):
+                faults.append(f"{name}: its ACs are not shown")
 
     for (name, (_, wanted)), proto in zip(FLAGS.items(), dissect(lua, [case[0] for case in FLAGS.values()]),
                                           strict=True):
@@ -257,7 +289,8 @@ def main():
         faults.append("a failed send is not marked")
 
     faults = [fault for fault in faults if fault]
-    print("\n".join(faults) or f"{len(cases)} golden messages, {len(MALFORMED)} malformed ones, {len(FLAGS)} flags")
+    print("\n".join(faults) or f"{len(cases)} golden messages, {len(MALFORMED) + len(NAMES_NO_AC)} malformed ones, "
+          f"{len(SOUND)} that are sound, {len(FLAGS)} flags")
     return 1 if faults or not cases else 0
 
 

@@ -158,7 +158,7 @@ void account::take_message(const captured &record)
 {
     up(record); /* which may be before the first record that there is */
     const reading message = read(record);
-    if (!is_sound(record, message)) {
+    if (!message.is_sound()) {
         return;
     }
     std::vector<told_batch> closed;

@@ -73,24 +73,4 @@ std::vector<told_batch> batch_account::open() const
     return out;
 }
 
-bool is_sound(const captured &record, const reading &message)
-{
-    if (message.fault != nullptr || message.row == nullptr) {
-        return false;
-    }
-    if (message.row->each.handle == 0) {
-        return true;
-    }
-    for (uint32_t i = 0; i < message.count; i++) {
-        const std::optional<uint32_t> handle = handle_in(record, message, i);
-        if (!handle) {
-            break; /* not kept */
-        }
-        if (*handle == 0 || *handle == l2vpnd::no_handle) {
-            return false;
-        }
-    }
-    return true;
-}
-
 } // namespace l2vpnctl

@@ -38,9 +38,6 @@ private:
     std::map<client, std::map<uint32_t, link_id>> m_links;     /* the latest of each class */
 };
 
-/* Whether the process takes the message, as far as the message itself decides about it. */
-bool is_sound(const captured &record, const l2vpn::capture::reading &message);
-
 } // namespace l2vpnctl
 
 #endif

@@ -104,7 +104,7 @@ void story::take_batches(const captured &record, const reading &message)
     if (m_up.insert(link_of(record)).second) {
         m_account.up(record);
     }
-    if (has_arrived(record, flow::to_process) && is_sound(record, message)) {
+    if (has_arrived(record, flow::to_process) && message.is_sound()) {
         m_account.follow(record, message, m_records, ended);
         add_batches(ended, batch_closed, m_records);
     }
