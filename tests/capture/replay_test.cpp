@@ -117,6 +117,47 @@ TEST_F(replay, the_first_message_after_which_tables_differ_is_found)
     EXPECT_FALSE(told({file, "--bisect"}).contains("first"));
 }
 
+TEST_F(replay, a_message_that_the_process_dies_of_is_found)
+{
+    start();
+    raw_peer owner = peer(3);
+    raw_peer other = peer(4);
+    ASSERT_TRUE(owner.send(create(3, {0x11, 0xdead})));
+    ASSERT_TRUE(is_handled(1));
+    ASSERT_TRUE(other.send(create(4, {0x21})));
+    ASSERT_TRUE(is_handled(2));
+    ASSERT_TRUE(owner.send(remove({0xdead})));
+    ASSERT_TRUE(is_handled(3));
+    ASSERT_TRUE(other.send(create(4, {0x22})));
+    ASSERT_TRUE(owner.send(remove({0xdead})));
+    ASSERT_TRUE(is_handled(5));
+    const std::string file = keep();
+    const std::vector<std::string> fragile = {file, "--program", L2VPN_DYING_DAEMON, "--bisect"};
+    const system_test::result done = play(fragile);
+    EXPECT_EQ(done.status, 1);
+    EXPECT_EQ(done.err, "");
+    std::istringstream lines(monitor({"--read", file, "--type", "delete"}).out);
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(done.out, "7 records were to be replayed\n"
+                        "l2vpnd was ended by signal 9\n"
+                        "1 difference\n"
+                        "a record that makes one, number 4:\n" +
+                            line + "\n");
+    const json document = told(fragile, 1);
+    EXPECT_EQ(document["same"], false);
+    EXPECT_EQ(document["first"]["number"], 4);
+    EXPECT_EQ(document["first"]["type"], "DELETE");
+    EXPECT_EQ(document["steady"], true);
+    EXPECT_EQ(document["differences"].size(), 1U);
+    EXPECT_EQ(document["differences"][0]["text"], "l2vpnd was ended by signal 9");
+    for (const char *unknown : {"links", "acs", "mstp", "batches"}) {
+        EXPECT_TRUE(document.contains(unknown) && document[unknown].is_null()) << unknown;
+    }
+    EXPECT_EQ(play({file, "--program", L2VPN_DYING_DAEMON, "--count", "4"}).status, 0)
+        << "up to there it lives, and its tables are the same";
+}
+
 TEST_F(replay, every_kind_of_difference_has_its_words)
 {
     start();

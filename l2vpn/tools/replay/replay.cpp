@@ -22,6 +22,7 @@ using clock = std::chrono::steady_clock;
 constexpr size_t shown_differences = 20;
 
 struct outcome {
+    bool has_ended = false; /* the process, before it was asked: nothing is known of what it held */
     tables found;
     std::vector<difference> differences;
     uint64_t links = 0;
@@ -152,6 +153,7 @@ private:
                 throw;
             }
             outcome out;
+            out.has_ended = true;
             out.differences.push_back({nullptr, "l2vpnd " + process.ended(), nullptr, nullptr});
             return out;
         }
@@ -214,11 +216,13 @@ private:
         for (const std::string &warning : warnings()) {
             out += "(" + warning + ")\n";
         }
-        out += count_of(records().size(), "record", "records") + " of " +
-               count_of(all.links, "link", "links") +
-               " replayed: " + count_of(all.found.count(0), "AC", "ACs") + ", " +
-               count_of(all.found.count(1), "spanning-tree record", "spanning-tree records") + ", " +
-               count_of(all.found.count(2), "open batch", "open batches") + "\n";
+        out += count_of(records().size(), "record", "records") +
+               (all.has_ended
+                    ? " were to be replayed\n"
+                    : " of " + count_of(all.links, "link", "links") +
+                          " replayed: " + count_of(all.found.count(0), "AC", "ACs") + ", " +
+                          count_of(all.found.count(1), "spanning-tree record", "spanning-tree records") +
+                          ", " + count_of(all.found.count(2), "open batch", "open batches") + "\n");
         for (size_t i = 0; i < std::min(all.differences.size(), shown_differences); i++) {
             out += all.differences[i].text + "\n";
         }
@@ -248,15 +252,16 @@ private:
                                    {"expected", one.expected},
                                    {"found", one.found}});
         }
+        const auto known = [&all](uint64_t count) { return all.has_ended ? json() : json(count); };
         json out = {{"same", all.differences.empty()},
                     {"records", records().size()},
-                    {"links", all.links},
+                    {"links", known(all.links)},
                     {"lost", m_play.lost},
                     {"before", m_play.before},
                     {"left_out", m_play.left_out},
-                    {"acs", all.found.count(0)},
-                    {"mstp", all.found.count(1)},
-                    {"batches", all.found.count(2)},
+                    {"acs", known(all.found.count(0))},
+                    {"mstp", known(all.found.count(1))},
+                    {"batches", known(all.found.count(2))},
                     {"differences", std::move(differences)}};
         if (first) {
             const captured &record = records()[first->index];
