@@ -83,6 +83,8 @@ public:
     uint64_t owners_seen() const { return m_owners_seen; }
     /* Bytes in the owner's link's queue. */
     uint64_t queued(const owner &of) const { return m_out.queued(of); }
+    /* So little waits in the link's own queue that more may be put there. */
+    bool has_room(const owner &of) const;
     uint64_t reconnects() const { return m_reconnects; }
     /* Of all owners that are and were. */
     counters totals() const;

@@ -41,6 +41,11 @@ bool l2vpn_process::can_provision(const owner &of)
     return cls.data_size != 0 && provision_limit(cls, of.info.mtu) > 0;
 }
 
+bool l2vpn_process::has_room(const owner &of) const
+{
+    return m_out.queued(of) < queue_enough;
+}
+
 void l2vpn_process::want(owner &of, uint32_t slot, bool provisioned, ac_asker asker)
 {
     ac_head &ac = m_acs.store(of.info.class_id).head(slot);
@@ -144,7 +149,7 @@ void l2vpn_process::send_waiting(owner &to)
 void l2vpn_process::tell_waiting(owner &to)
 {
     try {
-        while (to.list(ac_stage::waiting).count > 0 && m_out.queued(to) < queue_enough) {
+        while (to.list(ac_stage::waiting).count > 0 && has_room(to)) {
             if (tell_some(to) != EOK) {
                 return;
             }

@@ -17,27 +17,36 @@ constexpr uint64_t most_rows = 100;
 
 struct reason_row {
     const char *code;
-    bool (*holds)(const owner &o, const ac_head &ac);
+    bool (*holds)(const l2vpn_process &p, const owner &o, const ac_head &ac);
 };
 
 /* The first that holds counts. docs/process.md tells operators of each. */
 constexpr reason_row s_reasons[] = {
     {"provisioned:unprovision-waiting",
-     [](const owner &, const ac_head &ac) {
+     [](const l2vpn_process &, const owner &, const ac_head &ac) {
          return ac.provisioned && ac.stage == ac_stage::waiting && !ac.wanted;
      }},
-    {"provisioned", [](const owner &, const ac_head &ac) { return ac.provisioned; }},
+    {"provisioned", [](const l2vpn_process &, const owner &, const ac_head &ac) { return ac.provisioned; }},
     {"not-provisioned:no-layout",
-     [](const owner &o, const ac_head &) { return find_class(o.info.class_id)->data_size == 0; }},
+     [](const l2vpn_process &, const owner &o, const ac_head &) {
+         return find_class(o.info.class_id)->data_size == 0;
+     }},
     {"not-provisioned:link-too-narrow",
-     [](const owner &o, const ac_head &) { return !l2vpn_process::can_provision(o); }},
+     [](const l2vpn_process &, const owner &o, const ac_head &) { return !l2vpn_process::can_provision(o); }},
     {"not-provisioned:batch-open",
-     [](const owner &, const ac_head &ac) { return ac.stage == ac_stage::batched; }},
+     [](const l2vpn_process &, const owner &, const ac_head &ac) { return ac.stage == ac_stage::batched; }},
     {"not-provisioned:link-full",
-     [](const owner &, const ac_head &ac) { return ac.stage == ac_stage::waiting && ac.wanted; }},
-    {"not-provisioned:unprovisioned",
-     [](const owner &, const ac_head &ac) { return ac.asker == ac_asker::an_operator; }},
-    {"not-provisioned:automatic-off", [](const owner &, const ac_head &) { return true; }},
+     [](const l2vpn_process &p, const owner &o, const ac_head &ac) {
+         return ac.stage == ac_stage::waiting && ac.wanted && !p.has_room(o);
+     }},
+    {"not-provisioned:waiting", /* why sending failed, or whether it was tried at all, is not kept */
+     [](const l2vpn_process &, const owner &, const ac_head &ac) {
+         return ac.stage == ac_stage::waiting && ac.wanted;
+     }},
+    {"not-provisioned:unprovisioned", [](const l2vpn_process &, const owner &,
+                                         const ac_head &ac) { return ac.asker == ac_asker::an_operator; }},
+    {"not-provisioned:automatic-off",
+     [](const l2vpn_process &, const owner &, const ac_head &) { return true; }},
 };
 
 constexpr const char *s_askers[] = {"nobody", "automatic", "operator"};
@@ -72,7 +81,7 @@ private:
         }
         const ac_head &ac = store.head(slot);
         const auto *reason =
-            std::ranges::find_if(s_reasons, [&](const reason_row &r) { return r.holds(o, ac); });
+            std::ranges::find_if(s_reasons, [&](const reason_row &r) { return r.holds(process(), o, ac); });
         json row = {{"node", ac.node},
                     {"class", o.info.class_id},
                     {"handle", ac.handle},

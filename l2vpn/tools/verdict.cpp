@@ -18,13 +18,15 @@ struct verdict_row {
 constexpr verdict_row s_verdicts[] = {
     {"provisioned", "provisioned: its owner was told"},
     {"provisioned:unprovision-waiting",
-     "provisioned, and to be unprovisioned as soon as its owner's link has room"},
+     "provisioned, and to be unprovisioned: its owner is still to be told"},
     {"not-provisioned:batch-open", "not provisioned: its CREATE batch is still open"},
     {"not-provisioned:no-layout", "not provisioned, and never will be: its class has no layout for it"},
     {"not-provisioned:link-too-narrow",
      "not provisioned: its owner's MTU is too small for a message with one such AC"},
     {"not-provisioned:link-full",
-     "not provisioned yet: it waits for its owner's link, as when the owner does not read"},
+     "not provisioned yet: what its owner is to be told waits, because the link's queue is full"},
+    {"not-provisioned:waiting",
+     "not provisioned yet: its owner is still to be told, and the link's queue is not full"},
     {"not-provisioned:unprovisioned", "not provisioned: it was unprovisioned by an operator"},
     {"not-provisioned:automatic-off", "not provisioned: automatic provisioning was off when it was complete, "
                                       "and no operator has asked for it"},

@@ -45,9 +45,15 @@ TEST(explain, has_a_reason_for_every_state)
     owner *o = b.connect(3);
     b.process.received(*o, create(3, {1}, 0x1));
     EXPECT_EQ(reason(b, 1), "not-provisioned:batch-open");
-    b.out.status = ENOBUFS;
+    b.out.status = ENOMEM;
     b.process.received(*o, create(3, {2}, 0x2));
+    EXPECT_EQ(reason(b, 1), "not-provisioned:waiting") << "a message was not taken, and not for want of room";
+    b.out.waiting = 256 * 1024;
+    b.process.send_all_waiting();
     EXPECT_EQ(reason(b, 1), "not-provisioned:link-full");
+    b.out.waiting--;
+    EXPECT_EQ(reason(b, 1), "not-provisioned:waiting") << "for its turn";
+    b.out.waiting = 0;
     b.out.status = EOK;
     b.process.send_all_waiting();
     EXPECT_EQ(reason(b, 1), "provisioned");
