@@ -22,18 +22,31 @@ struct interface {
     bool has_statistics = false;
 };
 
-class reader {
+} // namespace
+
+class pcapng_reader::state {
 public:
-    reader(std::istream &from, const std::function<bool(captured &&record)> &take) : from_(from), take_(take)
+    explicit state(std::istream &from) : from_(from) {}
+
+    bool next(captured &record, std::uint64_t &lost)
     {
+        is_found_ = false;
+        while (!is_found_ && read_block()) {
+        }
+        if (is_found_) {
+            record = std::move(found_);
+            lost = found_lost_;
+        }
+        return is_found_;
     }
 
-    pcapng_summary read()
+    [[nodiscard]] pcapng_summary summary() const
     {
-        while (!summary_.stopped && read_block()) {
+        pcapng_summary all = summary_;
+        for (const interface &one : interfaces_) {
+            all.lost += one.lost;
         }
-        end_section();
-        return summary_;
+        return all;
     }
 
 private:
@@ -216,24 +229,26 @@ private:
         if (length > body.size() - fixed) {
             damaged(at, "is shorter than its packet");
         }
-        const bytes options = body.subspan(std::min<std::size_t>(body.size(), fixed + (length + 3) / 4 * 4));
-        if (!from.has_statistics) {
-            from.lost += number_option(options, epb_dropcount).value_or(0);
-        }
         if (!from.ours) {
             ++summary_.foreign;
             return;
         }
-        captured record{};
-        if (!parse(body.subspan(fixed, length), record)) {
+        const bytes options = body.subspan(std::min<std::size_t>(body.size(), fixed + (length + 3) / 4 * 4));
+        const std::uint64_t lost = number_option(options, epb_dropcount).value_or(0);
+        if (!from.has_statistics) {
+            from.lost += lost;
+        }
+        found_ = {};
+        if (!parse(body.subspan(fixed, length), found_)) {
             ++summary_.damaged;
             return;
         }
         const std::uint64_t ticks =
             std::uint64_t{number<std::uint32_t>(&body[4])} << 32 | number<std::uint32_t>(&body[8]);
-        record.time = ticks * (1'000'000'000 / from.ticks);
+        found_.time = ticks * (1'000'000'000 / from.ticks);
+        found_lost_ = lost;
+        is_found_ = true;
         ++summary_.records;
-        summary_.stopped = !take_(std::move(record));
     }
 
     void take_statistics(bytes body, std::uint64_t at)
@@ -247,7 +262,9 @@ private:
     }
 
     std::istream &from_;
-    const std::function<bool(captured &&record)> &take_;
+    captured found_{}; /* in the block that was read last */
+    std::uint64_t found_lost_ = 0;
+    bool is_found_ = false;
     bool swapped_ = false;
     std::uint64_t offset_ = 0;
     std::vector<std::uint8_t> body_;
@@ -255,11 +272,18 @@ private:
     pcapng_summary summary_;
 };
 
-} // namespace
+pcapng_reader::pcapng_reader(std::istream &from) : state_(std::make_unique<state>(from)) {}
 
-pcapng_summary read_pcapng(std::istream &from, const std::function<bool(captured &&record)> &take)
+pcapng_reader::~pcapng_reader() = default;
+
+bool pcapng_reader::next(captured &record, std::uint64_t &lost)
 {
-    return reader(from, take).read();
+    return state_->next(record, lost);
+}
+
+pcapng_summary pcapng_reader::summary() const
+{
+    return state_->summary();
 }
 
 } // namespace l2vpn::capture

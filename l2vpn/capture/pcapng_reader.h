@@ -6,8 +6,8 @@
 
 #include "captured.h"
 
-#include <functional>
 #include <istream>
+#include <memory>
 
 namespace l2vpn::capture {
 
@@ -16,12 +16,26 @@ struct pcapng_summary {
     std::uint64_t damaged = 0; /* packets that are no record */
     std::uint64_t foreign = 0; /* packets of another link type */
     std::uint64_t lost = 0;    /* as the interfaces' statistics say or, without any, the packets */
-    bool stopped = false;      /* by `take`: the rest was not looked at */
     std::string ends_early;    /* where and how, for people; empty: it is whole */
 };
 
-/* Calls `take` for each record, until it returns false. Throws bad_file. A file that breaks off gives what it holds. */
-pcapng_summary read_pcapng(std::istream &from, const std::function<bool(captured &&record)> &take);
+class pcapng_reader {
+public:
+    explicit pcapng_reader(std::istream &from);
+    ~pcapng_reader();
+    pcapng_reader(const pcapng_reader &) = delete;
+    pcapng_reader &operator=(const pcapng_reader &) = delete;
+
+    /* The next record, and as many as its packet says were lost just before it. False: there is none any more; a
+     * file that breaks off gives what it holds. Throws bad_file. */
+    bool next(captured &record, std::uint64_t &lost);
+    /* Of what was read so far. */
+    [[nodiscard]] pcapng_summary summary() const;
+
+private:
+    class state;
+    std::unique_ptr<state> state_;
+};
 
 } // namespace l2vpn::capture
 

@@ -2,6 +2,7 @@
  * l2vpnctl capture: records into pcapng files, of a bounded size and number.
  */
 #include "command_line.h"
+#include "output.h"
 #include "pcapng_writer.h"
 #include "recordings.h"
 
@@ -10,7 +11,6 @@
 #include <cstring>
 #include <memory>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace l2vpnctl {
 
@@ -20,23 +20,15 @@ using l2vpn::capture::bad_file;
 using l2vpn::capture::pcapng_writer;
 
 constexpr uint64_t mebibyte = uint64_t{1} << 20;
+constexpr uint64_t shown_every = 1 << 16; /* and when nothing more is there */
 
 class recorder : public record_consumer {
 public:
-    explicit recorder(const recording_options &how)
-        : m_how(how), m_progress(isatty(STDERR_FILENO) == 1), m_size(how.size_mib * mebibyte)
+    explicit recorder(const recording_options &how) : m_how(how), m_size(how.size_mib * mebibyte)
     {
         /* Found out before anything is waited for. */
         for (uint32_t i = 0; i < how.written_files; i++) {
             look_at(name(i), i == 0);
-        }
-    }
-    recorder(const recorder &) = delete;
-    recorder &operator=(const recorder &) = delete;
-    ~recorder() override
-    {
-        if (m_progress && m_shown) {
-            fputc('\n', stderr);
         }
     }
 
@@ -59,16 +51,14 @@ public:
                 rotate();
             }
         });
+        m_progress.count();
         return !m_full && m_total != m_how.count;
     }
 
     void idle() override
     {
         guarded([this] { m_file->place(); });
-        if (m_progress) {
-            fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_total));
-            m_shown = true;
-        }
+        m_progress.show();
     }
 
     void end(size_t source, uint64_t lost) override
@@ -159,8 +149,7 @@ private:
 
     const recording_options &m_how;
     std::unique_ptr<pcapng_writer> m_file;
-    bool m_progress;
-    bool m_shown = false;
+    record_progress m_progress{shown_every};
     bool m_full = false;
     uint64_t m_size;
     uint64_t m_total = 0;

@@ -22,7 +22,7 @@ void add_recordings(CLI::App &app, command_line &line)
     CLI::App *seen = add("monitor", "Show messages as they come, or from a file", monitor);
     record_choice &choice = to.choice;
     seen->add_option("--read", to.files,
-                     "From pcapng file or ring instead of the process; rings may be several")
+                     "From a pcapng file or a ring instead of the process; may be repeated")
         ->type_name("FILE")
         ->excludes("--history");
     seen->add_option("--owner", choice.owner, "Of the client with this number")->type_name("N");
@@ -66,7 +66,7 @@ void add_explain(CLI::App &app, command_line &line)
         ->required()
         ->type_name("HANDLE|NAME");
     verb->add_option("--read", line.recordings.files,
-                     "From pcapng file or ring instead of the process; rings may be several")
+                     "From a pcapng file or a ring instead of the process; may be repeated")
         ->type_name("FILE")
         ->type_size(1)
         ->take_all();

@@ -12,6 +12,7 @@
 #include "finder.h"
 #include "output.h"
 #include "ring_reader.h"
+#include "survey.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -29,7 +30,6 @@ namespace {
 using namespace l2vpn::capture;
 namespace fs = std::filesystem;
 
-constexpr uint64_t shown_every = 1 << 16; /* records, on a terminal */
 constexpr size_t most_candidates = 100;
 
 /* So that fnmatch() matches this and nothing else. */
@@ -195,67 +195,6 @@ void explainer::read(record_consumer &to)
         throw failure{exit_failed, "interrupted"};
     }
 }
-
-/* Looks at everything once: which ACs are meant, and what was looked at. */
-class survey : public record_consumer {
-public:
-    survey(finder &find, explanation &out, const std::vector<std::string> &paths)
-        : m_find(find), m_out(out), m_paths(paths)
-    {
-    }
-
-    void begin(const std::vector<std::string> &sources) override
-    {
-        for (size_t i = 0; i < sources.size(); i++) {
-            m_out.searched.push_back({.name = sources[i], .path = m_paths[i]});
-        }
-    }
-
-    bool take(size_t source, const captured &record, uint64_t lost) override
-    {
-        searched_source &of = m_out.searched[source];
-        of.from = of.records == 0 ? record.time : of.from;
-        of.to = record.time;
-        if (of.records == 0) {
-            of.overwritten = record.head.number;
-        } else {
-            of.lost += lost;
-        }
-        of.records++;
-        if (record.head.kind == record_kind::link_refused) {
-            of.refused++;
-        }
-        if (record.head.kind == record_kind::message) {
-            of.messages++;
-            of.cut += m_find.take(record) ? 0 : 1;
-        }
-        m_progress.count();
-        return true;
-    }
-
-    void end(size_t source, uint64_t lost) override { m_out.searched[source].lost += lost; }
-
-private:
-    finder &m_find;
-    explanation &m_out;
-    const std::vector<std::string> &m_paths;
-    record_progress m_progress{shown_every};
-};
-
-class follower : public record_consumer {
-public:
-    explicit follower(chain &of) : m_chain(of) {}
-    bool take(size_t source, const captured &record, uint64_t /*lost*/) override
-    {
-        m_chain.take(source, record);
-        m_progress.count();
-        return true;
-    }
-
-private:
-    chain &m_chain;
-    record_progress m_progress{shown_every};
-};
 
 void explainer::follow(std::optional<chain> &story)
 {

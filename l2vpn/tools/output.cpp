@@ -49,24 +49,19 @@ style style_of(const std::string &colour)
     return how;
 }
 
-bool record_progress::is_terminal()
-{
-    return isatty(STDERR_FILENO) == 1;
-}
+progress_line::progress_line() : m_is_terminal(isatty(STDERR_FILENO) == 1) {}
 
-record_progress::~record_progress()
+void progress_line::tell(const std::string &text)
 {
-    if (m_shown) {
-        fputs("\r\033[K", stderr);
+    if (m_is_terminal && text != m_told) {
+        fputs(("\r" + text + "\033[K").c_str(), stderr);
+        m_told = text;
     }
 }
 
-void record_progress::count()
+void record_progress::show()
 {
-    if (m_is_terminal && ++m_total % m_every == 0) {
-        fprintf(stderr, "\r%llu records ", static_cast<unsigned long long>(m_total));
-        m_shown = true;
-    }
+    m_line.tell(std::to_string(m_total) + " records");
 }
 
 } // namespace l2vpnctl

@@ -18,22 +18,38 @@ void flush_out();
 /* `colour`: auto, always or never. */
 style style_of(const std::string &colour);
 
-/* How many records were read, on standard error where that is a terminal; gone when the reading is. */
+/* How far long work is, in a line on standard error, where that is a terminal; gone when the work is. */
+class progress_line {
+public:
+    progress_line();
+    ~progress_line() { clear(); }
+    progress_line(const progress_line &) = delete;
+    progress_line &operator=(const progress_line &) = delete;
+    void tell(const std::string &text);
+    void clear() { tell(""); }
+
+private:
+    bool m_is_terminal;
+    std::string m_told;
+};
+
+/* The same for how many records were read. */
 class record_progress {
 public:
+    /* It is told with so many more. */
     explicit record_progress(uint64_t every) : m_every(every) {}
-    ~record_progress();
-    record_progress(const record_progress &) = delete;
-    record_progress &operator=(const record_progress &) = delete;
-    void count();
+    void count()
+    {
+        if (++m_total % m_every == 0) {
+            show();
+        }
+    }
+    void show();
 
 private:
     uint64_t m_every;
     uint64_t m_total = 0;
-    bool m_is_terminal = is_terminal();
-    bool m_shown = false;
-
-    static bool is_terminal();
+    progress_line m_line;
 };
 
 } // namespace l2vpnctl

@@ -1,10 +1,8 @@
 #include "recordings.h"
 
 #include "command_line.h"
-#include "pcapng_reader.h"
-#include "ring_reader.h"
+#include "recording_source.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -19,7 +17,6 @@ namespace l2vpnctl {
 namespace {
 
 using l2vpn::capture::bad_file;
-using l2vpn::capture::ring_reader;
 
 constexpr int look_again_ms = 20;
 
@@ -35,77 +32,9 @@ void on_signal(int)
     throw failure{exit_failed, path + ": " + why};
 }
 
-/* Gives the records of one ring by number, with what is missing before each. Threads that record at the same
- * moment swap places: a gap counts only when much has come behind it, or nothing for a while. */
-class source {
-public:
-    source(const std::string &path, bool history) : m_ring(path), m_started(history)
-    {
-        if (!history) {
-            m_ring.skip();
-        }
-    }
-
-    std::string name() const { return m_ring.process() + "-" + std::to_string(m_ring.pid()); }
-    bool ended() const { return m_ring.writer_ended(); }
-
-    /* Takes what is new. With `is_last`, nothing is waited for any more. */
-    void look(bool is_last)
-    {
-        std::vector<captured> records;
-        m_ring.read(records);
-        for (captured &record : records) {
-            const uint64_t number = record.head.number;
-            m_waiting.emplace(number, std::move(record));
-        }
-        m_looks += m_waiting.empty() ? 0 : 1;
-        m_is_last = is_last;
-    }
-
-    /* The record to be given next, if there is one by now. */
-    const captured *next() const
-    {
-        const bool due = !m_waiting.empty() && (m_is_last || missing() == 0 || m_waiting.size() > window ||
-                                                m_looks > patient_looks);
-        return due ? &m_waiting.begin()->second : nullptr;
-    }
-    bool give(size_t index, record_consumer &to)
-    {
-        const uint64_t lost = missing();
-        const bool wanted = to.take(index, m_waiting.begin()->second, lost);
-        m_told += lost;
-        m_started = true;
-        m_next = std::max(m_next, m_waiting.begin()->first + 1);
-        m_waiting.erase(m_waiting.begin());
-        m_looks = 0;
-        return wanted;
-    }
-
-    /* Behind what was given, when everything was. */
-    uint64_t lost_at_end() const { return m_ring.lost() - std::min(m_ring.lost(), m_told); }
-
-private:
-    static constexpr size_t window = 64;
-    static constexpr int patient_looks = 5;
-
-    uint64_t missing() const
-    {
-        const uint64_t number = m_waiting.begin()->first;
-        return m_started && number > m_next ? number - m_next : 0;
-    }
-
-    ring_reader m_ring;
-    bool m_started; /* a number is expected */
-    uint64_t m_next = 0;
-    uint64_t m_told = 0; /* that were said to be missing */
-    int m_looks = 0;     /* that found some waiting, since one was given */
-    bool m_is_last = false;
-    std::multimap<uint64_t, captured> m_waiting;
-};
-
 void follow(const command_line &line, const std::string &path, record_consumer &to)
 {
-    source from(path, line.recordings.history);
+    ring_source from(path, line.recordings.history);
     stop_on_signals();
     to.begin({from.name()});
     bool wanted = true;
@@ -147,66 +76,79 @@ void follow_process(const command_line &line, record_consumer &to)
     }
 }
 
-/* The one whose next record is the oldest; each keeps its own order, be its clock set back or not. */
-size_t oldest_of(const std::vector<std::unique_ptr<source>> &sources)
-{
-    size_t found = sources.size();
-    for (size_t i = 0; i < sources.size(); i++) {
-        const captured *next = sources[i]->next();
-        if (next != nullptr && (found == sources.size() || next->time < sources[found]->next()->time)) {
-            found = i;
-        }
-    }
-    return found;
-}
+struct opened_file {
+    std::string path;
+    std::unique_ptr<record_source> source;
 
-void read_rings(const std::vector<std::string> &paths, record_consumer &to)
-{
-    std::vector<std::unique_ptr<source>> sources;
-    std::vector<std::string> names;
-    for (const std::string &path : paths) {
+    const captured *next() const
+    {
         try {
-            sources.push_back(std::make_unique<source>(path, true));
-            sources.back()->look(true);
+            return source->next();
         } catch (const bad_file &bad) {
             refuse(path, bad.what());
         }
-        names.push_back(sources.back()->name());
+    }
+};
+
+opened_file open_file(const std::string &path)
+{
+    opened_file made{path, nullptr};
+    if (!is_ring(path)) {
+        made.source = std::make_unique<pcapng_source>(path);
+        return made;
+    }
+    try {
+        auto ring = std::make_unique<ring_source>(path, true);
+        ring->look(true);
+        made.source = std::move(ring);
+    } catch (const bad_file &bad) {
+        refuse(path, bad.what());
+    }
+    return made;
+}
+
+/* The one whose next record is the oldest; each keeps its own order, be its clock set back or not. */
+record_source *oldest_of(const std::vector<opened_file> &files, size_t &index)
+{
+    const captured *oldest = nullptr;
+    for (size_t i = 0; i < files.size(); i++) {
+        const captured *next = files[i].next();
+        if (next != nullptr && (oldest == nullptr || next->time < oldest->time)) {
+            oldest = next;
+            index = i;
+        }
+    }
+    return oldest != nullptr ? files[index].source.get() : nullptr;
+}
+
+void read_files(const std::vector<std::string> &paths, record_consumer &to)
+{
+    std::vector<opened_file> files;
+    std::vector<std::string> names;
+    for (const std::string &path : paths) {
+        files.push_back(open_file(path));
+        static_cast<void>(files.back().next()); /* or nothing can be read of it */
+        names.push_back(files.back().source->name());
     }
     stop_on_signals();
     to.begin(names);
     bool wanted = true;
     while (wanted && s_stopped == 0) {
-        const size_t index = oldest_of(sources);
-        if (index == sources.size()) {
+        size_t index = 0;
+        record_source *const from = oldest_of(files, index);
+        if (from == nullptr) {
             break;
         }
-        wanted = sources[index]->give(index, to);
+        wanted = from->give(index, to);
     }
     wanted = wanted && s_stopped == 0;
-    for (size_t i = 0; i < sources.size(); i++) {
-        to.end(i, wanted ? sources[i]->lost_at_end() : 0);
+    for (size_t i = 0; i < files.size(); i++) {
+        to.end(i, wanted ? files[i].source->lost_at_end() : 0);
     }
-}
-
-void read_pcapng_file(const std::string &path, record_consumer &to)
-{
-    std::ifstream file(path, std::ios::binary);
-    stop_on_signals();
-    to.begin({path.substr(path.rfind('/') + 1)});
-    try {
-        const auto summary = l2vpn::capture::read_pcapng(
-            file, [&](const captured &record) { return to.take(0, record, 0) && s_stopped == 0; });
-        to.end(0, summary.lost);
-        if (!summary.ends_early.empty()) {
-            refuse(path, summary.ends_early);
+    for (const opened_file &file : files) {
+        if (const std::string fault = file.source->fault(); !fault.empty()) {
+            refuse(file.path, fault);
         }
-        if (summary.damaged + summary.foreign > 0) {
-            refuse(path, std::to_string(summary.damaged) + " packets are damaged, " +
-                             std::to_string(summary.foreign) + " are of another link type");
-        }
-    } catch (const bad_file &bad) {
-        refuse(path, bad.what());
     }
 }
 
@@ -265,13 +207,10 @@ void refuse_to_replace(const std::string &path, const std::vector<std::string> &
 
 void read_recordings(const command_line &line, record_consumer &to)
 {
-    const std::vector<std::string> &files = line.recordings.files;
-    if (files.empty()) {
+    if (line.recordings.files.empty()) {
         follow_process(line, to);
-    } else if (files.size() == 1 && !is_ring(files[0])) {
-        read_pcapng_file(files[0], to);
     } else {
-        read_rings(files, to);
+        read_files(line.recordings.files, to);
     }
 }
 

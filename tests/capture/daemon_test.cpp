@@ -117,7 +117,7 @@ TEST_F(recorded, the_ring_of_the_process_is_as_large_as_it_is_told)
     ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", path}).status, 0);
     const json first = rows({"--read", path}).front();
     EXPECT_EQ(first, json({{"lost", 2001 - 256}})) << "256 slots of 2001 records";
-    EXPECT_EQ(rows({"--read", file}).back(), first) << "which the file tells at its end";
+    EXPECT_EQ(rows({"--read", file}).front(), first);
     EXPECT_EQ(rows({"--read", file}).size(), 256 + 1U);
 }
 

@@ -174,6 +174,65 @@ TEST_F(merged, both_ends_tell_of_the_same_messages_in_the_order_of_time_and_of_w
     }
 }
 
+TEST_F(merged, files_of_either_kind_are_read_together)
+{
+    start({"--capture-size", "64"}); /* the beginning is lost */
+    owner one(m_dir.path());
+    ASSERT_NE(one.ring(), "");
+    ASSERT_TRUE(eventually([&] { return totals()["received"].value("JOIN", uint64_t{0}) == messages; }));
+    const std::string its = ring();
+    m_daemon->send_signal(SIGKILL);
+    ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+    one.end();
+    const auto as_file = [&](const std::string &from, const std::string &name) {
+        EXPECT_EQ(ctl({"capture", "-w", m_dir.file(name), "--from-ring", from}).status, 0);
+        return m_dir.file(name);
+    };
+    const std::string file = as_file(its, "process.pcapng");
+    const std::string other = as_file(one.ring(), "owner.pcapng");
+    const std::vector<json> both = rows({"--read", its, "--read", one.ring()});
+    EXPECT_GT(both.size(), messages + 200U);
+    EXPECT_EQ(rows({"--read", file, "--read", one.ring()}), both);
+    EXPECT_EQ(rows({"--read", file, "--read", other}), both);
+    EXPECT_EQ(ctl({"timeline", file, other, one.ring(), "-o", m_dir.file("x.html")}).status, 0);
+    const system_test::result none = ctl({"explain", "0x11", "--read", file, "--read", other, "--json"});
+    EXPECT_EQ(none.status, 5);
+    EXPECT_EQ(json::parse(none.out)["searched"].size(), 2U);
+
+    const std::string content = system_test::read_file(other);
+    const std::string cut = m_dir.write("cut.pcapng", content.substr(0, content.size() / 2));
+    const system_test::result broken = monitor({"--read", file, "--read", cut, "--json"});
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_THAT(broken.err, HasSubstr("cut.pcapng: breaks off at byte "));
+    EXPECT_TRUE(is_one_line(broken.err));
+    EXPECT_GT(parsed(broken.out).size(), 256U + messages / 4) << "what is there is shown, of both";
+    expect_one_line(monitor({"--read", file, "--read", m_dir.write("text", "text")}), 1,
+                    "text: not a pcapng file");
+}
+
+/* In the middle as at the beginning. */
+TEST_F(merged, what_is_missing_is_told_once_and_where_it_is_missing)
+{
+    start();
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(owner.send(create(3, {0x11})));
+    ASSERT_TRUE(holds(1));
+    intruder writer(ring());
+    writer.add(2);
+    writer.add(9);
+    writer.add(10);
+    const std::string file = m_dir.file("x.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", ring()}).status, 0);
+    const std::vector<int64_t> expected = {0, 1, 2, -6, 9, 10};
+    EXPECT_EQ(numbers(monitor({"--read", ring(), "--json"}).out), expected);
+    EXPECT_EQ(numbers(monitor({"--read", file, "--json"}).out), expected);
+    for (const std::string &from : {ring(), file}) {
+        const json told = json::parse(ctl({"explain", "0x11", "--read", from, "--json"}).out);
+        EXPECT_EQ(told["searched"][0]["overwritten"], 0) << from;
+        EXPECT_EQ(told["searched"][0]["lost"], 6) << from;
+    }
+}
+
 TEST_F(merged, writers_that_overtake_each_other_are_put_right_as_they_are_followed)
 {
     start();

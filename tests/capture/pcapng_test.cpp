@@ -30,6 +30,7 @@ captured record(uint64_t number, size_t length)
 
 struct outcome {
     std::vector<captured> records;
+    std::vector<uint64_t> lost; /* before each */
     pcapng_summary summary;
     std::string refusal;
 };
@@ -39,10 +40,13 @@ outcome read(const std::string &content)
     outcome out;
     std::istringstream file(content);
     try {
-        out.summary = read_pcapng(file, [&out](captured &&one) {
-            out.records.push_back(std::move(one));
-            return true;
-        });
+        pcapng_reader reader(file);
+        captured one{};
+        for (uint64_t lost = 0; reader.next(one, lost);) {
+            out.records.push_back(one);
+            out.lost.push_back(lost);
+        }
+        out.summary = reader.summary();
     } catch (const bad_file &bad) {
         out.refusal = bad.what();
     }
@@ -97,6 +101,7 @@ TEST_F(pcapng, what_is_written_is_read)
     EXPECT_EQ(got.records[1].time, 1'700'000'000'123'456'795U);
     EXPECT_EQ(got.records[1].head.number, 6U);
     EXPECT_EQ(got.records[1].message, std::vector<uint8_t>(33, 6));
+    EXPECT_EQ(got.lost, (std::vector<uint64_t>{0, 5, 0}));
     EXPECT_EQ(got.summary.lost, 6U);
     EXPECT_EQ(got.summary.records, 3U);
     EXPECT_EQ(got.summary.ends_early, "");

@@ -195,3 +195,24 @@ TEST_F(replay, its_end_and_that_of_its_process_are_noticed_and_leave_nothing)
         EXPECT_TRUE(fs::is_empty(m_folder));
     }
 }
+
+TEST_F(replay, long_work_shows_on_a_terminal_how_far_it_is_and_leaves_nothing_of_it)
+{
+    const std::string path = make_history();
+    const std::string file = m_dir.file("x.pcapng");
+    const std::string program = system_test::binary("l2vpnctl");
+    const std::string runtime = " --runtime-dir " + m_dir.path();
+    const std::pair<std::string, std::string> cases[] = {
+        {program + " capture --history --count 3 -w " + file + runtime, "\r3 records\033[K"},
+        {program + " replay " + path + runtime, "\rreplayed 100 %\033[K"},
+    };
+    for (const auto &[command, told] : cases) {
+        const system_test::result done =
+            system_test::run("/usr/bin/script", {"-qec", command, "/dev/null"}, {"TMPDIR=" + m_folder});
+        EXPECT_EQ(done.status, 0) << done.out;
+        EXPECT_THAT(done.out, HasSubstr(told)) << command;
+        const size_t gone = done.out.find("\r\033[K", done.out.find(told) + 1);
+        EXPECT_NE(gone, std::string::npos) << command;
+        EXPECT_EQ(done.out.find("\033[K", gone + 4), std::string::npos) << command;
+    }
+}

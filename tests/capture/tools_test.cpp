@@ -18,6 +18,28 @@ TEST_F(recorded, a_ring_becomes_a_pcapng_file_that_says_the_same)
     EXPECT_EQ(rows({"--read", file}), rows({"--history", "--count", "4"})) << "and so does the process";
 }
 
+TEST_F(recorded, a_beginning_that_is_lost_is_told_once)
+{
+    start({"--capture-size", "64"});
+    raw_peer owner = peer(3);
+    for (uint32_t i = 0; i < 300; i++) {
+        ASSERT_TRUE(owner.send(header(0, 0, 0).bytes()));
+    }
+    ASSERT_TRUE(eventually([&] { return totals()["received"].value("JOIN", uint64_t{0}) == 300; }));
+    const std::string path = ring();
+    const std::string file = m_dir.file("x.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", path}).status, 0);
+    const std::vector<json> all = rows({"--read", path});
+    ASSERT_EQ(all.size(), 257U);
+    EXPECT_EQ(all[0], json({{"lost", 45}}));
+    EXPECT_EQ(rows({"--read", file}), all);
+    for (const std::string &from : {path, file}) {
+        const json told = json::parse(ctl({"explain", "0x11", "--read", from, "--json"}).out);
+        EXPECT_EQ(told["searched"][0]["overwritten"], 45) << from;
+        EXPECT_EQ(told["searched"][0]["lost"], 0) << from;
+    }
+}
+
 TEST_F(recorded, lines_are_for_people)
 {
     const std::string path = make_history();

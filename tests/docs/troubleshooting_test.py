@@ -31,9 +31,6 @@ ANSWERS = {
     "tools/cells.cpp": "the same",
     "tools/top.cpp": "the same",
     "tools/explain_print.cpp": "the same",
-    "tools/replay/replay.cpp": "what is shown, and the help",
-    "tools/replay/tables.cpp": "what is shown",
-    "tools/timeline/timeline.cpp": "the page, and the help",
     "tools/verdict.cpp": "verdicts: docs/process.md has their codes",
     "capture/describe.cpp": "what is shown",
     "tools/trace/print.cpp": "the same",
@@ -59,7 +56,6 @@ HELP = {
     "l2vpn-trace ",
     "Print the version",
     "Exit status: 0 printed, 1 the file cannot be read or is no trace file, 2 bad command line.",
-    "\\r%llu records ",
 }
 COMMANDS = ("l2vpnctl ", "journalctl ")
 # Texts made from conditions, not from literals.

@@ -14,14 +14,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::istringstream file(std::string(data, data + size));
     uint64_t count = 0;
     try {
-        const pcapng_summary summary = read_pcapng(file, [&count](const captured &record) {
+        pcapng_reader reader(file);
+        captured record{};
+        for (uint64_t lost = 0; reader.next(record, lost); count++) {
             const reading message = read(record);
             FUZZ_CHECK(record.message.size() <= record.head.length);
             FUZZ_CHECK(fuzz::is_plain(to_lines(record, message, detail::records, true)));
             FUZZ_CHECK(nlohmann::json::accept(l2vpnd::to_line(describe(record, message, detail::records))));
-            count++;
-            return true;
-        });
+        }
+        const pcapng_summary summary = reader.summary();
         FUZZ_CHECK(summary.records == count && fuzz::is_plain(summary.ends_early));
     } catch (const bad_file &bad) {
         FUZZ_CHECK(*bad.what() != '\0' && fuzz::is_plain(bad.what()));

@@ -97,16 +97,7 @@ void refuse_cut(const captured &record)
 play read_play(const command_line &line)
 {
     collector all;
-    const std::vector<std::string> &files = line.recordings.files;
-    if (std::ranges::all_of(files, is_ring)) {
-        read_recordings(line, all);
-    } else {
-        command_line one = line;
-        for (const std::string &file : files) {
-            one.recordings.files = {file};
-            read_recordings(one, all);
-        }
-    }
+    read_recordings(line, all);
     play out;
     out.lost = all.lost();
     by_observer &found = all.found();

@@ -3,6 +3,7 @@
 #include "account.h"
 #include "cells.h"
 #include "command_line.h"
+#include "output.h"
 #include "player.h"
 #include "throw_away.h"
 
@@ -36,8 +37,7 @@ struct culprit {
 
 class replayer {
 public:
-    explicit replayer(const command_line &line)
-        : m_line(line), m_how(line.replay), m_play(read_play(line)), m_progress(isatty(STDERR_FILENO) == 1)
+    explicit replayer(const command_line &line) : m_line(line), m_how(line.replay), m_play(read_play(line))
     {
         for (const std::string &file : m_how.against) {
             l2vpnctl::read_tables(file, has_owners(), m_reference);
@@ -53,7 +53,7 @@ public:
         if (m_how.bisect && !all.differences.empty()) {
             first = find_first();
         }
-        tell_progress("");
+        m_progress.clear();
         m_line.as_json ? tell_programs(all, first) : tell_people(all, first);
         return all.differences.empty();
     }
@@ -65,16 +65,6 @@ private:
     bool has_owners() const
     {
         return std::ranges::all_of(records(), [](const captured &one) { return link_of(one).observer == 0; });
-    }
-
-    void tell_progress(const std::string &text)
-    {
-        if (m_progress && m_told != text) {
-            fprintf(stderr, "\r%-*s%s", static_cast<int>(m_told.size()), text.c_str(),
-                    text.empty() ? "\r" : "");
-            fflush(stderr);
-            m_told = text;
-        }
     }
 
     void play_one(player &to, size_t index, clock::time_point began, double speed)
@@ -111,7 +101,7 @@ private:
             stop_if_told();
             play_one(to, i, began, speed);
             told.take(records()[i]);
-            tell_progress(what + std::to_string((i + 1) * 100 / count) + " %");
+            m_progress.tell(what + std::to_string((i + 1) * 100 / count) + " %");
         }
         outcome out;
         out.found = to.read_tables();
@@ -203,13 +193,6 @@ private:
         return out;
     }
 
-    static void write(const std::string &text)
-    {
-        if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-            throw failure{exit_broken, std::string("cannot write to standard output: ") + strerror(errno)};
-        }
-    }
-
     void tell_people(const outcome &all, const std::optional<culprit> &first) const
     {
         std::string out;
@@ -240,7 +223,7 @@ private:
                        ? ""
                        : "(played once more up to it, nothing differed: it is not so each time)\n";
         }
-        write(out);
+        write_out(out);
     }
 
     void tell_programs(const outcome &all, const std::optional<culprit> &first) const
@@ -268,15 +251,14 @@ private:
             out["first"] = describe(record, read(record), detail::records);
             out["steady"] = first->is_steady;
         }
-        write(out.dump(2) + "\n");
+        write_out(out.dump(2) + "\n");
     }
 
     const command_line &m_line;
     const replay_options &m_how;
     const play m_play;
     tables m_reference;
-    bool m_progress;
-    std::string m_told;
+    progress_line m_progress;
 };
 
 /* Status 1 says that tables differ, and nothing else. */

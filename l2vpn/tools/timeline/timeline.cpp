@@ -129,6 +129,13 @@ private:
     uint64_t m_lost = 0;
 };
 
+std::string title_of(const std::vector<std::string> &files)
+{
+    const std::string &first = files.front();
+    return first.substr(first.rfind('/') + 1) +
+           (files.size() == 1 ? "" : " and " + std::to_string(files.size() - 1) + " more");
+}
+
 /* A file that breaks off has its page, too, and its line. */
 void timeline(const command_line &line)
 {
@@ -143,9 +150,8 @@ void timeline(const command_line &line)
     if (is_stopped()) {
         throw failure{exit_failed, "interrupted"};
     }
-    const std::string &first = line.recordings.files.front();
     if (!broken || page.has_records()) {
-        page.finish(first.substr(first.rfind('/') + 1));
+        page.finish(title_of(line.recordings.files));
     }
     if (broken) {
         std::rethrow_exception(broken);
@@ -158,7 +164,7 @@ void add_timeline(CLI::App &app, command_line &line)
 {
     CLI::App *const verb =
         app.add_subcommand("timeline", "Make a page that shows recorded messages")->fallthrough();
-    verb->add_option("file", line.recordings.files, "A pcapng file, or rings")->type_name("FILE")->required();
+    verb->add_option("file", line.recordings.files, "pcapng files or rings")->type_name("FILE")->required();
     verb->add_option("-o,--output", line.timeline.write, "The page")->type_name("FILE")->required();
     verb->add_flag("--force", line.timeline.force, "Replace a file that is there");
     verb->final_callback([&line] { line.what.run = timeline; });
