@@ -1,10 +1,11 @@
 #include "control_server.h"
 
+#include "file_access.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -31,19 +32,22 @@ qerrno remove_socket(const std::string &path)
 }
 
 /* Empty: done. Otherwise what failed, with errno set. */
-const char *set_owner_and_mode(const control_options &options)
+const char *set_group_and_mode(const control_options &options)
 {
-    if (options.group != nullptr) {
-        const struct group *entry = getgrnam(options.group);
-        if (entry == nullptr) {
-            errno = ENOENT;
-            return "no such group for";
-        }
-        if (chown(options.path.c_str(), static_cast<uid_t>(-1), entry->gr_gid) != 0) {
-            return "cannot set the group of";
-        }
+    using namespace l2vpn::platform_posix;
+    gid_t group = same_group;
+    if (const qerrno status = find_group(options.group, &group); status != EOK) {
+        errno = static_cast<int>(status);
+        return "no such group for";
     }
-    return chmod(options.path.c_str(), options.mode) == 0 ? "" : "cannot set the mode of";
+    switch (give_access(options.path, group, options.mode)) {
+    case access_fault::group:
+        return "cannot set the group of";
+    case access_fault::mode:
+        return "cannot set the mode of";
+    default:
+        return "";
+    }
 }
 
 /* With the cause in errno. */
@@ -125,7 +129,7 @@ qerrno control_server::make_socket(const control_options &options, std::string *
     if (lstat(m_path.c_str(), &m_file) != 0) {
         return failed("cannot find");
     }
-    if (const char *what = set_owner_and_mode(options); *what != '\0') {
+    if (const char *what = set_group_and_mode(options); *what != '\0') {
         return failed(what);
     }
     return listen(m_fd, 16) == 0 ? EOK : failed("cannot listen on");

@@ -9,9 +9,11 @@
  * close, the sockets' files go, the exit status is 0.
  */
 #include "control_server.h"
+#include "file_access.h"
 #include "options.h"
 #include "service.h"
 #include "supervisor.h"
+#include "unique_fd.h"
 
 #include <cerrno>
 #include <csignal>
@@ -20,7 +22,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
-#include <grp.h>
 #include <memory>
 #include <new>
 #include <platform/config.h>
@@ -144,15 +145,18 @@ void start_capture(const program_options &options)
     if (*path == '\0') {
         return;
     }
-    const group *readers = options.group.empty() ? nullptr : getgrnam(options.group.c_str());
-    const int ring = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (ring < 0 || (readers != nullptr && fchown(ring, static_cast<uid_t>(-1), readers->gr_gid) != 0) ||
-        fchmod(ring, ring_mode) != 0) {
-        fprintf(stderr, "%sl2vpnd: %s: only its owner may read it: %s\n", journal_prefix(LOG_WARNING), path,
-                text_of(errno).c_str());
+    using namespace l2vpn::platform_posix;
+    gid_t readers = same_group;
+    const unique_fd ring(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    std::string why;
+    if (find_group(options.group.empty() ? nullptr : options.group.c_str(), &readers) != EOK) {
+        why = "no group " + options.group;
+    } else if (!ring || give_access(ring.get(), readers, ring_mode) != access_fault::none) {
+        why = text_of(errno);
     }
-    if (ring >= 0) {
-        close(ring);
+    if (!why.empty()) {
+        fprintf(stderr, "%sl2vpnd: %s: only its owner may read it: %s\n", journal_prefix(LOG_WARNING), path,
+                why.c_str());
     }
 }
 

@@ -19,15 +19,16 @@ protected:
     std::string operators() const { return runtime_dir() + "/L2VPN.ctl"; }
 
     /* l2vpnd with these as its descriptors 3, 4, ..., as the convention of passed sockets has it. */
-    void start_with(const std::vector<int> &sockets)
+    void start_with(const std::vector<int> &sockets, const std::vector<std::string> &more = {})
     {
         std::string script = "export LISTEN_PID=$$ LISTEN_FDS=" + std::to_string(sockets.size()) + "; exec";
         for (size_t i = 0; i < sockets.size(); i++) {
             script += " " + std::to_string(3 + i) + "<&" + std::to_string(sockets[i]);
         }
         script += R"(; exec "$0" "$@")";
-        const std::vector<std::string> arguments = {
+        std::vector<std::string> arguments = {
             "-c", script, system_test::binary("l2vpnd"), "--runtime-dir", runtime_dir(), "--nodeid", "7"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
         m_daemon = std::make_unique<system_test::child>("/bin/bash", arguments);
     }
 

@@ -71,6 +71,18 @@ TEST_F(service_test, serves_on_sockets_that_are_passed_in_and_leaves_their_files
     EXPECT_EQ(m_daemon->err(), "");
 }
 
+/* Sockets that are passed in have their groups already; the ring is its own. */
+TEST_F(service_test, a_ring_that_its_group_cannot_have_is_told_of)
+{
+    const bound_socket links(owners(), SOCK_SEQPACKET);
+    const bound_socket control(operators(), SOCK_STREAM);
+    start_with({links.fd(), control.fd()}, {"--group", "no-such-group-here"});
+    ASSERT_TRUE(serves());
+    const std::string ring = status()["capture"];
+    EXPECT_EQ(m_daemon->err(),
+              "l2vpnd: " + ring + ": only its owner may read it: no group no-such-group-here\n");
+}
+
 TEST_F(service_test, a_second_process_serves_on_the_same_sockets)
 {
     const bound_socket links(owners(), SOCK_SEQPACKET);

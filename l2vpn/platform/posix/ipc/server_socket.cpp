@@ -12,11 +12,11 @@
 #include "server.h"
 
 #include "../config_internal.h"
+#include "../file_access.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 
@@ -26,6 +26,7 @@ namespace {
 
 constexpr mode_t socket_mode_default = 0660;
 constexpr mode_t lock_mode = 0600;
+constexpr mode_t directory_mode = 0750;
 constexpr int lock_attempts = 16;
 
 qerrno failed(std::string *error, qerrno status, const std::string &what)
@@ -39,25 +40,24 @@ qerrno failed_errno(std::string *error, const std::string &what)
     return failed(error, static_cast<qerrno>(errno), what);
 }
 
-/* The id of a group; for no name, `*gid` stays as it is. */
-qerrno find_group(const char *name, gid_t *gid, std::string *error)
+qerrno find_group(const char *name, gid_t *group, std::string *error)
 {
-    if (name == nullptr) {
+    const qerrno status = platform_posix::find_group(name, group);
+    return status == EOK ? EOK : failed(error, status, std::string("no group ") + name);
+}
+
+qerrno give_access(const std::string &path, const char *group, gid_t group_id, mode_t mode,
+                   std::string *error)
+{
+    using platform_posix::access_fault;
+    switch (platform_posix::give_access(path, group_id, mode)) {
+    case access_fault::group:
+        return failed_errno(error, "cannot give " + path + " to the group " + group);
+    case access_fault::mode:
+        return failed_errno(error, "cannot set the mode of " + path);
+    default:
         return EOK;
     }
-    std::vector<char> room(1024);
-    group entry{};
-    group *found = nullptr;
-    int status = 0;
-    while ((status = getgrnam_r(name, &entry, room.data(), room.size(), &found)) == ERANGE) {
-        room.resize(room.size() * 2);
-    }
-    if (found == nullptr) {
-        return failed(error, status != 0 ? static_cast<qerrno>(status) : qerrno{ENOENT},
-                      std::string("no group ") + name);
-    }
-    *gid = found->gr_gid;
-    return EOK;
 }
 
 /* Makes the runtime directory where missing. A new one is opened to the socket's group, or its members could
@@ -71,12 +71,9 @@ qerrno make_directory(const l2vpn_ipc_server_options_t &options, gid_t group_id,
         return status;
     }
     /* The group gets in whatever the umask took away. */
-    if (is_new && options.group != nullptr &&
-        (lchown(directory.c_str(), static_cast<uid_t>(-1), group_id) != 0 ||
-         chmod(directory.c_str(), 0750) != 0)) {
-        return failed_errno(error, "cannot give " + directory + " to the group " + options.group);
-    }
-    return EOK;
+    return is_new && options.group != nullptr
+               ? give_access(directory, options.group, group_id, directory_mode, error)
+               : EOK;
 }
 
 bool same_file(const struct stat &one, const struct stat &other)
@@ -166,11 +163,8 @@ qerrno make_socket(const l2vpn_ipc_server_options_t &options, gid_t group_id, li
     if (listen(made.socket.get(), SOMAXCONN) != 0) {
         return failed_errno(error, "cannot listen at " + path);
     }
-    if (options.group != nullptr && lchown(path.c_str(), static_cast<uid_t>(-1), group_id) != 0) {
-        return failed_errno(error, "cannot give " + path + " to the group " + options.group);
-    }
     const mode_t mode = options.socket_mode != 0 ? options.socket_mode : socket_mode_default;
-    return chmod(path.c_str(), mode) == 0 ? EOK : failed_errno(error, "cannot set the mode of " + path);
+    return give_access(path, options.group, group_id, mode, error);
 }
 
 bool socket_option_is(int fd, int option, int wanted)
@@ -211,7 +205,7 @@ qerrno listening_open(const std::string &path, const l2vpn_ipc_server_options_t 
     if (options.listen_fd >= 0) {
         return take_socket(options.listen_fd, *opened, error);
     }
-    auto group_id = static_cast<gid_t>(-1);
+    gid_t group_id = platform_posix::same_group;
     qerrno status = find_group(options.group, &group_id, error);
     if (status == EOK) {
         status = make_directory(options, group_id, error);
