@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -85,8 +84,8 @@ struct server_failures : testing::Test {
 
 TEST_F(server_failures, each_is_told_in_a_line_and_leaves_nothing)
 {
-    const std::string group = group_name(getegid());
-    options.group = group.c_str();
+    const named_group group = some_group();
+    options.group = group.name.c_str();
     const unsigned calls = every_call({}, [&] {
         EXPECT_FALSE(fs::exists(path));
         /* A lock file that was not to be locked may be another server's. */
@@ -140,8 +139,8 @@ TEST_F(server_failures, a_socket_file_that_cannot_be_looked_at_is_named)
 
 TEST_F(server_failures, a_group_with_many_members_is_found)
 {
-    const std::string group = group_name(getegid());
-    options.group = group.c_str();
+    const named_group group = some_group();
+    options.group = group.name.c_str();
     const auto too_long = [](const auto &work) { return fail_call("getgrnam_r", ERANGE, work); };
     EXPECT_EQ(attempt(too_long).cause, ERANGE);
     EXPECT_EQ(status, qerrno{EOK}) << error;

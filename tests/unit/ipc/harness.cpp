@@ -75,11 +75,24 @@ std::string test_name()
     return name;
 }
 
-std::string group_name(gid_t group)
+named_group some_group()
 {
-    const struct group *const entry = getgrgid(group);
-    EXPECT_NE(entry, nullptr) << "group " << group << " has no name here";
-    return entry != nullptr ? entry->gr_name : "";
+    if (geteuid() == 0) {
+        const struct group *const daemon = getgrnam("daemon");
+        EXPECT_NE(daemon, nullptr) << "there is no group 'daemon'";
+        return daemon != nullptr ? named_group{daemon->gr_name, daemon->gr_gid} : named_group{};
+    }
+    std::vector<gid_t> own = {getegid()};
+    own.resize(1 + static_cast<size_t>(std::max(0, getgroups(0, nullptr))));
+    own.resize(1 +
+               static_cast<size_t>(std::max(0, getgroups(static_cast<int>(own.size() - 1), own.data() + 1))));
+    for (const gid_t id : own) {
+        if (const struct group *const entry = getgrgid(id); entry != nullptr) {
+            return {entry->gr_name, id};
+        }
+    }
+    ADD_FAILURE() << "no group of this user has a name";
+    return {};
 }
 
 std::vector<std::string> syslog_lines()

@@ -46,7 +46,12 @@ std::string socket_path(const std::string &service);
 std::string test_name();
 
 /* The name of a group; without one the test fails. */
-std::string group_name(gid_t group);
+struct named_group {
+    std::string name;
+    gid_t id;
+};
+/* One that this user may give files to, and that is not its own where it may give them to others. */
+named_group some_group();
 
 /* The lines that the platform gave to the system's log so far. */
 std::vector<std::string> syslog_lines();

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -48,22 +47,11 @@ TEST_F(socket_test, has_the_mode_that_was_asked_for)
     EXPECT_EQ(file().st_mode, mode_t{S_IFSOCK | 0606});
 }
 
-/* A group that this user may give files to: any for root, one of its own for others. */
-gid_t some_group()
-{
-    if (geteuid() != 0)
-        return getegid();
-    const group *const daemon = getgrnam("daemon");
-    EXPECT_NE(daemon, nullptr);
-    return daemon != nullptr ? daemon->gr_gid : 0;
-}
-
 TEST_F(socket_test, lets_its_group_into_a_new_directory_whatever_the_umask)
 {
-    const gid_t wanted = some_group();
-    const std::string name = group_name(wanted);
+    const named_group wanted = some_group();
     auto options = recording_server::defaults;
-    options.group = name.c_str();
+    options.group = wanted.name.c_str();
     fs::remove_all(runtime_dir());
     const mode_t before = umask(077);
     const qerrno status = server.start(on, service, options);
@@ -72,18 +60,17 @@ TEST_F(socket_test, lets_its_group_into_a_new_directory_whatever_the_umask)
     struct stat found {};
     ASSERT_EQ(stat(runtime_dir().c_str(), &found), 0);
     EXPECT_EQ(found.st_mode, mode_t{S_IFDIR | 0750});
-    EXPECT_EQ(found.st_gid, wanted);
+    EXPECT_EQ(found.st_gid, wanted.id);
     EXPECT_EQ(file().st_mode, mode_t{S_IFSOCK | 0660});
 }
 
 TEST_F(socket_test, belongs_to_the_group_that_was_asked_for)
 {
-    const gid_t wanted = some_group();
-    const std::string name = group_name(wanted);
+    const named_group wanted = some_group();
     auto options = recording_server::defaults;
-    options.group = name.c_str();
+    options.group = wanted.name.c_str();
     ASSERT_EQ(server.start(on, service, options), qerrno{EOK}) << l2vpn_ipc_server_error();
-    EXPECT_EQ(file().st_gid, wanted);
+    EXPECT_EQ(file().st_gid, wanted.id);
 }
 
 TEST_F(socket_test, is_not_made_for_an_unknown_group)
