@@ -71,10 +71,25 @@ void chain::follow_number(recorder_state &of, const record_head &head)
     of.next = std::max(of.next, head.number + 1);
 }
 
+/* The parts of one capture are of one recorder: the next one begins where the one before has stopped. */
+chain::recorder chain::recorder_of(size_t source, const record_head &head)
+{
+    const recorder own{source, head.by, head.by == observer::process ? 0 : head.pid};
+    const auto known = m_parts.find(own);
+    if (known != m_parts.end()) {
+        return known->second;
+    }
+    const auto before = std::ranges::find_if(m_recorders, [&](const auto &one) {
+        const auto &[source_of, by, pid] = one.first;
+        return by == head.by && pid == std::get<2>(own) && head.number > 0 && one.second.next == head.number;
+    });
+    return m_parts.emplace(own, before != m_recorders.end() ? before->first : own).first->second;
+}
+
 void chain::take(size_t source, const captured &record)
 {
     const record_head &head = record.head;
-    recorder_state &of = m_recorders[{source, head.by, head.by == observer::process ? 0 : head.pid}];
+    recorder_state &of = m_recorders[recorder_of(source, head)];
     follow_number(of, head);
     switch (head.kind) {
     case record_kind::message:

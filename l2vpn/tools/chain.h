@@ -94,6 +94,7 @@ private:
         uint64_t next = 0; /* the number that is expected */
     };
 
+    recorder recorder_of(size_t source, const l2vpn::capture::record_head &head);
     static void follow_number(recorder_state &of, const l2vpn::capture::record_head &head);
     void take_message(recorder_state &of, size_t source, const captured &record);
     void take_request(recorder_state &of, link_state &on, chain_step made);
@@ -109,6 +110,7 @@ private:
 
     ac_key m_key;
     std::map<recorder, recorder_state> m_recorders;
+    std::map<recorder, recorder> m_parts; /* whose records each one's are */
     std::vector<chain_step> m_first;
     std::deque<chain_step> m_last;
     uint64_t m_left_out = 0;

@@ -76,6 +76,28 @@ TEST(chain, takes_what_was_cut_for_its_create)
     EXPECT_EQ(codes(story), "created deleted updated");
 }
 
+TEST(chain, goes_on_where_another_part_of_the_capture_has_stopped)
+{
+    chain story({7, 3, handle});
+    story.take(0, received(0, create(3, {handle}, 0x1)));
+    story.take(1, received(1, create(3, {0x12}, 0x2)));
+    EXPECT_EQ(codes(story), "created batch-closed");
+    EXPECT_FALSE(story.latest({})->batched);
+    story.take(1, received(2, remove({handle})));
+    EXPECT_EQ(codes(story), "created batch-closed deleted");
+    EXPECT_EQ(story.latest({})->where, standing::place::deleted);
+    EXPECT_FALSE(story.latest({})->in_doubt);
+}
+
+TEST(chain, keeps_processes_apart_whose_records_do_not_go_on)
+{
+    chain story({7, 3, handle});
+    story.take(0, received(0, create(3, {handle}, 0x1)));
+    story.take(1, received(0, create(3, {0x12}, 0x2)));
+    EXPECT_EQ(codes(story), "created");
+    EXPECT_TRUE(story.latest({})->batched);
+}
+
 TEST(chain, forgets_open_batches_where_their_end_may_be_missing)
 {
     chain story({7, 3, handle});
