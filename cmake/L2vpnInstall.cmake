@@ -68,7 +68,7 @@ file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_
 install(FILES ${documents} ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The unit names the daemon and its file of options where they are being installed, which is known only then. What
-# belongs to /usr has its files in /etc.
+# belongs to /usr has its files in /etc. A file of options that is there already is its operator's.
 install(CODE "
     cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
     cmake_path(APPEND prefix \"${CMAKE_INSTALL_SBINDIR}\" OUTPUT_VARIABLE sbindir)
@@ -78,7 +78,12 @@ install(CODE "
     endif()
     cmake_path(APPEND sysconfdir \"${CMAKE_INSTALL_SYSCONFDIR}\")
     configure_file(\"${packaging}/systemd/l2vpnd.service.in\" \"${made}/l2vpnd.service\" @ONLY)
-    file(INSTALL \"${packaging}/systemd/l2vpnd.conf\" DESTINATION \"\${sysconfdir}/l2vpn\")")
+    set(options \"\${sysconfdir}/l2vpn/l2vpnd.conf\")
+    if(EXISTS \"\$ENV{DESTDIR}\${options}\" OR IS_SYMLINK \"\$ENV{DESTDIR}\${options}\")
+        message(STATUS \"Kept: \$ENV{DESTDIR}\${options}\")
+    else()
+        file(INSTALL \"${packaging}/systemd/l2vpnd.conf\" DESTINATION \"\${sysconfdir}/l2vpn\")
+    endif()")
 # Scripts name the files that they look into by absolute paths, too.
 install(CODE "
     cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)

@@ -15,6 +15,11 @@ fail() {
 }
 
 "$cmake" --install "$build" --prefix "$work/first" >/dev/null
+options=$work/first/etc/l2vpn/l2vpnd.conf
+echo 'max-acs = 17' >>"$options"
+cp "$options" "$work/edited"
+"$cmake" --install "$build" --prefix "$work/first" >/dev/null
+if ! cmp -s "$options" "$work/edited"; then fail "a second installation replaces an edited file of options"; fi
 mv "$work/first" "$work/moved"
 prefix=$work/moved
 lib=$(dirname "$(find "$prefix" -name libl2vpn_ac.so.1)")
