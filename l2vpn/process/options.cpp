@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include "log.h"
+#include "number_option.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -54,24 +55,24 @@ void describe(CLI::App &app, program_options &options)
     app.add_option("--group", options.group, "Group of the sockets")->type_name("NAME");
     app.add_option("--nodeid", options.nodeid, "Id of this node")
         ->type_name("N")
-        ->check(CLI::Range(uint32_t{0}, largest_nodeid).description(""));
+        ->transform(number(0, largest_nodeid));
     app.add_option("--mtu", options.mtu, "Largest message in bytes")
         ->type_name("BYTES")
-        ->check(CLI::Range(hdr_len, largest_mtu).description(""));
+        ->transform(number(hdr_len, largest_mtu));
     app.add_flag("--auto-provision", options.process.auto_provision,
                  "Provision every new AC when its batch is complete")
         ->check(check_flag);
     app.add_option("--max-acs", options.process.max_acs, "ACs that are kept at most")
         ->type_name("N")
-        ->check(CLI::Range(uint32_t{1}, most_acs).description(""))
+        ->transform(number(1, most_acs))
         ->capture_default_str();
     app.add_option("--max-owners", options.process.max_owners, "Owners that are served at most")
         ->type_name("N")
-        ->check(CLI::Range(uint32_t{1}, most_owners).description(""))
+        ->transform(number(1, most_owners))
         ->capture_default_str();
     app.add_option("--max-mstp", options.process.max_mstp, "MSTP records that are kept at most")
         ->type_name("N")
-        ->check(CLI::Range(uint32_t{1}, most_acs).description(""))
+        ->transform(number(1, most_acs))
         ->capture_default_str();
     app.add_option(
            "--capture", options.capture,
@@ -85,7 +86,7 @@ void describe(CLI::App &app, program_options &options)
         });
     app.add_option("--capture-size", options.capture_size, "Size of that ring")
         ->type_name("KIB")
-        ->check(CLI::Range(smallest_ring, largest_ring).description(""))
+        ->transform(number(smallest_ring, largest_ring))
         ->capture_default_str();
     app.add_option("--log", "Where the log goes")
         ->type_name("stderr|syslog")

@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include "command_line_numbers.h"
 #include "command_line_watch.h"
 #include "replay/replay.h"
 #include "timeline/timeline.h"
@@ -69,11 +70,11 @@ std::string wrong(const std::string &part, const std::string &whole, const char 
 
 uint32_t number_in(const std::string &text, const std::string &field)
 {
-    uint64_t value = 0;
-    if (!CLI::detail::lexical_cast(text, value) || value > UINT32_MAX) {
+    const std::optional<uint64_t> value = l2vpnd::number_in(text);
+    if (!value || *value > UINT32_MAX) {
         throw CLI::ValidationError("--record", wrong(text, field, "is no number of 32 bits"));
     }
-    return static_cast<uint32_t>(value);
+    return static_cast<uint32_t>(*value);
 }
 
 /* "word=1,half=2,octets=0102,words=1:2:3:4,opaque=01020304,word2=5", any of them, in any order. */
@@ -102,15 +103,11 @@ json record_in(const std::string &text)
     return record;
 }
 
-constexpr uint32_t last_class = 17;
-
 void add_owner_choice(CLI::App &verb, values &given)
 {
-    verb.add_option("--owner", given.owner, "The client with this number")->type_name("N");
-    verb.add_option("--class", given.class_id, "Of this class")
-        ->type_name("0-17")
-        ->check(CLI::Range(uint32_t{0}, last_class).description(""));
-    verb.add_option("--node", given.node, "Of this node")->type_name("N");
+    add_number(verb, "--owner", given.owner, "The client with this number");
+    add_class(verb, given.class_id);
+    add_number(verb, "--node", given.node, "Of this node");
 }
 
 void add_ac_choice(CLI::App &verb, values &given)
@@ -121,7 +118,8 @@ void add_ac_choice(CLI::App &verb, values &given)
     verb.add_option("--handle", given.handles, "With this interface handle; may be repeated")
         ->type_name("N")
         ->type_size(1)
-        ->take_all();
+        ->take_all()
+        ->transform(l2vpnd::number());
     verb.add_option("--state", given.state, "In this state")
         ->type_name("STATE")
         ->check(CLI::IsMember({"batched", "created", "provisioned", "provisioning", "unprovisioning"}));
@@ -208,13 +206,13 @@ void add_commands(CLI::App &app, command_line &line, values &given)
                                     args["word2"] = v.word2;
                                     args["word3"] = v.word3;
                                 });
-    header->add_option("--word2", given.word2, "The third word of the header")->type_name("N");
-    header->add_option("--word3", given.word3, "The fourth word of the header")->type_name("N");
+    add_number(*header, "--word2", given.word2, "The third word of the header");
+    add_number(*header, "--word3", given.word3, "The fourth word of the header");
     CLI::App *flags = add_verb(*notify, "flags", "A flags notice: bit 0x2 is set in any case", line, given,
                                {"notify", {{"kind", "flags"}}, nullptr, nullptr, view_of_notify},
                                [](const values &v, json &args) { args["flags"] = v.flags; });
     for (CLI::App *with_flags : {bulk, flags}) {
-        with_flags->add_option("--flags", given.flags, "The header's flags word")->type_name("N");
+        add_number(*with_flags, "--flags", given.flags, "The header's flags word");
     }
     for (CLI::App *kind : {bulk, header, flags}) {
         add_owner_choice(*kind, given);
@@ -237,7 +235,7 @@ std::optional<exit_status> read_command_line(int argc, char **argv, command_line
         ->check(CLI::IsMember({"auto", "always", "never"}));
     app.add_option("--timeout", patience, "Milliseconds that all of it may take (60000)")
         ->type_name("MS")
-        ->check(CLI::Range(1, 3'600'000).description(""));
+        ->transform(l2vpnd::number(1, 3'600'000));
     app.require_subcommand(1);
     add_shows(app, line, given);
     add_commands(app, line, given);

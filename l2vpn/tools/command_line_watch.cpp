@@ -1,10 +1,10 @@
 #include "command_line_watch.h"
 
+#include "command_line_numbers.h"
+
 namespace l2vpnctl {
 
 namespace {
-
-constexpr uint32_t last_class = 17;
 
 /* monitor and capture. */
 void add_recordings(CLI::App &app, command_line &line)
@@ -14,7 +14,7 @@ void add_recordings(CLI::App &app, command_line &line)
         CLI::App *verb = app.add_subcommand(name, text)->fallthrough();
         verb->add_option("--count", to.count, "End after so many records")
             ->type_name("N")
-            ->check(CLI::Range(uint64_t{1}, UINT64_MAX).description(""));
+            ->transform(l2vpnd::number(1, UINT64_MAX));
         verb->add_flag("--history", to.history, "What the process's ring holds already, too");
         verb->final_callback([&line, run] { line.what.run = run; });
         return verb;
@@ -25,15 +25,14 @@ void add_recordings(CLI::App &app, command_line &line)
                      "From a pcapng file or a ring instead of the process; may be repeated")
         ->type_name("FILE")
         ->excludes("--history");
-    seen->add_option("--owner", choice.owner, "Of the client with this number")->type_name("N");
-    seen->add_option("--class", choice.class_id, "Of this class")
-        ->type_name("0-17")
-        ->check(CLI::Range(uint32_t{0}, last_class).description(""));
+    add_number(*seen, "--owner", choice.owner, "Of the client with this number");
+    add_class(*seen, choice.class_id);
     seen->add_option("--type", choice.type, "Of this message type: CREATE, PROV, ...")->type_name("TYPE");
     seen->add_option("--handle", choice.handles, "That name an AC with this handle; may be repeated")
         ->type_name("N")
         ->type_size(1)
-        ->take_all();
+        ->take_all()
+        ->transform(l2vpnd::number());
     seen->add_option("--name", choice.name,
                      "That name an AC whose name matches, since it was seen to be created; *, ? and []")
         ->type_name("PATTERN");
@@ -50,11 +49,11 @@ void add_recordings(CLI::App &app, command_line &line)
         ->excludes("--history");
     kept->add_option("--size", to.size_mib, "A file is full with so many MiB (64)")
         ->type_name("MIB")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 20).description(""));
+        ->transform(l2vpnd::number(1, uint64_t{1} << 20));
     kept->add_option("--files", to.written_files,
                      "So many files are kept (4); with 1, the capture ends when it is full")
         ->type_name("N")
-        ->check(CLI::Range(1, 1000).description(""));
+        ->transform(l2vpnd::number(1, 1000));
     kept->add_flag("--force", to.force, "Replace files that are there");
 }
 
@@ -71,11 +70,9 @@ void add_explain(CLI::App &app, command_line &line)
         ->type_size(1)
         ->take_all();
     record_choice &choice = line.recordings.choice;
-    verb->add_option("--owner", choice.owner, "Of the client with this number")->type_name("N");
-    verb->add_option("--class", choice.class_id, "Of this class")
-        ->type_name("0-17")
-        ->check(CLI::Range(uint32_t{0}, last_class).description(""));
-    verb->add_option("--node", choice.node, "Of this node")->type_name("N");
+    add_number(*verb, "--owner", choice.owner, "Of the client with this number");
+    add_class(*verb, choice.class_id);
+    add_number(*verb, "--node", choice.node, "Of this node");
     verb->final_callback([&line] { line.what.run = explain; });
 }
 
@@ -90,7 +87,7 @@ void add_top(CLI::App &app, command_line &line)
         ->check(CLI::Range(shortest, longest).description(""));
     CLI::Option *count = verb->add_option("--count", line.top.count, "End after so many refreshes")
                              ->type_name("N")
-                             ->check(CLI::Range(uint64_t{1}, UINT64_MAX).description(""));
+                             ->transform(l2vpnd::number(1, UINT64_MAX));
     verb->add_flag("--once", line.top.once, "One refresh: rates since the beginning")->excludes(count);
     verb->final_callback([&line] { line.what.run = top; });
 }

@@ -75,6 +75,11 @@ TEST_F(options_test, a_bad_file_of_options_ends_the_start_in_one_line)
         {"max-acs = many", "max-acs"},
         {"max-acs = 99999999999999999999", "max-acs"},
         {"mtu = 1", "mtu"},
+        {"max-acs = 0x", "max-acs"},
+        {"max-acs = -1", "max-acs"},
+        {"max-acs = 100000001", "max-acs"},
+        {"max-acs = 18446744073709551617", "max-acs"}, // which is 1, cut to 64 bits
+        {"nodeid = 4294967296", "nodeid"},
         {"max-bcs = 1", "max-bcs"},
         {"config = options", "config"},
         {"log = nowhere", "log"},
@@ -118,6 +123,17 @@ TEST_F(options_test, takes_a_file_of_options_as_it_is_written_by_hand)
     EXPECT_EQ(now["max_acs"], 16);
     EXPECT_EQ(now["max_owners"], 5);
     EXPECT_EQ(now["auto_provision"], true);
+    EXPECT_EQ(stop(), 0);
+}
+
+TEST_F(options_test, a_leading_zero_makes_no_octal_number)
+{
+    const std::string file = m_dir.write("options", "max-acs = 0100\n");
+    start_without_sockets({"--config", file, "--max-owners", "0010"});
+    ASSERT_TRUE(serves()) << m_daemon->err();
+    const json now = status();
+    EXPECT_EQ(now["max_acs"], 100);
+    EXPECT_EQ(now["max_owners"], 10);
     EXPECT_EQ(stop(), 0);
 }
 

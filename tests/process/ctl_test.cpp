@@ -4,9 +4,12 @@
 #include "daemon.h"
 #include "table.h"
 
+#include <algorithm>
 #include <fcntl.h>
+#include <iterator>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -91,6 +94,19 @@ TEST(ctl, says_what_is_wrong_with_the_command_line)
         {{"show", "everything"}, "everything"},
         {{"show", "acs", "--class", "18"}, "--class"},
         {{"show", "acs", "--class", "x"}, "--class"},
+        {{"show", "acs", "--class", "15"}, "no class 15"},
+        {{"show", "acs", "--class", "021"}, "no class 21"},
+        {{"monitor", "--class", "15"}, "no class 15"},
+        {{"explain", "--class", "15", "a"}, "no class 15"},
+        {{"show", "acs", "--owner", "99999999999999999999"}, "--owner"},
+        {{"show", "acs", "--owner", "18446744073709551616"}, "--owner"},
+        {{"show", "acs", "--node", "0x100000000"}, "--node"},
+        {{"show", "acs", "--node", "0x"}, "--node"},
+        {{"show", "acs", "--node", "1e1"}, "--node"},
+        {{"show", "acs", "--handle", "0b1"}, "--handle"},
+        {{"notify", "bulk", "--all", "--record", "word=0x1ffffffff"}, "word=0x1ffffffff"},
+        {{"capture", "-w", "x", "--files", "1001"}, "--files"},
+        {{"capture", "-w", "x", "--size", "0"}, "--size"},
         {{"show", "acs", "--node", "-1"}, "--node"},
         {{"show", "acs", "--handle", "4294967296"}, "--handle"},
         {{"show", "acs", "--state", "asleep"}, "--state"},
@@ -113,75 +129,137 @@ TEST(ctl, says_what_is_wrong_with_the_command_line)
 
 namespace {
 
-const std::vector<std::vector<std::string>> every_verb = {
-    {},
-    {"status"},
-    {"show"},
-    {"show", "clients"},
-    {"show", "acs"},
-    {"show", "mstp"},
-    {"show", "batches"},
-    {"show", "counters"},
-    {"counters"},
-    {"provision"},
-    {"unprovision"},
-    {"notify"},
-    {"notify", "bulk"},
-    {"notify", "header"},
-    {"notify", "flags"},
-    {"monitor"},
-    {"capture"},
-    {"explain"},
-    {"top"},
-};
+using words = std::vector<std::string>;
+
+std::string help_of(words verb)
+{
+    verb.emplace_back("--help");
+    const system_test::result help = run_ctl(verb);
+    EXPECT_EQ(help.status, 0) << help.err;
+    EXPECT_EQ(help.err, "");
+    return help.out;
+}
+
+/* Where `pattern` matches, its groups. */
+std::vector<std::smatch> matches(const std::string &text, const std::regex &pattern)
+{
+    return {std::sregex_iterator(text.begin(), text.end(), pattern), std::sregex_iterator()};
+}
+
+std::set<std::string> verbs_in(const std::string &help)
+{
+    static const std::regex verb("\n  ([a-z][a-z-]*) ");
+    std::set<std::string> found;
+    const size_t list = help.find("\nSubcommands:\n");
+    const std::string rest = list == std::string::npos ? "" : help.substr(list);
+    for (const std::smatch &one : matches(rest, verb)) {
+        found.insert(one[1]);
+    }
+    return found;
+}
+
+/* All that --help leads to, the program itself first. */
+std::vector<words> every_verb(const words &above = {})
+{
+    std::vector<words> found = {above};
+    for (const std::string &verb : verbs_in(help_of(above))) {
+        words below = above;
+        below.push_back(verb);
+        const std::vector<words> more = every_verb(below);
+        found.insert(found.end(), more.begin(), more.end());
+    }
+    return found;
+}
+
+std::string joined(const words &from)
+{
+    std::string out = "l2vpnctl";
+    for (const std::string &word : from) {
+        out += " " + word;
+    }
+    return out;
+}
 
 /* The long options in a text, each once. */
 std::set<std::string> options_in(const std::string &text)
 {
     static const std::regex option("(^|[ ,\n])(--[a-z0-9-]+)");
     std::set<std::string> found;
-    for (std::sregex_iterator at(text.begin(), text.end(), option), end; at != end; ++at) {
-        found.insert((*at)[2]);
+    for (const std::smatch &one : matches(text, option)) {
+        found.insert(one[2]);
     }
     return found;
+}
+
+/* What is offered behind these words, in an empty folder. */
+std::set<std::string> completions_of(const std::string &line)
+{
+    const system_test::temp_dir dir;
+    const system_test::result offered = system_test::run(
+        "/bin/bash",
+        {"-c",
+         "cd \"$2\"; source \"$0\"; COMP_WORDS=($1 \"\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
+         "_l2vpnctl; echo \"${COMPREPLY[@]}\"",
+         L2VPN_COMPLETION, line, dir.path()});
+    EXPECT_EQ(offered.err, "");
+    std::istringstream text(offered.out);
+    return {std::istream_iterator<std::string>(text), std::istream_iterator<std::string>()};
 }
 
 } // namespace
 
 TEST(ctl, explains_every_verb)
 {
-    for (std::vector<std::string> arguments : every_verb) {
-        std::string name = "l2vpnctl";
-        for (const std::string &word : arguments) {
-            name += " " + word;
-        }
-        arguments.emplace_back("--help");
-        const system_test::result help = run_ctl(arguments);
-        EXPECT_EQ(help.status, 0);
-        EXPECT_EQ(help.err, "");
-        EXPECT_NE(help.out.find("Usage: " + name + " ["), std::string::npos) << help.out;
+    const std::vector<words> verbs = every_verb();
+    EXPECT_GE(verbs.size(), 21U);
+    for (const words &verb : verbs) {
+        const std::string help = help_of(verb);
+        EXPECT_NE(help.find("Usage: " + joined(verb) + " ["), std::string::npos) << help;
     }
 }
 
 TEST(ctl, completion_offers_what_help_lists)
 {
+    static const std::regex list("(--[a-z-]+) [A-Z]+:\\{([a-z,]+)\\}");
     const std::set<std::string> everywhere = options_in("--runtime-dir --json --color --timeout --help");
-    for (std::vector<std::string> arguments : every_verb) {
-        std::string words = "l2vpnctl";
-        for (const std::string &word : arguments) {
-            words += " " + word;
-        }
-        arguments.emplace_back("--help");
-        std::set<std::string> expected = options_in(run_ctl(arguments).out);
+    for (const words &verb : every_verb()) {
+        const std::string help = help_of(verb);
+        std::set<std::string> expected = options_in(help);
         expected.insert(everywhere.begin(), everywhere.end());
-        const system_test::result offered = system_test::run(
-            "/bin/bash",
-            {"-c",
-             "source \"$0\"; COMP_WORDS=($1 \"\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _l2vpnctl; "
-             "echo \"${COMPREPLY[@]}\"",
-             L2VPN_COMPLETION, words});
-        EXPECT_EQ(options_in(offered.out), expected) << words << offered.err;
+        expected.merge(verbs_in(help));
+        EXPECT_EQ(completions_of(joined(verb)), expected) << joined(verb);
+        for (const std::smatch &one : matches(help, list)) {
+            std::string values = one[2];
+            std::replace(values.begin(), values.end(), ',', ' ');
+            std::istringstream text(values);
+            EXPECT_EQ(completions_of(joined(verb) + " " + one[1].str()),
+                      std::set<std::string>(std::istream_iterator<std::string>(text), {}))
+                << joined(verb) << one[1];
+        }
     }
+}
+
+TEST(ctl, completion_offers_values_that_are_taken)
+{
+    const system_test::temp_dir dir;
+    std::set<std::string> classes;
+    for (int i = 0; i < 20; i++) {
+        const std::string number = std::to_string(i);
+        if (run_ctl({"--runtime-dir", dir.path(), "show", "acs", "--class", number}).status == 3) {
+            classes.insert(number);
+        }
+    }
+    EXPECT_EQ(completions_of("l2vpnctl show acs --class"), classes);
+    std::set<std::string> types;
+    for (uint32_t type = 0; type < l2vpnd::message_types; type++) {
+        if (const char *name = l2vpnd::find_message(type)->name) {
+            types.insert(name);
+        }
+    }
+    EXPECT_EQ(completions_of("l2vpnctl monitor --type"), types);
+    const system_test::result how =
+        system_test::run("/bin/bash", {"-c", "source \"$0\"; complete -p l2vpnctl", L2VPN_COMPLETION});
+    EXPECT_NE(how.out.find("-o filenames"), std::string::npos) << how.out;
 }
 
 TEST(ctl, does_not_wait_for_ever)
@@ -270,6 +348,46 @@ TEST_F(daemon_test, ctl_says_when_its_output_cannot_be_written)
         EXPECT_TRUE(is_one_line(got.err));
         EXPECT_NE(got.err.find("No space left"), std::string::npos) << got.err;
     }
+}
+
+/* A leading zero is nothing but a zero. */
+TEST_F(daemon_test, ctl_takes_numbers_as_decimal_or_hexadecimal)
+{
+    start();
+    raw_peer owner = peer(16, 10);
+    ASSERT_TRUE(owner.send(create(16, {8, 10, 16})));
+    ASSERT_TRUE(holds(3));
+    for (const auto &[choice, expected] :
+         {std::pair<std::vector<std::string>, std::vector<uint32_t>>{{"--handle", "010"}, {10}},
+          {{"--handle", "0x10"}, {16}},
+          {{"--handle", "0X0010"}, {16}},
+          {{"--handle", "08"}, {8}},
+          {{"--class", "016"}, {8, 10, 16}},
+          {{"--class", "0x10"}, {8, 10, 16}},
+          {{"--node", "0010"}, {8, 10, 16}},
+          {{"--owner", "01"}, {8, 10, 16}}}) {
+        words verb = {"show", "acs"};
+        verb.insert(verb.end(), choice.begin(), choice.end());
+        std::vector<uint32_t> found;
+        const json document = ask(verb);
+        for (const json &row : document["acs"]) {
+            found.push_back(row["handle"]);
+        }
+        EXPECT_EQ(found, expected) << choice[0] << " " << choice[1];
+    }
+    EXPECT_EQ(ctl({"provision", "--handle", "010"}).status, 0);
+    const json explained = ask({"explain", "010"});
+    EXPECT_EQ(explained["ac"]["handle"], 10);
+    EXPECT_TRUE(eventually([&] {
+        return ask({"show", "acs", "--state", "provisioned"})["acs"].size() == 1;
+    }));
+    EXPECT_EQ(ask({"show", "acs", "--state", "provisioned"})["acs"][0]["handle"], 10);
+    ASSERT_TRUE(owner.receive());
+    ASSERT_EQ(ctl({"notify", "header", "--all", "--word2", "010", "--word3", "0x10"}).status, 0);
+    const std::optional<octets> notice = owner.receive();
+    ASSERT_TRUE(notice && notice->size() == 16);
+    EXPECT_EQ((*notice)[11], 10);
+    EXPECT_EQ((*notice)[15], 16);
 }
 
 TEST(table, keeps_within_the_width_where_it_can)
