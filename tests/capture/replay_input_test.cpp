@@ -99,8 +99,8 @@ TEST_F(replay, every_bad_input_has_its_line)
     expect_refused({file, "--against", m_dir.write("c.json", R"({"acs":[{"owner":1e99}]})")}, 4,
                    "c.json: a row of \"acs\" is not as l2vpnctl prints it");
     expect_refused({file, "--program", none}, 3, "could be started to replay into: " + none);
-    expect_refused({file, "--option", "nonsense=1"}, 3, "--nonsense=1");
-    expect_refused({file, "--option", "max-acs=0"}, 3, "max-acs");
+    expect_refused({file, "--option", "nonsense=1"}, 2, "--nonsense=1");
+    expect_refused({file, "--option", "max-acs=0"}, 2, "max-acs");
     expect_refused({file, "--option", "version"}, 3, "it says something else than that it is ready");
     expect_refused({file, "--program", "/bin/true"}, 3, "it ended at once");
     expect_refused({file, "--option", "mtu=4095"}, 4, "takes messages of 4095 bytes at most, and ");
@@ -108,6 +108,23 @@ TEST_F(replay, every_bad_input_has_its_line)
     expect_refused({file, "--bisect", "--against", file}, 2, "--bisect");
     expect_refused({file, "--speed", "0"}, 2, "--speed");
     expect_refused({}, 2, "file");
+}
+
+/* Status 1 says that the tables differ; whoever cannot read it anywhere is not told so. */
+TEST_F(replay, output_that_cannot_be_written_is_no_difference)
+{
+    make_history();
+    const std::string file = keep();
+    for (const char *limit : {"max-acs=10", "max-acs=1"}) {
+        ASSERT_EQ(play({file, "--option", limit}).status, limit == std::string("max-acs=1") ? 1 : 0);
+        for (const char *form : {"--json", "--color=never"}) {
+            std::vector<std::string> arguments = words({file, "--option", limit, form});
+            arguments.insert(arguments.begin(),
+                             {"-c", "exec \"$@\" >/dev/full", "sh", system_test::binary("l2vpnctl")});
+            expect_one_line(system_test::run("/bin/sh", arguments, {"TMPDIR=" + m_folder}), 4,
+                            "cannot write to standard output: No space left on device");
+        }
+    }
 }
 
 /* Which was too long for its link then, and would be for this one. */

@@ -3,6 +3,7 @@
 #include "account.h"
 #include "cells.h"
 #include "command_line.h"
+#include "number_option.h"
 #include "output.h"
 #include "player.h"
 #include "throw_away.h"
@@ -55,6 +56,7 @@ public:
         }
         m_progress.clear();
         m_line.as_json ? tell_programs(all, first) : tell_people(all, first);
+        flush_out();
         return all.differences.empty();
     }
 
@@ -315,7 +317,7 @@ void add_replay(CLI::App &app, command_line &line)
         ->check(CLI::Range(1e-3, 1e9).description(""));
     verb->add_option("--count", line.recordings.count, "Only so many records")
         ->type_name("N")
-        ->check(CLI::Range(uint64_t{1}, UINT64_MAX).description(""));
+        ->transform(l2vpnd::number(1, UINT64_MAX));
     verb->footer(
         "Exit status: 0 the tables are the same, 1 they differ, 2 bad command line, 3 the process cannot\n"
         "be reached or started, 4 all else.");

@@ -27,9 +27,9 @@ constexpr int look_again_ms = 10;
 constexpr size_t said_most = 4096;
 constexpr std::string_view ready_line = "l2vpnd: ready on ";
 
-[[noreturn]] void fail(const std::string &what)
+[[noreturn]] void fail(const std::string &what, exit_status status = exit_unreachable)
 {
-    throw failure{exit_unreachable, "no l2vpnd could be started to replay into: " + what};
+    throw failure{status, "no l2vpnd could be started to replay into: " + what};
 }
 
 /* Beside this program in a build, in sbin when both are installed. */
@@ -157,7 +157,7 @@ void throw_away::wait_until_ready(std::chrono::milliseconds patience)
         const ssize_t got = read(m_out.get(), bytes.data(), bytes.size());
         if (got <= 0) {
             ended_by_now();
-            fail(last_words());
+            fail(last_words(), m_refused ? exit_usage : exit_unreachable);
         }
         said.append(bytes.data(), static_cast<size_t>(got));
     }
@@ -181,6 +181,7 @@ std::string throw_away::ended()
     int status = 0;
     if (m_pid > 0 && waitpid(m_pid, &status, WNOHANG) == m_pid) {
         m_pid = -1;
+        m_refused = WIFEXITED(status) && WEXITSTATUS(status) == exit_usage;
         m_end = WIFSIGNALED(status) ? "was ended by signal " + std::to_string(WTERMSIG(status))
                                     : "ended with status " + std::to_string(WEXITSTATUS(status));
     }

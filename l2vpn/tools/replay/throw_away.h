@@ -39,6 +39,7 @@ private:
     l2vpn::platform_posix::unique_fd m_out;
     pid_t m_pid = -1;
     std::string m_end;
+    bool m_refused = false; /* it has ended because of its options */
 };
 
 } // namespace l2vpnctl
