@@ -6,7 +6,12 @@ set -euo pipefail
 unit=$1 programs=$2 demo=$3
 under_filter=$(dirname "${BASH_SOURCE[0]}")/under_filter.py
 dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
+daemon=''
+clean_up() {
+    if [[ -n $daemon ]]; then { kill -KILL "$daemon" && wait "$daemon"; } 2>/dev/null || true; fi
+    rm -rf "$dir"
+}
+trap clean_up EXIT
 fail() {
     printf 'filtered.sh: %s\n' "$*" >&2
     exit 1
@@ -30,7 +35,6 @@ mkdir -m 700 "$dir/run"
 : >"$dir/l2vpnd.conf"
 "$dir/l2vpnd" --runtime-dir "$dir/run" --config "$dir/l2vpnd.conf" >"$dir/said" 2>&1 &
 daemon=$!
-trap 'kill -KILL "$daemon" 2>/dev/null || true; rm -rf "$dir"' EXIT
 says() {
     local end=$((SECONDS + 60))
     until grep -q "$1" "$dir/said"; do
@@ -42,4 +46,7 @@ says 'ready on'
 kill -HUP "$daemon"
 says 'read the options again'
 kill -TERM "$daemon"
-wait "$daemon" || fail "stopped, l2vpnd ends with $?: $(cat "$dir/said")"
+status=0
+wait "$daemon" || status=$?
+daemon=''
+if ((status != 0)); then fail "stopped, l2vpnd ends with $status: $(cat "$dir/said")"; fi

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 #
 # packages.sh SOURCES RESULTS [BUILT]: builds the Debian packages, as packaging/build-packages.sh does, and looks at
-# them: what is in which, what they depend on, and what lintian has to say.
+# them: what is in which, what they depend on, what lintian has to say, and whether owners can be built and run with
+# what is in them.
 
 set -euo pipefail
 shopt -s inherit_errexit
@@ -67,4 +68,14 @@ fi
 
 said=$(lintian --allow-root --fail-on error,warning "$results"/*.changes 2>&1) || complain "lintian: $said"
 if [[ -n $said ]]; then complain "lintian: $said"; fi
+
+root=$(mktemp -d)
+trap 'rm -rf "$root"' EXIT
+for package in libl2vpn-ac1 libl2vpn-sim1 libl2vpn-ac-dev l2vpnd; do
+    dpkg-deb -x "$(file_of "$package")" "$root"
+done
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+CMAKE_PREFIX_PATH=$root/usr PKG_CONFIG_PATH=$root/$multiarch/pkgconfig LD_LIBRARY_PATH=$root/$multiarch \
+    PATH=$root/usr/bin:$root/usr/sbin:$PATH "$here/use.sh" gcc g++ cmake "$here/consumer" ||
+    complain "what is packed cannot be used"
 exit $bad

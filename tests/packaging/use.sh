@@ -55,5 +55,7 @@ for way in cmake pkg; do
 done
 if ! l2vpnctl status >"$work/log" 2>&1; then fail "l2vpnctl: $(<"$work/log")"; fi
 kill "$daemon"
-wait "$daemon" || fail "l2vpnd ends with $?"
+status=0
+wait "$daemon" || status=$?
 daemon=''
+if ((status != 0)); then fail "l2vpnd ends with $status"; fi
