@@ -33,12 +33,13 @@ done
 if grep -q '@l2vpn_' "$prefix"/share/l2vpn/*.bt; then
     missing+=("the paths in share/l2vpn/*.bt")
 fi
-for library in l2vpn_ac l2vpn_platform l2vpn_sim; do
-    for file in "lib$library.so" "lib$library.so.1" "pkgconfig/$library.pc"; do
+for soname in libl2vpn_ac.so.1 libl2vpn_platform.so.1 libl2vpn_sim.so.1.0; do
+    library=${soname%%.*}
+    for file in "$library.so" "$soname" "pkgconfig/${library#lib}.pc"; do
         if [[ ! -e $lib/$file ]]; then missing+=("$lib/$file"); fi
     done
-    if ! readelf -d "$lib/lib$library.so" | grep -q "SONAME.*\[lib$library\.so\.1\]"; then
-        fail "lib$library.so has no SONAME lib$library.so.1"
+    if ! readelf -d "$lib/$library.so" | grep -F SONAME | grep -q -F "[$soname]"; then
+        fail "$library.so has no SONAME $soname"
     fi
 done
 if ((${#missing[@]} > 0)); then fail "not installed: ${missing[*]}"; fi

@@ -29,7 +29,7 @@ has() {
     done
 }
 has libl2vpn-ac1 "$multiarch/libl2vpn_ac.so.1" "$multiarch/libl2vpn_ac.so.$version" "$multiarch/libl2vpn_platform.so.1"
-has libl2vpn-sim1 "$multiarch/libl2vpn_sim.so.1"
+has libl2vpn-sim1.0 "$multiarch/libl2vpn_sim.so.1.0"
 has libl2vpn-ac-dev usr/include/l2vpn/l2vpn_ac_api.h usr/include/platform/platform.h usr/include/platform/sim.h \
     "$multiarch/libl2vpn_ac.so" "$multiarch/libl2vpn_platform.so" "$multiarch/libl2vpn_sim.so" \
     "$multiarch/pkgconfig/l2vpn_ac.pc" "$multiarch/cmake/l2vpn_ac/l2vpn_ac-config.cmake" \
@@ -42,7 +42,7 @@ for page in "$sources"/CHANGELOG.md "$sources"/docs/*.md "$sources"/docs/*.svg; 
     has l2vpn-ac-doc "usr/share/doc/l2vpn-ac-doc/${page##*/}"
 done
 if [[ ${DEB_BUILD_OPTIONS-} != *noautodbgsym* ]]; then
-    for package in libl2vpn-ac1 libl2vpn-sim1 l2vpnd; do
+    for package in libl2vpn-ac1 libl2vpn-sim1.0 l2vpnd; do
         symbols=$(dpkg-deb --fsys-tarfile "$(file_of "$package-dbgsym")" | tar -t)
         if ! grep -q 'usr/lib/debug/.build-id/.*\.debug$' <<<"$symbols"; then
             complain "$package-dbgsym has no debug symbols"
@@ -59,8 +59,8 @@ needs() {
     if [[ $found != "$* " ]]; then complain "$package depends on: $found, and not on: $*"; fi
 }
 needs libl2vpn-ac1 libc6 libgcc-s1 libstdc++6
-needs libl2vpn-sim1 libc6 libgcc-s1 libstdc++6
-needs libl2vpn-ac-dev libl2vpn-ac1 libl2vpn-sim1
+needs libl2vpn-sim1.0 libc6 libgcc-s1 libstdc++6
+needs libl2vpn-ac-dev libl2vpn-ac1 libl2vpn-sim1.0
 needs l2vpnd libc6 libgcc-s1 libl2vpn-ac1 libstdc++6 libsystemd0 systemd zlib1g
 if ! dpkg-deb -I "$(file_of libl2vpn-ac1)" shlibs | grep -q '^libl2vpn_ac 1 libl2vpn-ac1'; then
     complain "what is linked with libl2vpn_ac.so.1 would not depend on libl2vpn-ac1"
@@ -71,7 +71,7 @@ if [[ -n $said ]]; then complain "lintian: $said"; fi
 
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
-for package in libl2vpn-ac1 libl2vpn-sim1 libl2vpn-ac-dev l2vpnd; do
+for package in libl2vpn-ac1 libl2vpn-sim1.0 libl2vpn-ac-dev l2vpnd; do
     dpkg-deb -x "$(file_of "$package")" "$root"
 done
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
