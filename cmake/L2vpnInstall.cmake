@@ -4,6 +4,7 @@
 include(CMakePackageConfigHelpers)
 
 set(L2VPN_UNITDIR lib/systemd/system CACHE STRING "Where systemd's units go, below the prefix or absolute")
+set(L2VPN_EXAMPLESDIR ${CMAKE_INSTALL_DOCDIR}/examples CACHE STRING "Where the sources of the examples go")
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/l2vpn_ac)
 set(packaging ${PROJECT_SOURCE_DIR}/packaging)
@@ -66,6 +67,10 @@ endforeach()
 
 file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.svg)
 install(FILES ${documents} ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+foreach(example minimal tutorial embed owner)
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/${example} DESTINATION ${L2VPN_EXAMPLESDIR}
+        PATTERN CMakeLists.txt EXCLUDE) # which are parts of this build
+endforeach()
 
 # The unit names the daemon and its file of options where they are being installed, which is known only then. What
 # belongs to /usr has its files in /etc. A file of options that is there already is its operator's.

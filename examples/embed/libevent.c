@@ -31,8 +31,10 @@ static void on_sigterm(evutil_socket_t number, short ready, void *arg)
     event_base_loopbreak(arg);
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
+    if (argc > 1)
+        errx(2, "takes no arguments, '%s' is one", argv[1]);
     event_mgr_p events = owner_start();
     struct event_base *base = event_base_new();
     if (base == NULL)

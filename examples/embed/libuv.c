@@ -27,8 +27,10 @@ static void on_sigterm(uv_signal_t *term, int number)
     uv_stop(term->loop);
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
+    if (argc > 1)
+        errx(2, "takes no arguments, '%s' is one", argv[1]);
     event_mgr_p events = owner_start();
     uv_loop_t *loop = uv_default_loop();
     uv_poll_t poll;

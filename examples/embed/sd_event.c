@@ -29,8 +29,10 @@ static int on_timer(sd_event_source *source, uint64_t when, void *arg)
     return 0;
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
+    if (argc > 1)
+        errx(2, "takes no arguments, '%s' is one", argv[1]);
     event_mgr_p events = owner_start();
     sd_event *loop = NULL;
     sigset_t term;

@@ -120,8 +120,10 @@ static void on_input(event_fd_watch_t *watch, int fd, uint32_t what, void *argum
     }
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
+    if (argc > 1)
+        errx(2, "takes no arguments, '%s' is one", argv[1]);
     l2vpn_ac_callback_vector_t callbacks = {
         .status_cb = on_status,
         .prov_cb = on_provisioned,

@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
-"""links_test.py ROOT: what the documents refer to is there, files and headings alike."""
+"""links_test.py ROOT: what the documents refer to is there, files and headings alike.
+
+The pages in docs are installed by themselves, in one folder: their links stay among them.
+"""
 
 import pathlib
 import re
@@ -29,6 +32,9 @@ def main():
                 continue
             path, _, anchor = target.partition("#")
             there = (page.parent / path).resolve() if path else page
+            if page.parent == root / "docs":
+                faults.check(there.parent == page.parent and there.suffix in (".md", ".svg"),
+                             f"{page.relative_to(root)}: {target} is not installed with it")
             led_to |= {there} - {page}
             faults.check(there.exists(), f"{page.relative_to(root)}: no {target}")
             if anchor and there.exists():

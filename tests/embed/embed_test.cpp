@@ -58,6 +58,15 @@ TEST_P(embed_test, lives_through_a_restart_beside_what_is_the_loops_own)
         system_test::eventually([&] { return held().find("\"name\":\"port1.100\"") == std::string::npos; }));
 }
 
+TEST_P(embed_test, refuses_arguments)
+{
+    const system_test::result got =
+        system_test::run(binary("l2vpn-embed-" + std::string(GetParam())), {"--help"});
+    EXPECT_EQ(got.status, 2);
+    EXPECT_EQ(got.out, "");
+    EXPECT_NE(got.err.find(": takes no arguments, '--help' is one\n"), std::string::npos) << got.err;
+}
+
 INSTANTIATE_TEST_SUITE_P(loops, embed_test, testing::Values("libuv", "libevent", "sd_event"),
                          [](const auto &loop) { return std::string(loop.param); });
 

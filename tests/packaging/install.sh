@@ -27,7 +27,8 @@ lib=$(dirname "$(find "$prefix" -name libl2vpn_ac.so.1)")
 missing=()
 for file in bin/l2vpnctl bin/l2vpn-trace sbin/l2vpnd include/l2vpn/l2vpn_ac_api.h include/platform/platform.h \
     include/platform/sim.h share/l2vpn/l2vpn-states.bt share/bash-completion/completions/l2vpnctl \
-    share/doc/l2vpn_ac/tutorial.md share/doc/l2vpn_ac/performance_cost.svg share/doc/l2vpn_ac/CHANGELOG.md; do
+    share/doc/l2vpn_ac/tutorial.md share/doc/l2vpn_ac/performance_cost.svg share/doc/l2vpn_ac/CHANGELOG.md \
+    share/doc/l2vpn_ac/examples/{minimal/minimal.c,tutorial/port_owner.c,embed/libuv.c,owner/main.cpp,owner/README.md}; do
     if [[ ! -e $prefix/$file ]]; then missing+=("$file"); fi
 done
 if grep -q '@l2vpn_' "$prefix"/share/l2vpn/*.bt; then
@@ -55,6 +56,18 @@ if found=$(grep -rIl -e "$work/first" -e "$build" "$prefix" | grep -v -e "/$unit
 fi
 for file in "$prefix"/bin/* "$prefix"/sbin/* "$lib"/*.so; do
     if readelf -d "$file" | grep -E 'R(UN)?PATH' | grep -v -F "[\$ORIGIN"; then fail "$file looks elsewhere"; fi
+done
+
+# The examples need nothing that is not there.
+examples=$prefix/share/doc/l2vpn_ac/examples
+mapfile -t flags < <(PKG_CONFIG_PATH=$lib/pkgconfig pkg-config --cflags --libs l2vpn_ac libsystemd | xargs -n 1)
+for example in minimal/minimal tutorial/first_owner embed/sd_event; do
+    sources=("$examples/$example.c")
+    if [[ $example == embed/* ]]; then sources+=("$examples/embed/owner.c"); fi
+    "$cc" -o "$work/example" "${sources[@]}" "${flags[@]}" || fail "$example.c does not build"
+    status=0
+    said=$(LD_LIBRARY_PATH=$lib "$work/example" --help 2>&1) || status=$?
+    if ((status != 2)) || [[ $said != *'takes no arguments'* ]]; then fail "$example ends with $status: $said"; fi
 done
 
 CMAKE_PREFIX_PATH=$prefix PKG_CONFIG_PATH=$lib/pkgconfig RPATH=$lib PATH=$prefix/bin:$prefix/sbin:$PATH \

@@ -33,7 +33,8 @@ has libl2vpn-sim1.0 "$multiarch/libl2vpn_sim.so.1.0"
 has libl2vpn-ac-dev usr/include/l2vpn/l2vpn_ac_api.h usr/include/platform/platform.h usr/include/platform/sim.h \
     "$multiarch/libl2vpn_ac.so" "$multiarch/libl2vpn_platform.so" "$multiarch/libl2vpn_sim.so" \
     "$multiarch/pkgconfig/l2vpn_ac.pc" "$multiarch/cmake/l2vpn_ac/l2vpn_ac-config.cmake" \
-    usr/share/man/man3/l2vpn_ac_create.3.gz usr/share/man/man7/l2vpn_ac.7.gz
+    usr/share/man/man3/l2vpn_ac_create.3.gz usr/share/man/man7/l2vpn_ac.7.gz \
+    usr/share/doc/libl2vpn-ac-dev/examples/{minimal/minimal.c,tutorial/first_owner.c,embed/libuv.c,owner/main.cpp,owner/README.md}
 has l2vpnd usr/sbin/l2vpnd usr/bin/l2vpnctl usr/bin/l2vpn-trace lib/systemd/system/l2vpnd.service \
     lib/systemd/system/l2vpnd.socket usr/lib/sysusers.d/l2vpnd.conf usr/lib/tmpfiles.d/l2vpnd.conf \
     etc/l2vpn/l2vpnd.conf usr/share/l2vpn/l2vpn-{latency,states,traffic}.bt "$multiarch/wireshark/plugins/l2vpn.lua" \
@@ -65,6 +66,13 @@ needs l2vpnd libc6 libgcc-s1 libl2vpn-ac1 libstdc++6 libsystemd0 systemd zlib1g
 if ! dpkg-deb -I "$(file_of libl2vpn-ac1)" shlibs | grep -q '^libl2vpn_ac 1 libl2vpn-ac1'; then
     complain "what is linked with libl2vpn_ac.so.1 would not depend on libl2vpn-ac1"
 fi
+
+# The service runs once it is installed, and after each boot; its socket is there before any owner.
+installs=$(dpkg-deb --ctrl-tarfile "$(file_of l2vpnd)" | tar -x -O ./postinst)
+for line in "deb-systemd-helper enable 'l2vpnd.service'" "deb-systemd-helper enable 'l2vpnd.socket'" \
+    "deb-systemd-invoke \$_dh_action 'l2vpnd.service' 'l2vpnd.socket'"; do
+    if ! grep -q -F "$line" <<<"$installs"; then complain "l2vpnd's postinst has no: $line"; fi
+done
 
 said=$(lintian --allow-root --fail-on error,warning "$results"/*.changes 2>&1) || complain "lintian: $said"
 if [[ -n $said ]]; then complain "lintian: $said"; fi
