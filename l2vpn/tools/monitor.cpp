@@ -15,6 +15,8 @@ namespace {
 
 using namespace l2vpn::capture;
 
+constexpr uint64_t progress_records = 1 << 16;
+
 uint32_t type_of(const std::string &name)
 {
     for (uint32_t type = 0; type < l2vpnd::message_types; type++) {
@@ -34,9 +36,11 @@ public:
     {
         const recording_options &how = m_line.recordings;
         tell_lost(lost, " here");
+        m_progress.count();
         if (!m_filter.takes(record)) {
             return true;
         }
+        m_progress.clear();
         const reading message = read(record);
         const detail more = how.verbose ? detail::records : detail::none;
         if (m_line.as_json) {
@@ -56,9 +60,10 @@ public:
     void idle() override { flush_out(); }
 
 private:
-    void tell_lost(uint64_t lost, const char *where) const
+    void tell_lost(uint64_t lost, const char *where)
     {
         if (lost > 0) {
+            m_progress.clear();
             write_out(m_line.as_json ? json({{"lost", lost}}).dump() + "\n"
                                      : "(" + std::to_string(lost) + " records are missing" + where + ")\n");
         }
@@ -66,6 +71,7 @@ private:
 
     const command_line &m_line;
     record_filter m_filter;
+    record_progress m_progress{progress_records}; /* of a choice that is seldom met */
     uint64_t m_shown = 0;
 };
 

@@ -45,6 +45,8 @@ public:
         }
     }
     void show();
+    /* Before something else is printed. */
+    void clear() { m_line.clear(); }
 
 private:
     uint64_t m_every;

@@ -15,6 +15,15 @@ using namespace l2vpn::trace_reader;
 using printer = void (*)(std::ostream &, const contents &);
 constexpr printer printers[2][2] = {{print_records, print_records_json}, {print_locks, print_locks_json}};
 
+int flushed()
+{
+    if (!std::cout.flush()) {
+        std::cerr << "l2vpn-trace: cannot write the output\n";
+        return 1;
+    }
+    return 0;
+}
+
 int run(int argc, char **argv)
 {
     CLI::App program("Prints the trace file of an L2VPN process or interface owner.", "l2vpn-trace");
@@ -31,7 +40,8 @@ int run(int argc, char **argv)
         program.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() == 0) {
-            return program.exit(error);
+            program.exit(error);
+            return flushed();
         }
         std::cerr << "l2vpn-trace: " << error.what() << " (see l2vpn-trace --help)\n";
         return 2;
@@ -43,12 +53,7 @@ int run(int argc, char **argv)
         std::cerr << "l2vpn-trace: " << path << ": " << bad.what() << '\n';
         return 1;
     }
-    std::cout.flush();
-    if (!std::cout) {
-        std::cerr << "l2vpn-trace: cannot write the output\n";
-        return 1;
-    }
-    return 0;
+    return flushed();
 }
 
 } // namespace
