@@ -115,33 +115,33 @@ std::vector<std::string> differences(const mstp_scenario &scenario, const json &
     return found;
 }
 
-bool report(const std::vector<std::string> &found, const std::string &what, std::ostream &out)
+} // namespace
+
+comparison compare(const interface_list &interfaces, std::istream &held)
 {
+    return {"acs", "the " + std::to_string(interfaces.size()) + " ACs of the inventory",
+            differences(interfaces, read_acs(held))};
+}
+
+comparison compare(const mstp_scenario &scenario, std::istream &held)
+{
+    return {"mstp",
+            "the scenario: " + std::to_string(scenario.roots.size()) + " roots, " +
+                std::to_string(scenario.ports.size()) + " port states, " +
+                std::to_string(scenario.vlans.size()) + " VLANs, " +
+                std::to_string(scenario.protections.size()) + " protections",
+            differences(scenario, json::parse(held).at("mstp"))};
+}
+
+void print_comparison(const comparison &made, std::ostream &out)
+{
+    const std::vector<std::string> &found = made.differences;
     if (found.empty())
-        out << "the process holds exactly " << what << ", byte for byte\n";
+        out << "the process holds exactly " << made.what << ", byte for byte\n";
     for (std::size_t at = 0; at < std::min(found.size(), most_lines); ++at)
         out << found[at] << '\n';
     if (found.size() > most_lines)
         out << "and " << found.size() - most_lines << " more differences\n";
-    return found.empty();
-}
-
-} // namespace
-
-bool compare(const interface_list &interfaces, std::istream &held, std::ostream &out)
-{
-    return report(differences(interfaces, read_acs(held)),
-                  "the " + std::to_string(interfaces.size()) + " ACs of the inventory", out);
-}
-
-bool compare(const mstp_scenario &scenario, std::istream &held, std::ostream &out)
-{
-    return report(differences(scenario, json::parse(held).at("mstp")),
-                  "the scenario: " + std::to_string(scenario.roots.size()) + " roots, " +
-                      std::to_string(scenario.ports.size()) + " port states, " +
-                      std::to_string(scenario.vlans.size()) + " VLANs, " +
-                      std::to_string(scenario.protections.size()) + " protections",
-                  out);
 }
 
 } // namespace owner

@@ -9,15 +9,25 @@
 
 #include <istream>
 #include <ostream>
+#include <string>
+#include <vector>
 
 namespace owner {
 
-// Reads what 'l2vpnctl show acs --json --raw' printed. Writes one line a difference (20 at most), or one
-// line that says how much is the same. True when nothing differs.
-bool compare(const interface_list &interfaces, std::istream &held, std::ostream &out);
+struct comparison {
+    std::string table;                    // what 'l2vpnctl show' calls it
+    std::string what;                     // was compared, in words
+    std::vector<std::string> differences; // one line each
+};
+
+// Reads what 'l2vpnctl show acs --json --raw' printed.
+comparison compare(const interface_list &interfaces, std::istream &held);
 
 // The same for a scenario, with what 'l2vpnctl show mstp --json --raw' printed.
-bool compare(const mstp_scenario &scenario, std::istream &held, std::ostream &out);
+comparison compare(const mstp_scenario &scenario, std::istream &held);
+
+// One line a difference (20 at most), or one line that says how much is the same.
+void print_comparison(const comparison &made, std::ostream &out);
 
 } // namespace owner
 

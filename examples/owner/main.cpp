@@ -1,5 +1,6 @@
 #include "compare.h"
 #include "console.h"
+#include "documents.h"
 #include "inventory.h"
 #include "mstp.h"
 #include "options.h"
@@ -17,15 +18,19 @@
 
 namespace {
 
+using comparisons = std::vector<owner::comparison>;
+
 template <typename Intended>
-int compare_with(std::istream &held, const std::string &name, const char *verb, const Intended &intended)
+int compare_with(std::istream &held, const std::string &name, const char *verb, const Intended &intended,
+                 comparisons &made)
 {
     if (!held) {
         std::cerr << "l2vpn-owner: " << name << ": " << std::strerror(errno) << '\n';
         return owner::exit_bad_input;
     }
     try {
-        return owner::compare(intended, held, std::cout) ? 0 : owner::exit_failed;
+        made.push_back(owner::compare(intended, held));
+        return made.back().differences.empty() ? 0 : owner::exit_failed;
     } catch (const std::exception &error) {
         std::cerr << "l2vpn-owner: " << name << ": is not what 'l2vpnctl show " << verb
                   << " --json --raw' prints: " << error.what() << '\n';
@@ -35,17 +40,17 @@ int compare_with(std::istream &held, const std::string &name, const char *verb, 
 
 // With what the process holds, from a file or ('-') from standard input.
 template <typename Intended>
-int compare_with(const std::string &path, const char *verb, const Intended &intended)
+int compare_with(const std::string &path, const char *verb, const Intended &intended, comparisons &made)
 {
     if (path == "-")
-        return compare_with(std::cin, "standard input", verb, intended);
+        return compare_with(std::cin, "standard input", verb, intended, made);
     std::error_code ignored;
     if (std::filesystem::is_directory(path, ignored)) {
         std::cerr << "l2vpn-owner: " << path << ": is a directory, not a file\n";
         return owner::exit_bad_input;
     }
     std::ifstream file(path);
-    return compare_with(file, path, verb, intended);
+    return compare_with(file, path, verb, intended, made);
 }
 
 int run(int argc, char **argv)
@@ -74,15 +79,24 @@ int run(int argc, char **argv)
         return owner::exit_bad_input;
     }
     if (chosen.print_expected) {
-        owner::print_expected(interfaces, std::cout);
-        return std::cout.flush() ? 0 : owner::exit_failed;
+        if (chosen.as_json)
+            std::cout << owner::document_of_expected(interfaces);
+        else
+            owner::print_expected(interfaces, std::cout);
+        return owner::flushed();
     }
+    comparisons made;
     if (!chosen.compare.empty())
-        status = compare_with(chosen.compare, "acs", interfaces);
+        status = compare_with(chosen.compare, "acs", interfaces, made);
     if (!chosen.compare_mstp.empty() && status == 0)
-        status = compare_with(chosen.compare_mstp, "mstp", scenario);
+        status = compare_with(chosen.compare_mstp, "mstp", scenario, made);
+    if (chosen.as_json && status != owner::exit_bad_input)
+        std::cout << owner::document_of(made);
+    for (const owner::comparison &one : made)
+        if (!chosen.as_json)
+            owner::print_comparison(one, std::cout);
     if (!chosen.compare.empty() || !chosen.compare_mstp.empty())
-        return status;
+        return status == 0 ? owner::flushed() : status;
 
     // The platform reads its configuration when it is first used, which is not yet.
     // It takes an absolute directory only.

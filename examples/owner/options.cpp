@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include "documents.h"
 #include "field.h"
 #include "text.h"
 
@@ -7,6 +8,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+
+#ifndef L2VPN_VERSION
+#define L2VPN_VERSION "(built by itself)"
+#endif
 
 namespace owner {
 
@@ -36,7 +41,28 @@ int refuse(std::string line)
     return exit_bad_input;
 }
 
+// As inventories have them; CLI11 by itself takes a leading zero for octal.
+CLI::Validator number(uint64_t least, uint64_t most)
+{
+    const auto check = [least, most](std::string &text) {
+        uint64_t value = 0;
+        std::string fault = parse_number(text, least, most, value);
+        if (fault.empty())
+            text = std::to_string(value);
+        return fault;
+    };
+    return {check, ""};
+}
+
 } // namespace
+
+int flushed()
+{
+    if (std::cout.flush())
+        return 0;
+    std::cerr << "l2vpn-owner: cannot write to standard output\n";
+    return exit_failed;
+}
 
 bool parse_options(int argc, char **argv, options &chosen, int &exit_status)
 {
@@ -44,10 +70,17 @@ bool parse_options(int argc, char **argv, options &chosen, int &exit_status)
                  "What an inventory looks like is told in README.md beside the sample.",
                  "l2vpn-owner"};
     app.set_help_flag("-h,--help", "Shows this and ends");
+    app.set_version_flag("--version", "l2vpn-owner " L2VPN_VERSION, "Prints the version and ends");
+    const CLI::Option *const json =
+        app.add_flag("--json", chosen.as_json,
+                     "One JSON document, with --fields, --print-expected, --compare and --compare-mstp");
     app.add_flag_callback(
         "--fields",
-        [] {
-            print_fields(std::cout);
+        [&chosen] {
+            if (chosen.as_json)
+                std::cout << document_of_fields();
+            else
+                print_fields(std::cout);
             throw CLI::Success();
         },
         "Lists the fields that an inventory can give, and ends");
@@ -59,7 +92,7 @@ bool parse_options(int argc, char **argv, options &chosen, int &exit_status)
         ->type_name("DIR");
     const CLI::Option *const mtu =
         app.add_option("-m,--mtu", chosen.mtu, "Largest message, in bytes; else $L2VPN_MTU")
-            ->check(CLI::Range(smallest_mtu, largest_mtu))
+            ->transform(number(smallest_mtu, largest_mtu))
             ->capture_default_str()
             ->type_name("BYTES");
     CLI::Option *const mstp =
@@ -70,7 +103,7 @@ bool parse_options(int argc, char **argv, options &chosen, int &exit_status)
     app.add_flag("-v,--verbose", chosen.verbose, "Shows each AC of a message that arrives");
     CLI::Option *const once = app.add_flag("--once", chosen.once, "Ends when every AC was created");
     app.add_option("--timeout", chosen.timeout_seconds, "How long --once tries, in seconds")
-        ->check(CLI::Range(1U, 86400U))
+        ->transform(number(1, 86400))
         ->capture_default_str()
         ->needs(once)
         ->type_name("SECONDS");
@@ -97,13 +130,23 @@ bool parse_options(int argc, char **argv, options &chosen, int &exit_status)
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &) {
         std::cout << app.help();
-        exit_status = 0;
+        exit_status = flushed();
+        return false;
+    } catch (const CLI::CallForVersion &version) {
+        std::cout << version.what() << '\n';
+        exit_status = flushed();
         return false;
     } catch (const CLI::Success &) {
-        exit_status = 0;
+        exit_status = flushed();
         return false;
     } catch (const CLI::ParseError &error) {
         exit_status = refuse(error.what());
+        return false;
+    }
+    if (json->count() > 0 && !chosen.print_expected && chosen.compare.empty() &&
+        chosen.compare_mstp.empty()) {
+        exit_status = refuse(
+            "--json goes with --fields, --print-expected, --compare or --compare-mstp, and none is given");
         return false;
     }
     if (mtu->count() == 0) {

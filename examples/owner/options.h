@@ -21,10 +21,14 @@ struct options {
     bool watch = false;
     bool verbose = false;
     bool print_expected = false;
+    bool as_json = false;
 };
 
 constexpr int exit_failed = 1;
 constexpr int exit_bad_input = 2;
+
+// What the program ends with when all was printed: 0, unless it could not be.
+int flushed();
 
 // False when the program is to end at once, with `exit_status`: a wrong option, or --help.
 bool parse_options(int argc, char **argv, options &chosen, int &exit_status);

@@ -58,13 +58,17 @@ wire_ac wire_form(const interface &entry)
     return ac;
 }
 
-void print_expected(const interface_list &interfaces, std::ostream &out)
+interface_list in_order(interface_list interfaces)
 {
-    interface_list sorted = interfaces;
-    std::sort(sorted.begin(), sorted.end(), [](const interface_ptr &one, const interface_ptr &other) {
+    std::ranges::sort(interfaces, [](const interface_ptr &one, const interface_ptr &other) {
         return std::pair(one->class_id, one->handle) < std::pair(other->class_id, other->handle);
     });
-    for (const interface_ptr &entry : sorted) {
+    return interfaces;
+}
+
+void print_expected(const interface_list &interfaces, std::ostream &out)
+{
+    for (const interface_ptr &entry : in_order(interfaces)) {
         const wire_ac ac = wire_form(*entry);
         out << entry->class_id << ' ' << entry->handle << ' ' << entry->name << ' ' << to_hex(ac.definition)
             << ' ' << to_hex(ac.info) << '\n';

@@ -33,6 +33,9 @@ wire_limits wire_acs_per_message(uint32_t class_id, uint32_t mtu);
 // The smallest MTU with room for one AC in every message.
 uint32_t wire_least_mtu(uint32_t class_id);
 
+// By class and handle, as the process shows them.
+interface_list in_order(interface_list interfaces);
+
 // One line an AC: class, handle, name, definition and information in hexadecimal; by class and handle.
 void print_expected(const interface_list &interfaces, std::ostream &out);
 

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <gmock/gmock.h>
+#include <regex>
 #include <set>
 #include <unistd.h>
 
@@ -57,7 +58,8 @@ TEST_F(options_test, a_reload_changes_what_can_change_and_loses_no_link)
     EXPECT_TRUE(reload_says("error: nothing is changed: " + file + ":2: "));
     EXPECT_EQ(status()["auto_provision"], false);
     unlink(file.c_str());
-    EXPECT_TRUE(reload_says("error: nothing is changed: " + file + " "));
+    EXPECT_TRUE(
+        reload_says("error: nothing is changed: --config: " + file + ": No such file or directory\n"));
     EXPECT_EQ(status()["auto_provision"], false);
 
     const json now = status();
@@ -181,11 +183,13 @@ TEST_F(options_test, lines_have_their_level_where_they_go_to_the_journal)
     EXPECT_THAT(m_daemon->err(), StartsWith("l2vpnd: " + file + ":1: "));
 }
 
-std::set<std::string> options_in(const std::string &text)
+/* Each behind a pattern that says where one may stand. */
+std::set<std::string> options_in(const std::string &text, const std::string &before)
 {
+    const std::regex option(before + "(--[a-z-]+)");
     std::set<std::string> found;
-    for (size_t at = text.find("--"); at != std::string::npos; at = text.find("--", at + 2)) {
-        found.insert(text.substr(at, text.find_first_not_of("abcdefghijklmnopqrstuvwxyz-", at) - at));
+    for (std::sregex_iterator at(text.begin(), text.end(), option), end; at != end; ++at) {
+        found.insert((*at)[1]);
     }
     return found;
 }
@@ -193,7 +197,7 @@ std::set<std::string> options_in(const std::string &text)
 TEST(completion, offers_what_help_lists)
 {
     const system_test::temp_dir dir;
-    for (const std::string program : {"l2vpnd", "l2vpn-trace"}) {
+    for (const std::string program : {"l2vpnd", "l2vpn-trace", "l2vpn-owner"}) {
         const std::string script = L2VPN_COMPLETIONS + ("/" + program);
         const auto complete = [&](const std::string &before, const std::string &begun) {
             return system_test::run("/bin/bash", {"-c",
@@ -204,11 +208,22 @@ TEST(completion, offers_what_help_lists)
                                                   script, before, begun, program})
                 .out;
         };
-        EXPECT_EQ(options_in(complete(program, "--")),
-                  options_in(system_test::run(binary(program), {"--help"}).out));
+        EXPECT_EQ(options_in(complete(program, "--"), ""),
+                  options_in(system_test::run(binary(program), {"--help"}).out, "\n  (?:-[a-z],)?"));
         EXPECT_EQ(complete(program, "--h"), "--help\n");
         const std::string file = dir.write("only.trace", "");
-        EXPECT_EQ(complete(program, dir.file("on")), program == "l2vpnd" ? "\n" : file + "\n");
+        EXPECT_EQ(complete(program, dir.file("on")), program != "l2vpn-trace" ? "\n" : file + "\n");
+        const system_test::result how =
+            system_test::run("/bin/bash", {"-c", "source \"$0\"; complete -p \"$1\"", script, program});
+        EXPECT_THAT(how.out, HasSubstr("-o filenames"));
+        const system_test::result full =
+            system_test::run("/bin/sh", {"-c", "exec \"$0\" --help >/dev/full", binary(program)});
+        EXPECT_EQ(full.status, 1) << program;
+        EXPECT_TRUE(is_one_line(full.err)) << full.err;
+        EXPECT_THAT(full.err, StartsWith(program + ": cannot write "));
+        const system_test::result version = system_test::run(binary(program), {"--version"});
+        EXPECT_EQ(version.status, 0);
+        EXPECT_THAT(version.out, StartsWith(program + " 1."));
     }
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -308,6 +309,41 @@ TEST_F(owner_input, lists_the_fields)
     EXPECT_THAT(got.out, HasSubstr("\nsystem*       7        16 hexadecimal digits        system id\n"));
 }
 
+TEST_F(owner_input, prints_documents_for_programs)
+{
+    const std::string owner = system_test::binary("l2vpn-owner");
+    const std::string inventory = dir_.write("inventory.csv", header + "b,3,2,mtu=64\na,3,1,mtu=64\n");
+    const auto told = [&](std::vector<std::string> arguments, int status) {
+        arguments.emplace_back("--json");
+        const result got = system_test::run(owner, arguments);
+        EXPECT_EQ(got.status, status) << got.err;
+        return nlohmann::json::parse(got.out, nullptr, false);
+    };
+    const nlohmann::json fields = told({"--fields"}, 0);
+    const auto vlan =
+        std::ranges::find(fields["fields"], "vlan", [](const auto &row) { return row["field"]; });
+    ASSERT_NE(vlan, fields["fields"].end());
+    EXPECT_EQ((*vlan)["classes"], nlohmann::json({0, 1, 16}));
+    EXPECT_EQ((*vlan)["required"], nlohmann::json({0, 1, 16}));
+    EXPECT_EQ((*vlan)["kind"], "number");
+    EXPECT_EQ((*vlan)["max"], 4094);
+
+    nlohmann::json held = told({"-i", inventory, "--print-expected"}, 0);
+    ASSERT_EQ(held["acs"].size(), 2U);
+    EXPECT_EQ(held["acs"][0]["name"], "a");
+    EXPECT_EQ(held["acs"][0]["handle"], 1);
+    EXPECT_EQ(held["acs"][1]["definition_raw"].get<std::string>().size(), 2U * 616);
+    const std::string shown = dir_.write("held.json", held.dump());
+    EXPECT_EQ(
+        told({"-i", inventory, "--compare", shown}, 0),
+        nlohmann::json::parse(R"({"same":true,"compared":[{"table":"acs","same":true,"differences":[]}]})"));
+    held["acs"].erase(1);
+    dir_.write("held.json", held.dump());
+    EXPECT_EQ(told({"-i", inventory, "--compare", shown}, 1),
+              nlohmann::json::parse(R"({"same":false,"compared":[{"table":"acs","same":false,"differences":[)"
+                                    R"("class 3 handle 2 b: the process does not hold it"]}]})"));
+}
+
 struct bad_option {
     std::vector<std::string> arguments;
     const char *complaint;
@@ -330,6 +366,10 @@ INSTANTIATE_TEST_SUITE_P(each, bad_options,
                                          bad_option{{"-i", "x", "--colour"}, "--colour"},
                                          bad_option{{"-i", "x", "--mtu", "15"}, "--mtu"},
                                          bad_option{{"-i", "x", "--mtu", "many"}, "--mtu"},
+                                         bad_option{{"-i", "x", "--once", "--timeout", "0"}, "--timeout"},
+                                         bad_option{{"-i", "x", "--once", "--timeout", "086401"},
+                                                    "--timeout"},
+                                         bad_option{{"-i", "x", "--json"}, "--json"},
                                          bad_option{{"-i", "x", "--mtu", "1\n2"}, "--mtu"},
                                          bad_option{{"-i", "x", "--col\nour"}, "--col our"},
                                          bad_option{{"-i", "x", "--timeout", "3"}, "--once"},
