@@ -5,8 +5,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
 #include <iostream>
 #include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace l2vpnd {
 
@@ -25,6 +30,19 @@ std::string check_flag(const std::string &value)
     static constexpr std::string_view words[] = {"true", "false", "on", "off", "yes", "no", "1", "0"};
     const bool good = std::ranges::find(words, value) != std::end(words);
     return good ? std::string() : "'" + value + "' is neither true nor false";
+}
+
+/* That the file can be read, or why not. */
+std::string check_file(const std::string &path)
+{
+    struct stat there {};
+    int wrong = 0;
+    if (stat(path.c_str(), &there) != 0 || faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) {
+        wrong = errno;
+    } else if (S_ISDIR(there.st_mode)) {
+        wrong = EISDIR;
+    }
+    return wrong == 0 ? std::string() : path + ": " + strerror(wrong);
 }
 
 /* The file of options. Each line is taken as the command line takes --NAME=VALUE, by itself at first, so that
@@ -46,7 +64,8 @@ void describe(CLI::App &app, program_options &options)
     app.config_formatter(std::make_shared<option_file>(app));
     app.set_version_flag("--version", "l2vpnd " L2VPN_VERSION, "Print the version");
     app.set_config("--config", "", "File of options, a line each: NAME = VALUE, without the dashes")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(check_file);
     app.allow_config_extras(CLI::config_extras_mode::error);
     app.add_option("--runtime-dir", options.runtime_dir, "Directory of the sockets")
         ->type_name("DIR")

@@ -35,6 +35,22 @@ bool has_sockets(const std::string &dir)
 
 } // namespace
 
+TEST_F(daemon_test, says_why_a_file_of_options_cannot_be_read)
+{
+    const std::string hidden = m_dir.write("hidden", "max-acs = 1\n");
+    ASSERT_EQ(chmod(hidden.c_str(), 0), 0);
+    for (const auto &[file, why] : {std::pair{m_dir.file("none"), "No such file or directory"},
+                                    {hidden + "/none", "Not a directory"},
+                                    {m_dir.path(), "Is a directory"},
+                                    {hidden, "Permission denied"}}) {
+        const system_test::result got = run_without_power(system_test::binary("l2vpnd"),
+                                                          {"--runtime-dir", m_dir.path(), "--config", file});
+        EXPECT_EQ(got.status, 2);
+        EXPECT_EQ(got.out, "");
+        EXPECT_EQ(got.err, "l2vpnd: --config: " + file + ": " + why + " (see l2vpnd --help)\n");
+    }
+}
+
 TEST_F(daemon_test, ends_cleanly_on_sigterm)
 {
     start();
