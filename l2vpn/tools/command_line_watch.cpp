@@ -64,11 +64,18 @@ void add_explain(CLI::App &app, command_line &line)
     verb->add_option("ac", line.asked, "Its interface handle, or its name")
         ->required()
         ->type_name("HANDLE|NAME");
-    verb->add_option("--read", line.recordings.files,
-                     "From a pcapng file or a ring instead of the process; may be repeated")
-        ->type_name("FILE")
+    CLI::Option *const read =
+        verb->add_option("--read", line.recordings.files,
+                         "From a pcapng file or a ring instead of the process; may be repeated")
+            ->type_name("FILE")
+            ->type_size(1)
+            ->take_all();
+    verb->add_option("--also", line.recordings.also,
+                     "A ring of an owner's that is elsewhere, beside the process; may be repeated")
+        ->type_name("RING")
         ->type_size(1)
-        ->take_all();
+        ->take_all()
+        ->excludes(read);
     record_choice &choice = line.recordings.choice;
     add_number(*verb, "--owner", choice.owner, "Of the client with this number");
     add_class(*verb, choice.class_id);

@@ -136,7 +136,7 @@ std::vector<std::string> distinct(const std::vector<std::string> &paths)
     return out;
 }
 
-/* The process's own, and those of owners, who make them beside its socket. */
+/* The process's own, those of owners, who make them beside its socket, and those that were named. */
 void explainer::find_rings(const std::string &folder, const std::string &own)
 {
     std::vector<std::string> found;
@@ -150,6 +150,15 @@ void explainer::find_rings(const std::string &folder, const std::string &own)
     if (!own.empty()) {
         found.insert(found.begin(), own);
     }
+    const std::vector<std::string> &named = m_line.recordings.also;
+    for (const std::string &path : named) {
+        try {
+            const ring_reader readable(path);
+        } catch (const bad_file &bad) {
+            throw failure{exit_failed, path + ": " + bad.what()};
+        }
+    }
+    found.insert(found.end(), named.begin(), named.end());
     m_files = distinct(found);
     m_were_named = false;
     drop_unreadable();

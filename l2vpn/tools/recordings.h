@@ -31,6 +31,7 @@ struct record_choice {
 
 struct recording_options {
     std::vector<std::string> files; /* to read: rings and pcapng files; none: the running process */
+    std::vector<std::string> also;  /* of explain: rings to be read beside the process and its own */
     bool history = false;           /* of the running process: what its ring holds already, too */
     uint64_t count = 0;             /* records to be taken at most; 0: no limit */
     record_choice choice;

@@ -51,3 +51,34 @@ TEST_F(explained, an_owner_s_ring_alone_tells_what_it_sent)
         }))
         << "the process knows more";
 }
+
+/* As an owner has it that may not write to the process's folder. */
+TEST_F(explained, a_ring_elsewhere_is_read_beside_the_process)
+{
+    start({"--auto-provision"});
+    const std::string path = m_dir.file("elsewhere");
+    system_test::child owner(system_test::binary("refusing_owner"), {},
+                             {"L2VPN_RUNTIME_DIR=" + m_dir.path(), "L2VPN_CAPTURE=" + path});
+    ASSERT_TRUE(owner.says("refused\n")) << owner.err();
+    const json process_alone = document({"refused"});
+    EXPECT_EQ(process_alone["searched"].size(), 1U);
+    EXPECT_EQ(codes(process_alone, "owner"), "");
+    const json both = document({"refused", "--also", path});
+    EXPECT_EQ(verdict(both), "provisioned");
+    EXPECT_FALSE(both["now"].is_null());
+    EXPECT_EQ(codes(both), "link-up created provisioned");
+    EXPECT_EQ(codes(both, "owner"), "link-up sent received");
+    EXPECT_EQ(both["searched"].size(), 2U);
+    EXPECT_EQ(document({"refused", "--also", path, "--also", path})["searched"].size(), 2U) << "once each";
+
+    const std::string none = m_dir.file("none");
+    expect_one_line(explain({"refused", "--also", none}), 1, none + ": No such file or directory");
+    const std::string text = m_dir.write("text", "text");
+    expect_one_line(explain({"refused", "--also", text}), 1, text + ": ");
+    expect_one_line(explain({"refused", "--also", path, "--read", path}), 2, "--also");
+    m_daemon->send_signal(SIGKILL);
+    ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+    EXPECT_TRUE(eventually([&] {
+        return codes(document({"refused", "--also", path}), "owner") == "link-up sent received link-down";
+    })) << "and where there is no process";
+}
