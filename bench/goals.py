@@ -86,7 +86,7 @@ def judged(run):
             yield name, "", run.pieces[mine] / run.pieces[other], limit, CLOSE
     growth = run.jobs.get(("growth", 0, 65536, 1000000))
     if growth:
-        library, memcpy = (growth[f"{what} at 1,000,000"]["p10"] / growth[f"{what} at 10,000"]["p10"]
+        library, memcpy = (growth[f"{what} at 1,000,000"]["ns"] / growth[f"{what} at 10,000"]["ns"]
                            for what in ("library", "memcpy"))
         yield "growth of create's cost of an AC / memcpy's", "1,000,000", library / memcpy, GROWTH, MEMORY
     for figure in run.all.get("process", []):

@@ -53,6 +53,9 @@ public:
         counting::deliver(message_.data(), static_cast<uint32_t>(size_));
     }
 
+    const void *data() const { return message_.data(); }
+    size_t size() const { return size_; }
+
 private:
     size_t size_ = 0;
     std::vector<uint64_t> message_;
@@ -67,8 +70,14 @@ void measure_class(results &to, uint32_t class_id, uint32_t mtu, uint32_t data_s
     provision_job read(class_id, job.count);
     const bench_client client(class_id, mtu);
     delivered message(job);
+    std::vector<std::byte> room(message.size());
     std::vector<candidate> candidates = {
         {"library", [&] { message.deliver(); }},
+        {"memcpy",
+         [&] {
+             memcpy(room.data(), message.data(), room.size());
+             asm volatile("" : : "r"(room.data()) : "memory");
+         }},
         {"copy and zero fill",
          [&] {
              memset(read.data.data(), 0, job.count * sizeof(l2vpn_ac_xcid_data_t));

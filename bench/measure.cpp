@@ -9,7 +9,7 @@
 namespace {
 
 constexpr double batch = 200e3; /* nanoseconds that a batch of runs takes, so that the clock does not count */
-constexpr size_t rounds_min = 5;
+constexpr size_t rounds_min = 11;
 constexpr size_t rounds_max = 101;
 constexpr size_t runs_max = 10000;
 

@@ -51,20 +51,25 @@ def table(header, rows):
 
 
 def number(value):
-    return f"{value:.3f}" if value < 0.1 else f"{value:.2f}" if value < 100 else f"{value:,.0f}"
+    return f"{value:.3f}" if value < 1 else f"{value:.2f}" if value < 100 else f"{value:,.0f}"
 
 
 def machine_text(run):
     machine = run.machine
     load = f" {machine['load']:.1f} programs wanted to run when it began." if "load" in machine else ""
     return (f"{machine['processor']}, {machine['processors']} processors ({machine['caches']}), "
-            f"{machine['system']}, {machine['compiler']}.{load}")
+            f"{machine['system']}, {machine['compiler']}, huge pages: {machine['huge_pages']}.{load}")
 
 
 def goals_table(run):
-    rows = [(name, acs, number(ratio), number(limit), "met" if ratio <= limit else f"**not met**: {why}")
+    def verdict(ratio, limit, why):
+        if ratio > limit:
+            return f"**not met**: {why}"
+        return "met, half of it" if ratio <= limit / 2 else "met"
+
+    rows = [(name, acs, number(ratio), number(limit), verdict(ratio, limit, why))
             for name, acs, ratio, limit, why in goals.judged(run)]
-    met = sum(row[4] == "met" for row in rows)
+    met = sum(row[4].startswith("met") for row in rows)
     return (table(["goal", "ACs", "measured", "at most", ""], rows) +
             f"\n\n{met} of {len(rows)} are met. What a miss is laid to is told [above](#what-limits-it).")
 

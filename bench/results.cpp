@@ -32,6 +32,17 @@ std::string caches()
     }
 }
 
+/* always, madvise or never: what the arrays lie on decides how often an address is looked up. */
+std::string huge_pages()
+{
+    std::ifstream mode("/sys/kernel/mm/transparent_hugepage/enabled");
+    for (std::string word; mode >> word;) {
+        if (word.front() == '[')
+            return word.substr(1, word.size() - 2);
+    }
+    return "none";
+}
+
 } // namespace
 
 results::results(bool thorough) : thorough_(thorough)
@@ -69,6 +80,7 @@ nlohmann::ordered_json results::finished() const
                       {"caches", caches()},
                       {"system", std::string(system.sysname) + " " + system.release},
                       {"compiler", "g++ " __VERSION__},
+                      {"huge_pages", huge_pages()},
                       {"load", load_},
                       {"thorough", thorough_}};
     out.update(all_);
