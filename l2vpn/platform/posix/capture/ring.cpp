@@ -89,7 +89,8 @@ std::unique_ptr<ring> ring::create(const std::string &path, observer by, std::ui
 ring::ring(std::string path, trace::mapped_file made, std::uint32_t snap)
     : path_(std::move(path)), file_(std::move(made.file)), map_(made.map),
       header_(reinterpret_cast<ring_header *>(map_.data())),
-      slots_(reinterpret_cast<slot *>(map_.data() + slots_offset), header_->slot_count),
+      slots_(reinterpret_cast<slot *>(map_.data() + slots_offset),
+             static_cast<std::size_t>(header_->slot_count)),
       by_(static_cast<observer>(header_->by)), pid_(header_->pid)
 {
     const std::size_t quarter = slots_.size() / 4 * slot_room - sizeof(record_prefix);
