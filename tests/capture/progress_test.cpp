@@ -45,6 +45,7 @@ TEST_P(progress, is_shown_on_a_terminal_only)
 
 INSTANTIATE_TEST_SUITE_P(each, progress,
                          testing::Values(long_work{"monitor", "monitor --read RING --handle 1", 0, "\r6"},
+                                         long_work{"capture", "capture --from-ring RING -w x", 0, "\r6"},
                                          long_work{"explain", "explain --read RING 0x1", 5, "\r6"},
                                          long_work{"timeline", "timeline RING -o x", 0, "\r6"},
                                          long_work{"replay", "replay RING --count 500", 0,

@@ -72,6 +72,7 @@ SHOWN = {
     " of the process: what was before is not told",
     " of owners left out: the process's tell the same",
     " replayed: ",
+    " were to be replayed\n",
     "spanning-tree record",
     "spanning-tree records",
     "open batch",
