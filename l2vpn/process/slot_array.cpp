@@ -1,33 +1,40 @@
 #include "slot_array.h"
 
 #include <algorithm>
+#include <new>
 #include <sys/mman.h>
 
 namespace l2vpnd {
 
 namespace {
 
+constexpr size_t huge_page = size_t{2} << 20;
 constexpr size_t arena_max = size_t{64} << 20;
 
 } // namespace
 
 void slot_array::arena_delete::operator()(uint8_t *memory) const
 {
-    if (large) {
-        ::operator delete(memory, huge_page);
+    if (mapped > 0) {
+        munmap(memory, mapped);
     } else {
         ::operator delete(memory);
     }
 }
 
+/* A large one is a mapping of its own: an allocator would keep it when it goes. */
 slot_array::arena slot_array::allocate(size_t bytes)
 {
-    const bool large = bytes >= static_cast<size_t>(huge_page);
-    void *memory = large ? ::operator new(bytes, huge_page) : ::operator new(bytes);
-    if (large) {
-        (void)madvise(memory, bytes, MADV_HUGEPAGE); /* refused, it only takes longer */
+    if (bytes < huge_page) {
+        return {static_cast<uint8_t *>(::operator new(bytes)), arena_delete{0}};
     }
-    return {static_cast<uint8_t *>(memory), arena_delete{large}};
+    const size_t size = (bytes + huge_page - 1) / huge_page * huge_page;
+    void *const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        throw std::bad_alloc();
+    }
+    (void)madvise(memory, size, MADV_HUGEPAGE); /* refused, it only takes longer */
+    return {static_cast<uint8_t *>(memory), arena_delete{size}};
 }
 
 void slot_array::add_arena(size_t chunks)
@@ -44,7 +51,11 @@ void slot_array::reserve(size_t slots)
 {
     while (slots > m_chunks.size() * chunk_slots) {
         const size_t most = arena_max / (size_t{chunk_slots} * m_size);
-        add_arena(std::clamp<size_t>(m_chunks.size(), 1, most));
+        try {
+            add_arena(std::clamp<size_t>(m_chunks.size(), 1, most));
+        } catch (const std::bad_alloc &) {
+            add_arena(1); /* where there is little left */
+        }
     }
     m_reserved = std::max(m_reserved, slots);
 }

@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <new>
 #include <vector>
 
 namespace l2vpnd {
@@ -35,10 +34,8 @@ public:
 private:
     static constexpr uint32_t chunk_slots = 256;
 
-    static constexpr std::align_val_t huge_page{size_t{2} << 20};
-
     struct arena_delete {
-        bool large;
+        size_t mapped; /* bytes; 0: allocated */
         void operator()(uint8_t *memory) const;
     };
     using arena = std::unique_ptr<uint8_t, arena_delete>;

@@ -3,7 +3,6 @@
  */
 #include "support.h"
 
-#include <cstddef>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <limits>
@@ -18,14 +17,14 @@ namespace {
 constexpr uint64_t never = std::numeric_limits<uint64_t>::max();
 uint64_t allocations_left = never;
 
-void *allocate(size_t size, size_t alignment = alignof(std::max_align_t))
+void *allocate(size_t size)
 {
     if (allocations_left == 0) {
         throw std::bad_alloc();
     }
     allocations_left -= allocations_left != never ? 1 : 0;
-    void *memory = nullptr;
-    if (posix_memalign(&memory, alignment, size != 0 ? size : 1) != 0) {
+    void *memory = std::malloc(size != 0 ? size : 1);
+    if (memory == nullptr) {
         throw std::bad_alloc();
     }
     return memory;
@@ -62,14 +61,6 @@ void *operator new(size_t size)
 void *operator new[](size_t size)
 {
     return allocate(size);
-}
-void *operator new(size_t size, std::align_val_t alignment)
-{
-    return allocate(size, static_cast<size_t>(alignment));
-}
-void operator delete(void *memory, std::align_val_t /*alignment*/) noexcept
-{
-    std::free(memory);
 }
 void operator delete(void *memory) noexcept
 {
