@@ -115,6 +115,7 @@ struct info_class6 : info<200, u16(16), u32(20), u16(26), u32(28), u32(32), u64(
 struct info_class17 {
     static constexpr uint32_t size = 200;
     static constexpr uint32_t stride = L2VPN_AC_INFO_HEAD;
+    static constexpr bool reports = true;
 
     static void encode(const std::byte *host, std::byte *wire)
     {
@@ -170,10 +171,17 @@ void encode_infos(const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
         info_part::encode(host, wire);
 }
 
-/* Two arrays at a time are waited for less than one after the other. */
+/* Two arrays at a time are waited for less than one after the other. Who is reported to finds the definitions as
+ * the caller made them. */
 template <typename defn_part, typename info_part>
 void encode_acs(l2vpn_ac_defn_t *defns, const l2vpn_ac_info_t *infos, std::byte *wire, size_t count)
 {
+    if constexpr (requires { info_part::reports; }) {
+        encode_infos<info_part>(infos, wire, count);
+        for (; count > 0; --count, ++defns)
+            defn_part::convert(defns);
+        return;
+    }
     const auto *host = reinterpret_cast<const std::byte *>(infos);
     for (; count > 0; --count, ++defns, host += info_stride, wire += info_part::stride) {
         defn_part::convert(defns);
