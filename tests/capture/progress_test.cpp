@@ -33,8 +33,8 @@ TEST_P(progress, is_shown_on_a_terminal_only)
     for (size_t at = command.find("RING"); at != std::string::npos; at = command.find("RING")) {
         command.replace(at, 4, ring());
     }
-    const system_test::result terminal =
-        system_test::run("/usr/bin/script", {"-qec", "cd " + m_dir.path() + " && " + command, "/dev/null"});
+    const system_test::result terminal = system_test::run(
+        "/usr/bin/script", {"-qec", "cd " + m_dir.path() + " && " + command, "/dev/null"}, {"SHELL=/bin/sh"});
     EXPECT_EQ(terminal.status, work.status) << terminal.out;
     EXPECT_THAT(terminal.out, HasSubstr(work.shown));
     const system_test::result pipe =

@@ -166,7 +166,8 @@ TEST_F(replay, there_may_be_more_clients_than_descriptors)
     std::vector<std::string> arguments = words({file});
     arguments.insert(arguments.begin(),
                      {"-c", "ulimit -n 64; exec \"$@\"", "sh", system_test::binary("l2vpnctl")});
-    const system_test::result done = system_test::run("/bin/sh", arguments, {"TMPDIR=" + m_folder});
+    const system_test::result done =
+        system_test::run("/bin/sh", arguments, {"TMPDIR=" + m_folder, "SHELL=/bin/sh"});
     EXPECT_EQ(done.status, 0) << done.err;
     EXPECT_THAT(done.out, HasSubstr("240 records of 80 links replayed: 0 ACs, "));
 }
@@ -184,7 +185,7 @@ TEST_F(replay, its_end_and_that_of_its_process_are_noticed_and_leave_nothing)
     const std::string file = m_dir.write("slow.pcapng", content);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, 0}) {
         system_test::child played(system_test::binary("l2vpnctl"), words({file, "--speed", "1"}),
-                                  {"TMPDIR=" + m_folder});
+                                  {"TMPDIR=" + m_folder, "SHELL=/bin/sh"});
         std::string folder;
         ASSERT_TRUE(eventually([&] {
             for (const auto &entry : fs::directory_iterator(m_folder)) {
@@ -224,8 +225,8 @@ TEST_F(replay, long_work_shows_on_a_terminal_how_far_it_is_and_leaves_nothing_of
         {program + " replay " + path + runtime, "\rreplayed 100 %\033[K"},
     };
     for (const auto &[command, told] : cases) {
-        const system_test::result done =
-            system_test::run("/usr/bin/script", {"-qec", command, "/dev/null"}, {"TMPDIR=" + m_folder});
+        const system_test::result done = system_test::run("/usr/bin/script", {"-qec", command, "/dev/null"},
+                                                          {"TMPDIR=" + m_folder, "SHELL=/bin/sh"});
         EXPECT_EQ(done.status, 0) << done.out;
         EXPECT_THAT(done.out, HasSubstr(told)) << command;
         const size_t gone = done.out.find("\r\033[K", done.out.find(told) + 1);

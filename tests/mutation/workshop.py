@@ -144,15 +144,19 @@ class Workshop:
         command = [*self.build.options, '-w', f'-ffile-prefix-map={self.directory}/src/=l2vpn/lib/src/',
                    '-include', str(self.directory / HEADERS),
                    '-o', str(output), '-c', str(self.directory / 'src' / unit)]
-        if run(command, 60, cwd=self.build.directory) != 0:
-            return None
-        return output.read_bytes()
+        status = run(command, 300, cwd=self.build.directory)
+        if status is None:
+            raise Broken(f'{unit} is compiled for longer than five minutes')
+        return output.read_bytes() if status == 0 else None
 
     def _compile_test(self, options, path):
         """The object of a test that includes the library's headers, None if it is none."""
         output = self.directory / (path.name + '.o')
         command = [*options, '-w', '-iquote', str(self.directory / 'src'), '-o', str(output), '-c', str(path)]
-        return output if run(command, 300, cwd=self.build.directory) == 0 else None
+        status = run(command, 300, cwd=self.build.directory)
+        if status is None:
+            raise Broken(f'{path.name} is compiled for longer than five minutes')
+        return output if status == 0 else None
 
     def _link(self, target, units, tests=()):
         command = list(self.build.links[target])

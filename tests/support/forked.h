@@ -36,7 +36,8 @@ public:
             constexpr rlimit no_core{0, 0};
             const bool ready = setrlimit(RLIMIT_CORE, &no_core) == 0 &&
                                prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent;
-            _exit(ready ? work(ends[1]) : 127);
+            const auto run = [&]() noexcept { return work(ends[1]); }; /* nobody catches out here */
+            _exit(ready ? run() : 127);
         }
         close(ends[1]);
         from_ = ends[0];

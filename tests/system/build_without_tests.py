@@ -18,7 +18,8 @@ LIBRARIES = ["libl2vpn_ac.so", "libl2vpn_platform.so", "libl2vpn_sim.so"]
 def options_of(build):
     """How a build was configured: compilers, their options, and this project's, but for the benchmarks."""
     cache = pathlib.Path(build, "CMakeCache.txt").read_text(encoding="utf-8")
-    wanted = r"^((?:CMAKE_(?:BUILD_TYPE|(?:C|CXX)_(?:COMPILER|FLAGS)\w*)|L2VPN_(?!BENCH)\w+):\w+=.*)$"
+    wanted = (r"^((?:CMAKE_(?:BUILD_TYPE|PREFIX_PATH|INSTALL_\w+|(?:C|CXX)_(?:COMPILER|FLAGS)\w*|\w+_LINKER_FLAGS\w*)"
+              r"|\w+_DIR|L2VPN_(?!BENCH)\w+):\w+=.*)$")
     return [f"-D{entry}" for entry in re.findall(wanted, cache, re.M) if ":INTERNAL=" not in entry]
 
 

@@ -390,7 +390,8 @@ TEST_F(owner_life, shows_progress_on_a_terminal_only)
     start_process();
     const std::string command =
         binary("l2vpn-owner") + " --once -i " + inventory() + " --runtime-dir " + dir_.path();
-    const result terminal = system_test::run("/usr/bin/script", {"-qec", command, "/dev/null"});
+    const result terminal =
+        system_test::run("/usr/bin/script", {"-qec", command, "/dev/null"}, {"SHELL=/bin/sh"});
     EXPECT_EQ(terminal.status, 0) << terminal.out;
     EXPECT_THAT(terminal.out, HasSubstr("of 5000\r"));
     EXPECT_THAT(terminal.out, HasSubstr("all 5000 ACs created"));

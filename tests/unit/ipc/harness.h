@@ -45,7 +45,6 @@ std::string socket_path(const std::string &service);
 /* The name of the test that runs, fit for a service. */
 std::string test_name();
 
-/* The name of a group; without one the test fails. */
 struct named_group {
     std::string name;
     gid_t id;

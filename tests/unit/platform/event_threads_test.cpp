@@ -102,9 +102,10 @@ TEST(event_threads, watches_come_and_go_while_dispatching)
                     },
                     &called);
                 EXPECT_NE(watch, nullptr);
+                const auto until = std::chrono::steady_clock::now() + 60s;
                 do {
-                    std::this_thread::yield();
-                } while (round == rounds - 1 && called == 0); // the last stays until a handler has run
+                    std::this_thread::yield(); // the last stays until a handler has run
+                } while (round == rounds - 1 && called == 0 && std::chrono::steady_clock::now() < until);
                 event_fd_modify(watch, round % 2 == 0 ? 0 : EVENT_FD_READ);
                 event_fd_unwatch(watch);
             }
