@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <thread>
@@ -102,7 +103,7 @@ TEST(event_threads, watches_come_and_go_while_dispatching)
                     },
                     &called);
                 EXPECT_NE(watch, nullptr);
-                const auto until = std::chrono::steady_clock::now() + 60s;
+                const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
                 do {
                     std::this_thread::yield(); // the last stays until a handler has run
                 } while (round == rounds - 1 && called == 0 && std::chrono::steady_clock::now() < until);
