@@ -9,6 +9,19 @@
 
 namespace l2vpnd {
 
+namespace {
+
+/*
+ * A client process has one link a class at a time. Where it has opened another since, what is still read from the
+ * one before is from before all that the new one says, though it may come after it.
+ */
+bool is_outdated(const owner &from, const owner &holder)
+{
+    return from.info.pid == holder.info.pid && from.info.peer_id < holder.info.peer_id;
+}
+
+} // namespace
+
 /* Only what the decoder lets through comes here: types from owner to process, whole and of the right length. */
 const std::array<l2vpn_process::handler_row, message_types> l2vpn_process::s_handlers = {{
     {L2VPN_AC_MSG_JOIN, &l2vpn_process::on_join},
@@ -64,7 +77,7 @@ uint32_t l2vpn_process::handle_at(const owner &from, const message &msg, uint32_
     return msg.handle(i);
 }
 
-/* The slot of an AC that is to be `from`'s from now on, as good as new and on no list. */
+/* The slot of an AC that is to be `from`'s from now on, as good as new and on no list; none where it stays another's. */
 uint32_t l2vpn_process::claim(owner &from, uint32_t handle, uint32_t now, uint32_t number)
 {
     ac_store &store = m_acs.store(from.info.class_id);
@@ -74,7 +87,17 @@ uint32_t l2vpn_process::claim(owner &from, uint32_t handle, uint32_t now, uint32
         slot = store.insert(from.info.nodeid, handle, from.slot);
     } else {
         const ac_head &old = store.head(slot);
-        store.remove(m_owners.at(old.owner).list(old.stage), slot);
+        owner &holder = m_owners.at(old.owner);
+        if (is_outdated(from, holder)) {
+            from.count.acs_outdated++;
+            m_log.write(
+                topic::unknown, LOG_NOTICE,
+                "owner %" PRIu64
+                " (class %u, node %u): create of AC 0x%08x, which it has said since over a newer link",
+                from.info.peer_id, from.info.class_id, from.info.nodeid, handle);
+            return no_slot;
+        }
+        store.remove(holder.list(old.stage), slot);
         (old.owner == from.slot ? from.count.acs_replaced : from.count.acs_taken_over)++;
     }
     ac_head &ac = store.head(slot);
@@ -98,6 +121,9 @@ drop l2vpn_process::on_create(owner &from, const message &msg, const batch_step 
     const auto number = static_cast<uint32_t>(from.count.all_received() + 1);
     for (uint32_t i = 0; i < msg.count; i++) {
         const uint32_t slot = claim(from, handle_at(from, msg, i), now, number);
+        if (slot == no_slot) {
+            continue;
+        }
         store.set_definition(slot, msg.definition(i));
         store.set_info(slot, msg.info(i));
         store.head(slot).stage = ac_stage::batched;

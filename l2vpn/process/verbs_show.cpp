@@ -48,6 +48,7 @@ json show_counters(const counters &c)
          {{"created", c.acs_created},
           {"replaced", c.acs_replaced},
           {"taken_over", c.acs_taken_over},
+          {"outdated", c.acs_outdated},
           {"updated", c.acs_updated},
           {"deleted", c.acs_deleted},
           {"withdrawn", c.acs_withdrawn},

@@ -116,6 +116,23 @@ TEST(acs, go_with_their_owner)
     EXPECT_TRUE(b.logged("301 ACs withdrawn"));
 }
 
+/* What a client process has sent over a link that has ended may be read after what it says over the next one. */
+TEST(acs, of_a_newer_link_of_the_same_client_are_not_taken_by_the_older_one)
+{
+    bench b;
+    owner *before = b.connect(0, 7, 65536, 99);
+    owner *after = b.connect(0, 7, 65536, 99);
+    b.process.received(*after, create(0, {1, 2}));
+    b.process.received(*before, create(0, {1, 2, 3}));
+    EXPECT_EQ(before->count.acs_outdated, 2U);
+    EXPECT_EQ(before->count.acs_taken_over, 0U);
+    EXPECT_EQ(before->ac_count(), 1U);
+    EXPECT_TRUE(b.logged("which it has said since over a newer link"));
+    b.process.closed(*before, EPIPE);
+    EXPECT_EQ(after->ac_count(), 2U) << "what it says last is what counts";
+    EXPECT_EQ(b.process.acs().size(), 2U);
+}
+
 TEST(acs, belong_to_the_owner_that_created_them_last)
 {
     bench b;
