@@ -191,16 +191,17 @@ std::set<std::string> options_in(const std::string &text)
     return found;
 }
 
-/* What is offered behind these words, in an empty folder. */
-std::set<std::string> completions_of(const std::string &line)
+/* What is offered behind these words, in an empty folder. `compopt`: what it says when it is told options. */
+std::set<std::string> completions_of(const std::string &line, const std::string &compopt = ":")
 {
     const system_test::temp_dir dir;
     const system_test::result offered = system_test::run(
         "/bin/bash",
         {"-c",
          "cd \"$2\"; source \"$0\"; COMP_WORDS=($1 \"\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
+         "tell=$3; compopt() { $tell \"$@\"; }; "
          "_l2vpnctl; echo \"${COMPREPLY[@]}\"",
-         L2VPN_COMPLETION, line, dir.path()});
+         L2VPN_COMPLETION, line, dir.path(), compopt});
     EXPECT_EQ(offered.err, "");
     std::istringstream text(offered.out);
     return {std::istream_iterator<std::string>(text), std::istream_iterator<std::string>()};
@@ -257,9 +258,24 @@ TEST(ctl, completion_offers_values_that_are_taken)
         }
     }
     EXPECT_EQ(completions_of("l2vpnctl monitor --type"), types);
+}
+
+/* Bash then quotes them, and adds a slash to a folder: as no verb or value may be changed. */
+TEST(ctl, completion_says_which_are_names_of_files)
+{
+    const auto are_files = [](const std::string &line) {
+        return completions_of(line, "echo").contains("filenames");
+    };
+    for (const char *line : {"monitor --read", "explain --also", "capture --write", "replay", "timeline",
+                             "show acs --runtime-dir"}) {
+        EXPECT_TRUE(are_files(std::string("l2vpnctl ") + line)) << line;
+    }
+    for (const char *line : {"", "show", "show acs --state", "monitor --type", "--color"}) {
+        EXPECT_FALSE(are_files(std::string("l2vpnctl ") + line)) << line;
+    }
     const system_test::result how =
         system_test::run("/bin/bash", {"-c", "source \"$0\"; complete -p l2vpnctl", L2VPN_COMPLETION});
-    EXPECT_NE(how.out.find("-o filenames"), std::string::npos) << how.out;
+    EXPECT_EQ(how.out, "complete -F _l2vpnctl l2vpnctl\n");
 }
 
 TEST(ctl, does_not_wait_for_ever)
