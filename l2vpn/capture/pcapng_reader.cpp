@@ -255,6 +255,9 @@ private:
     {
         constexpr std::size_t fixed = 12;
         interface &of = interface_of(body, fixed, at);
+        if (!of.ours) {
+            return;
+        }
         if (const auto lost = number_option(body.subspan(fixed), isb_ifdrop)) {
             of.lost = *lost;
             of.has_statistics = true;

@@ -176,6 +176,21 @@ TEST_F(pcapng, the_other_byte_order_and_other_clocks_are_read)
     EXPECT_EQ(got.summary.foreign, 1U);
 }
 
+TEST_F(pcapng, what_another_interface_has_lost_is_none_of_ours)
+{
+    using namespace std::string_literals;
+    const std::string section =
+        big_block(0x0A0D0D0A, "\x1a\x2b\x3c\x4d\0\1\0\0\xff\xff\xff\xff\xff\xff\xff\xff"s);
+    const std::string ours = big_block(1, "\0\x93\0\0\0\0\0\0"s);
+    const std::string foreign = big_block(1, "\0\1\0\0\0\0\0\0"s);
+    const auto dropped = [](char interface, char count) {
+        return big_block(5, "\0\0\0"s + interface + "\0\0\0\0\0\0\0\7\0\5\0\x8\0\0\0\0\0\0\0"s + count);
+    };
+    const outcome got = read(section + ours + foreign + dropped('\0', '\3') + dropped('\1', '\x64'));
+    EXPECT_EQ(got.refusal, "");
+    EXPECT_EQ(got.summary.lost, 3U);
+}
+
 TEST_F(pcapng, a_record_of_another_version_is_refused_by_name)
 {
     std::string file = make();
