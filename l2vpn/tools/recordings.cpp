@@ -145,10 +145,14 @@ void read_files(const std::vector<std::string> &paths, record_consumer &to)
     for (size_t i = 0; i < files.size(); i++) {
         to.end(i, wanted ? files[i].source->lost_at_end() : 0);
     }
+    std::string faults;
     for (const opened_file &file : files) {
         if (const std::string fault = file.source->fault(); !fault.empty()) {
-            refuse(file.path, fault);
+            faults += (faults.empty() ? "" : "; ") + file.path + ": " + fault;
         }
+    }
+    if (!faults.empty()) {
+        throw failure{exit_failed, faults};
     }
 }
 

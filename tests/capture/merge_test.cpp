@@ -206,6 +206,11 @@ TEST_F(merged, files_of_either_kind_are_read_together)
     EXPECT_THAT(broken.err, HasSubstr("cut.pcapng: breaks off at byte "));
     EXPECT_TRUE(is_one_line(broken.err));
     EXPECT_GT(parsed(broken.out).size(), 256U + messages / 4) << "what is there is shown, of both";
+    const std::string more = m_dir.write("more.pcapng", content.substr(0, content.size() - 1));
+    const system_test::result all = monitor({"--read", cut, "--read", file, "--read", more, "--json"});
+    EXPECT_TRUE(is_one_line(all.err)) << all.err;
+    EXPECT_THAT(all.err, HasSubstr("cut.pcapng: breaks off at byte "));
+    EXPECT_THAT(all.err, HasSubstr("; " + more + ": breaks off at byte ")) << "of each";
     expect_one_line(monitor({"--read", file, "--read", m_dir.write("text", "text")}), 1,
                     "text: not a pcapng file");
 }
