@@ -10,14 +10,12 @@
 #include "chain.h"
 #include "command_line.h"
 #include "finder.h"
+#include "number_option.h"
 #include "output.h"
 #include "ring_reader.h"
 #include "survey.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -44,13 +42,8 @@ std::string as_pattern(const std::string &name)
 
 std::optional<uint32_t> handle_of(const std::string &word)
 {
-    char *end = nullptr;
-    errno = 0;
-    const bool is_hex = word.starts_with("0x") || word.starts_with("0X");
-    const unsigned long long value = strtoull(word.c_str(), &end, is_hex ? 16 : 10);
-    const bool is_number = !word.empty() && isdigit(static_cast<unsigned char>(word[0])) != 0 && *end == '\0';
-    return is_number && errno == 0 && value <= UINT32_MAX ? std::optional(static_cast<uint32_t>(value))
-                                                          : std::nullopt;
+    const std::optional<uint64_t> value = l2vpnd::number_in(word);
+    return value && *value <= UINT32_MAX ? std::optional(static_cast<uint32_t>(*value)) : std::nullopt;
 }
 
 /* What the process holds of ACs that are meant; each row is one. */
@@ -74,6 +67,7 @@ private:
     process_answer ask(const json &more) const;
     process_answer ask_for_all() const;
     void find_rings(const std::string &folder, const std::string &own);
+    bool is_named(const std::string &path) const;
     bool drop_unreadable();
     void read(record_consumer &to);
     void follow(std::optional<chain> &story);
@@ -151,17 +145,19 @@ void explainer::find_rings(const std::string &folder, const std::string &own)
         found.insert(found.begin(), own);
     }
     const std::vector<std::string> &named = m_line.recordings.also;
-    for (const std::string &path : named) {
-        try {
-            const ring_reader readable(path);
-        } catch (const bad_file &bad) {
-            throw failure{exit_failed, path + ": " + bad.what()};
-        }
-    }
     found.insert(found.end(), named.begin(), named.end());
     m_files = distinct(found);
     m_were_named = false;
     drop_unreadable();
+}
+
+/* However it is spelled. */
+bool explainer::is_named(const std::string &path) const
+{
+    return std::ranges::any_of(m_line.recordings.also, [&path](const std::string &named) {
+        std::error_code error;
+        return named == path || fs::equivalent(named, path, error);
+    });
 }
 
 /* Of rings that nobody named. True: there were some. */
@@ -173,6 +169,9 @@ bool explainer::drop_unreadable()
             const ring_reader readable(m_files[i]);
             i++;
         } catch (const bad_file &bad) {
+            if (is_named(m_files[i])) {
+                throw failure{exit_failed, m_files[i] + ": " + bad.what()};
+            }
             found = true;
             m_out.note("recording:unreadable", m_files[i] + ": " + bad.what());
             m_files.erase(m_files.begin() + static_cast<ptrdiff_t>(i));

@@ -3,6 +3,8 @@
  */
 #include "explained.h"
 
+#include <filesystem>
+
 using namespace process_test;
 
 /* An owner does not answer, whatever its callback returns: that is said, and what it got. */
@@ -75,6 +77,11 @@ TEST_F(explained, a_ring_elsewhere_is_read_beside_the_process)
     expect_one_line(explain({"refused", "--also", none}), 1, none + ": No such file or directory");
     const std::string text = m_dir.write("text", "text");
     expect_one_line(explain({"refused", "--also", text}), 1, text + ": ");
+    const std::string other = m_dir.write("other.ring", "text");
+    expect_one_line(explain({"refused", "--also", other}), 1, "other.ring: ");
+    EXPECT_TRUE(has_note(document({"refused"}), "recording:unreadable"))
+        << "which is there, but is not named";
+    std::filesystem::remove(other);
     expect_one_line(explain({"refused", "--also", path, "--read", path}), 2, "--also");
     m_daemon->send_signal(SIGKILL);
     ASSERT_EQ(m_daemon->wait(), -SIGKILL);
