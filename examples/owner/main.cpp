@@ -88,15 +88,15 @@ int run(int argc, char **argv)
     comparisons made;
     if (!chosen.compare.empty())
         status = compare_with(chosen.compare, "acs", interfaces, made);
-    if (!chosen.compare_mstp.empty() && status == 0)
-        status = compare_with(chosen.compare_mstp, "mstp", scenario, made);
+    if (!chosen.compare_mstp.empty())
+        status = std::max(status, compare_with(chosen.compare_mstp, "mstp", scenario, made));
     if (chosen.as_json && status != owner::exit_bad_input)
         std::cout << owner::document_of(made);
     for (const owner::comparison &one : made)
         if (!chosen.as_json)
             owner::print_comparison(one, std::cout);
     if (!chosen.compare.empty() || !chosen.compare_mstp.empty())
-        return status == 0 ? owner::flushed() : status;
+        return std::max(status, owner::flushed());
 
     // The platform reads its configuration when it is first used, which is not yet.
     // It takes an absolute directory only.
