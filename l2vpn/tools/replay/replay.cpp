@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <unistd.h>
 
 namespace l2vpnctl {
 
