@@ -69,6 +69,8 @@ for example in minimal/minimal tutorial/first_owner embed/sd_event; do
     said=$(LD_LIBRARY_PATH=$lib "$work/example" --help 2>&1) || status=$?
     if ((status != 2)) || [[ $said != *'takes no arguments'* ]]; then fail "$example ends with $status: $said"; fi
 done
+mapfile -t flags < <(PKG_CONFIG_PATH=$lib/pkgconfig pkg-config --cflags l2vpn_ac | xargs -n 1)
+"$cxx" -std=c++20 -fsyntax-only "$examples"/owner/*.cpp "${flags[@]}" || fail "owner/*.cpp does not build"
 
 CMAKE_PREFIX_PATH=$prefix PKG_CONFIG_PATH=$lib/pkgconfig RPATH=$lib PATH=$prefix/bin:$prefix/sbin:$PATH \
     "$here/use.sh" "$cc" "$cxx" "$cmake" "$here/consumer"
