@@ -54,6 +54,11 @@ const char *drop_code(const reading &message)
     return l2vpnd::drop_name(drop::direction);
 }
 
+recorder recorder_in(size_t source, const record_head &head)
+{
+    return {source, head.by, head.by == observer::process ? 0 : head.pid};
+}
+
 /* Whatever is recorded has a number. Those of one process come in order, so that a lower one is of another run. */
 void chain::follow_number(recorder_state &of, const record_head &head)
 {
@@ -72,9 +77,9 @@ void chain::follow_number(recorder_state &of, const record_head &head)
 }
 
 /* The parts of one capture are of one recorder: the next one begins where the one before has stopped. */
-chain::recorder chain::recorder_of(size_t source, const record_head &head)
+recorder chain::recorder_of(size_t source, const record_head &head)
 {
-    const recorder own{source, head.by, head.by == observer::process ? 0 : head.pid};
+    const recorder own = recorder_in(source, head);
     const auto known = m_parts.find(own);
     if (known != m_parts.end()) {
         return known->second;

@@ -60,6 +60,10 @@ struct standing {
     bool unprovisioned = false;
 };
 
+/* A ring, or one recorder of those in a pcapng file: its source, and the pid if it is an owner. */
+using recorder = std::tuple<size_t, l2vpn::capture::observer, uint32_t>;
+recorder recorder_in(size_t source, const l2vpn::capture::record_head &head);
+
 class chain {
 public:
     explicit chain(const ac_key &of) : m_key(of) {}
@@ -85,8 +89,6 @@ private:
         std::array<bool, l2vpnd::message_types> batch_is_known{};
     };
     using link_map = std::map<uint64_t, link_state>;
-    /* A ring, or one recorder of those in a pcapng file. */
-    using recorder = std::tuple<size_t, l2vpn::capture::observer, uint32_t>;
     struct recorder_state {
         link_map links;
         standing now;

@@ -152,6 +152,23 @@ TEST_F(recorded, captures_are_bounded)
     const std::vector<json> newer = rows({"--read", file});
     EXPECT_EQ(newer.back()["number"], messages);
     EXPECT_EQ(newer.front()["number"], older.back()["number"].get<uint64_t>() + 1);
+    const auto overwritten = [&](const std::vector<std::string> &files) {
+        std::vector<std::string> arguments = {"explain", "0x100", "--json"};
+        for (const std::string &one : files) {
+            arguments.insert(arguments.end(), {"--read", one});
+        }
+        std::vector<uint64_t> found;
+        const json told = json::parse(ctl(arguments).out);
+        for (const json &one : told["searched"]) {
+            found.push_back(one["overwritten"]);
+        }
+        return found;
+    };
+    const uint64_t first = older.front()["number"];
+    ASSERT_GT(first, 0U);
+    EXPECT_EQ(overwritten({file}), std::vector<uint64_t>{newer.front()["number"]});
+    EXPECT_EQ(overwritten({file, file + ".1"}), (std::vector<uint64_t>{0, first}))
+        << "it is in the other part";
 
     const std::string full = m_dir.file("full.pcapng");
     ASSERT_EQ(ctl({"capture", "-w", full, "--from-ring", ring(), "--size", "1", "--files", "1"}).status, 0);
