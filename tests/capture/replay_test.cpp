@@ -190,8 +190,8 @@ TEST_F(replay, every_kind_of_difference_has_its_words)
 TEST_F(replay, messages_of_all_links_keep_their_order)
 {
     start({"--capture-size", "4096"});
-    raw_peer one = peer(3);
-    raw_peer other = peer(3);
+    raw_peer one = raw_peer::of_another_process(socket_path(), 3);
+    raw_peer other = raw_peer::of_another_process(socket_path(), 3);
     constexpr uint32_t rounds = 100;
     for (uint32_t i = 0; i < rounds; i++) {
         for (raw_peer *owner : {&one, &other}) {
@@ -207,6 +207,19 @@ TEST_F(replay, messages_of_all_links_keep_their_order)
     const std::string shown = m_dir.write("acs.json", ctl({"show", "acs", "--json"}).out);
     EXPECT_EQ(play({file, "--against", shown}).status, 0);
     EXPECT_THAT(system_test::read_file(shown), HasSubstr("\"owner\":1"));
+}
+
+TEST_F(replay, an_older_link_takes_nothing_from_a_newer_one_of_its_client)
+{
+    start();
+    raw_peer older = peer(3);
+    raw_peer newer = peer(3);
+    ASSERT_TRUE(newer.send(create(3, {0x100, 0x101})));
+    ASSERT_TRUE(is_handled(1));
+    ASSERT_TRUE(older.send(create(3, {0x101, 0x102})));
+    ASSERT_TRUE(is_handled(2));
+    EXPECT_EQ(totals()["acs"]["outdated"], 1);
+    expect_same(keep(), "4 records of 2 links replayed: 3 ACs, ");
 }
 
 /* What ends a batch ends it on all links of the client, and on no other's. */

@@ -1,5 +1,7 @@
 #include "daemon.h"
 
+#include "forked.h"
+
 #include <algorithm>
 #include <csignal>
 #include <poll.h>
@@ -16,7 +18,7 @@ namespace {
 constexpr int patience_ms = 20000;
 constexpr size_t largest_packet = size_t{1} << 20;
 
-int connect_to(const std::string &path, int type)
+int connect_to(const std::string &path, int type, bool elsewhere = false)
 {
     sockaddr_un address{};
     if (path.size() >= sizeof address.sun_path) {
@@ -25,7 +27,10 @@ int connect_to(const std::string &path, int type)
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    const auto connected = [&](int) {
+        return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ? 0 : 1;
+    };
+    if (fd < 0 || (elsewhere ? system_test::forked(connected).wait() : connected(fd)) != 0) {
         throw std::runtime_error("cannot connect to " + path);
     }
     return fd;
@@ -41,6 +46,15 @@ raw_peer::raw_peer(const std::string &socket_path, uint32_t class_id, uint32_t n
     if (greet(class_id, node, mtu) != 0) {
         throw std::runtime_error("the link was refused");
     }
+}
+
+raw_peer raw_peer::of_another_process(const std::string &socket_path, uint32_t class_id, uint32_t node)
+{
+    raw_peer made(connect_to(socket_path, SOCK_SEQPACKET, true));
+    if (made.greet(class_id, node, 65536) != 0) {
+        throw std::runtime_error("the link was refused");
+    }
+    return made;
 }
 
 raw_peer::~raw_peer()

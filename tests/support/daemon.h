@@ -23,6 +23,8 @@ public:
     explicit raw_peer(const std::string &socket_path);
     /* Opens the link and expects to be accepted. */
     raw_peer(const std::string &socket_path, uint32_t class_id, uint32_t node = 7, uint32_t mtu = 65536);
+    /* The same, connected by a process of its own: that is the one which the kernel tells of. */
+    static raw_peer of_another_process(const std::string &socket_path, uint32_t class_id, uint32_t node = 7);
     ~raw_peer();
     raw_peer(raw_peer &&other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
     raw_peer(const raw_peer &) = delete;
@@ -40,6 +42,7 @@ public:
     void close();
 
 private:
+    explicit raw_peer(int fd) : m_fd(fd) {}
     bool wait_for(short events) const;
 
     int m_fd;

@@ -54,6 +54,7 @@ void account::up(const captured &record)
     owner &fresh = m_owners[link_of(record)];
     fresh.node = record.head.nodeid;
     fresh.class_id = record.head.class_id;
+    fresh.pid = record.head.pid;
     m_batches.up(record);
 }
 
@@ -85,11 +86,22 @@ account::ac *account::own(const captured &record, uint32_t handle)
     return found != m_acs.end() && found->second.owner == link_of(record) ? &found->second : nullptr;
 }
 
+/* Said by the holder's client over an older link: the process leaves the AC where it is. */
+bool account::is_outdated(const link_id &link, const ac &held)
+{
+    const uint32_t pid = m_owners[link].pid;
+    return pid != 0 && pid == m_owners[held.owner].pid && link < held.owner;
+}
+
 void account::create(const captured &record, const reading &message, bool inside)
 {
     owner &from = m_owners[link_of(record)];
     for (uint32_t i = 0; i < message.count; i++) {
         const ac_key key = {record.head.nodeid, record.head.class_id, *handle_in(record, message, i)};
+        const auto held = m_acs.find(key);
+        if (held != m_acs.end() && is_outdated(link_of(record), held->second)) {
+            continue;
+        }
         const auto definition = part(record, message, "definition", i);
         const auto info = part(record, message, "info", i);
         m_acs[key] = {link_of(record),

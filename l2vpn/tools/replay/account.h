@@ -30,6 +30,7 @@ private:
     struct owner {
         uint32_t node = 0;
         uint32_t class_id = 0;
+        uint32_t pid = 0;            /* of the client process; 0: not known */
         std::vector<ac_key> batched; /* of the open CREATE batch */
         std::map<std::pair<uint32_t, octets>, octets>
             records; /* roots, states, protections: by type and key */
@@ -44,6 +45,7 @@ private:
     void create(const captured &record, const l2vpn::capture::reading &message, bool inside);
     void change(const captured &record, const l2vpn::capture::reading &message);
     void spanning_tree(const captured &record, const l2vpn::capture::reading &message, bool inside);
+    bool is_outdated(const link_id &link, const ac &held);
     ac *own(const captured &record, uint32_t handle);
 
     std::map<ac_key, ac> m_acs;
