@@ -26,7 +26,7 @@ struct counters {
     uint64_t send_failures = 0;
     uint64_t acs_created = 0;
     uint64_t acs_replaced = 0;   /* created again by their owner */
-    uint64_t acs_outdated = 0; /* created over a link that had a successor, which had created them */
+    uint64_t acs_outdated = 0;   /* created over a link that had a successor, which had created them */
     uint64_t acs_taken_over = 0; /* created again by another owner of the same node and class */
     uint64_t acs_updated = 0;
     uint64_t acs_deleted = 0;

@@ -180,12 +180,12 @@ void encode_acs(l2vpn_ac_defn_t *defns, const l2vpn_ac_info_t *infos, std::byte 
         encode_infos<info_part>(infos, wire, count);
         for (; count > 0; --count, ++defns)
             defn_part::convert(defns);
-        return;
-    }
-    const auto *host = reinterpret_cast<const std::byte *>(infos);
-    for (; count > 0; --count, ++defns, host += info_stride, wire += info_part::stride) {
-        defn_part::convert(defns);
-        info_part::encode(host, wire);
+    } else {
+        const auto *host = reinterpret_cast<const std::byte *>(infos);
+        for (; count > 0; --count, ++defns, host += info_stride, wire += info_part::stride) {
+            defn_part::convert(defns);
+            info_part::encode(host, wire);
+        }
     }
 }
 
