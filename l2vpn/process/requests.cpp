@@ -13,11 +13,11 @@ namespace {
 
 /*
  * A client process has one link a class at a time. Where it has opened another since, what is still read from the
- * one before is from before all that the new one says, though it may come after it.
+ * one before is from before all that the new one says, though it may come after it. A pid of 0 is not known.
  */
 bool is_outdated(const owner &from, const owner &holder)
 {
-    return from.info.pid == holder.info.pid && from.info.peer_id < holder.info.peer_id;
+    return from.info.pid != 0 && from.info.pid == holder.info.pid && from.info.peer_id < holder.info.peer_id;
 }
 
 } // namespace
