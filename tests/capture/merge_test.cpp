@@ -115,6 +115,15 @@ protected:
         return {system_test::binary("l2vpnctl"),
                 {"monitor", "--runtime-dir", m_dir.path(), "--history", "--json"}};
     }
+    /* The process, once it has received all that an owner says. */
+    bool is_killed_with_all_told()
+    {
+        if (!eventually([&] { return totals()["received"].value("JOIN", uint64_t{0}) == messages; })) {
+            return false;
+        }
+        m_daemon->send_signal(SIGKILL);
+        return m_daemon->wait() == -SIGKILL;
+    }
     /* The numbers of the records that were shown; -N where N were said to be missing. */
     static std::vector<int64_t> numbers(const std::string &text)
     {
@@ -134,10 +143,8 @@ TEST_F(merged, both_ends_tell_of_the_same_messages_in_the_order_of_time_and_of_w
     start({"--capture-size", "64"}); /* 256 slots: the beginning is lost */
     owner one(m_dir.path());
     ASSERT_NE(one.ring(), "");
-    ASSERT_TRUE(eventually([&] { return totals()["received"].value("JOIN", uint64_t{0}) == messages; }));
     const std::string its = ring();
-    m_daemon->send_signal(SIGKILL);
-    ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+    ASSERT_TRUE(is_killed_with_all_told());
     const pid_t pid = one.pid();
     one.end();
 
@@ -179,10 +186,8 @@ TEST_F(merged, files_of_either_kind_are_read_together)
     start({"--capture-size", "64"}); /* the beginning is lost */
     owner one(m_dir.path());
     ASSERT_NE(one.ring(), "");
-    ASSERT_TRUE(eventually([&] { return totals()["received"].value("JOIN", uint64_t{0}) == messages; }));
     const std::string its = ring();
-    m_daemon->send_signal(SIGKILL);
-    ASSERT_EQ(m_daemon->wait(), -SIGKILL);
+    ASSERT_TRUE(is_killed_with_all_told());
     one.end();
     const auto as_file = [&](const std::string &from, const std::string &name) {
         EXPECT_EQ(ctl({"capture", "-w", m_dir.file(name), "--from-ring", from}).status, 0);
