@@ -139,7 +139,7 @@ qerrno send_acs(const request &req, l2vpn_ac_client_ctx *ctx, l2vpn_ac_lock &loc
     qerrno rc = prepare(req, ctx, msgs);
     if (rc != EOK)
         return rc;
-    if (l2vpn_ac_class_find(ctx->class_id) == nullptr) { /* by now: others ran while memory was waited for */
+    if (l2vpn_ac_class_find(ctx->class_id) == nullptr) { /* that of now, not the one that was prepared for */
         l2vpn_ac_report_bad_class(kind.function, __LINE__, ctx->class_id);
         if (kind.has_defns)
             row->restore_defns(req.defns, req.bulk_size);
