@@ -207,7 +207,7 @@ std::uint32_t model::send_acs(const step &what, const settled &call, std::size_t
 
     if (limit == 0)
         hit(feature::limit_of_zero);
-    if (call.count > 8192)
+    if (call.count > 16384)
         hit(feature::request_large);
     hit(call.count == limit  ? feature::request_exact
         : call.count < limit ? feature::request_whole

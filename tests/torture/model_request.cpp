@@ -14,7 +14,7 @@ namespace torture {
 namespace {
 
 constexpr std::uint32_t header = 16;
-constexpr std::uint32_t on_stack = 8192; /* entries of the check; more stand in a mapping */
+constexpr std::uint32_t on_stack = 16384; /* entries of the check; more stand in a mapping */
 
 std::string status_text(qerrno status)
 {

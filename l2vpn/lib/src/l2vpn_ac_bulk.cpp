@@ -32,23 +32,12 @@ struct request {
 /* --- the platform's check ---------------------------------------------------------------------------- */
 
 /* Up to here the entries stand on the stack; a larger request's in a mapping that lives for the call. */
-constexpr uint32_t stack_entries_max = 8192;
-
-void make_entries(const ifhtype *ifh, l2vpn_ac_data_entry_t *entries, size_t count)
-{
-    size_t i = 0;
-#if L2VPN_AC_BLOCKS
-    static_assert(sizeof *entries == 8 && offsetof(l2vpn_ac_data_entry_t, spare) == 4);
-    for (; count - i >= 4; i += 4)
-        l2vpn_ac_block_store_spread(entries + i, l2vpn_ac_block_load(ifh + i));
-#endif
-    for (; i < count; ++i)
-        entries[i] = {ifh[i], 0};
-}
+constexpr uint32_t stack_entries_max = 16384;
 
 qerrno check(const request &req, const l2vpn_ac_client_ctx *ctx, l2vpn_ac_data_entry_t *entries)
 {
-    make_entries(req.ifh, entries, req.bulk_size);
+    static_assert(sizeof *entries == 8 && offsetof(l2vpn_ac_data_entry_t, spare) == 4);
+    l2vpn_ac_spread_words(req.ifh, req.bulk_size, reinterpret_cast<std::byte *>(entries));
     const qerrno rc = l2vpn_ac_data_sanitize(ctx->class_id, entries, req.defns, req.infos, req.bulk_size);
     return rc == EOK || req.kind.refused == EOK ? rc : req.kind.refused;
 }
@@ -61,25 +50,37 @@ qerrno check_on_stack(const request &req, const l2vpn_ac_client_ctx *ctx)
                      alloca((size_t{req.bulk_size} + 1) * sizeof(l2vpn_ac_data_entry_t))));
 }
 
-/* From an eighth of it on one huge page costs less than the small ones; the kernel finds room for whole ones. */
+/* From an eighth of it on one huge page costs less than the small ones. */
 constexpr uint64_t huge_page = 2u << 20;
+
+constexpr uint64_t round_up(uint64_t value, uint64_t to)
+{
+    return (value + to - 1) / to * to;
+}
 
 uint64_t mapping_size(uint32_t entries)
 {
     const uint64_t size = uint64_t{entries} * sizeof(l2vpn_ac_data_entry_t);
-    return size < huge_page / 8 ? size : (size + huge_page - 1) / huge_page * huge_page;
+    return size < huge_page / 8 ? size : round_up(size, huge_page);
 }
 
 qerrno check_in_mapping(const request &req, const l2vpn_ac_client_ctx *ctx)
 {
+    const uint64_t wanted = mapping_size(req.bulk_size);
+    /* Not every kernel places a mapping where its huge pages begin. What is asked for more is never touched. */
+    const uint64_t spare = wanted < huge_page ? 0 : huge_page;
     /* Where an address has 32 bits the size may not fit; the largest that does is always refused. */
-    const auto size = static_cast<size_t>(std::min(mapping_size(req.bulk_size), uint64_t{SIZE_MAX}));
+    const auto size = static_cast<size_t>(std::min(wanted + spare, uint64_t{SIZE_MAX}));
     void *const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         return ENOMEM;
-    if (size >= huge_page)
-        (void)madvise(memory, size, MADV_HUGEPAGE);
-    const qerrno rc = check(req, ctx, static_cast<l2vpn_ac_data_entry_t *>(memory));
+    auto *entries = static_cast<l2vpn_ac_data_entry_t *>(memory);
+    if (spare > 0) {
+        const auto begin = round_up(reinterpret_cast<uintptr_t>(memory), huge_page);
+        entries = reinterpret_cast<l2vpn_ac_data_entry_t *>(static_cast<uintptr_t>(begin));
+        (void)madvise(entries, static_cast<size_t>(wanted), MADV_HUGEPAGE);
+    }
+    const qerrno rc = check(req, ctx, entries);
     munmap(memory, size);
     return rc;
 }

@@ -231,4 +231,24 @@ inline void l2vpn_ac_convert_words(uint32_t *words, size_t count)
                                                                       count);
 }
 
+/* Words from number `from` on, each followed by a word of zeros in the array of such pairs that `to` is. */
+inline void l2vpn_ac_spread_plain(const uint32_t *words, size_t from, size_t count, std::byte *to)
+{
+    for (size_t i = from; i < count; ++i) {
+        const uint32_t spread[] = {words[i], 0};
+        memcpy(to + i * sizeof spread, spread, sizeof spread);
+    }
+}
+
+/* All of them; by blocks where there are any. */
+inline void l2vpn_ac_spread_words(const uint32_t *words, size_t count, std::byte *to)
+{
+    size_t i = 0;
+#if L2VPN_AC_BLOCKS
+    for (; count - i >= 4; i += 4)
+        l2vpn_ac_block_store_spread(to + i * 8, l2vpn_ac_block_load(words + i));
+#endif
+    l2vpn_ac_spread_plain(words, i, count, to);
+}
+
 #endif

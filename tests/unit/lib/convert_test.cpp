@@ -110,6 +110,31 @@ TEST(convert, blocks_do_what_the_plain_loop_does)
     expect_blocks_as_plain<l2vpn_ac_program<u32(0), u16(4), u32(8)>, 12>();
 }
 
+/* Both ways, at every alignment and number; nothing is written beyond the last. */
+TEST(convert, words_are_spread_with_a_zero_behind_each)
+{
+    std::mt19937 random(5);
+    for (std::size_t shift = 0; shift < 16; ++shift) {
+        for (std::size_t count = 0; count < 41; ++count) {
+            std::vector<uint32_t> words(count + 4);
+            for (uint32_t &word : words)
+                word = static_cast<uint32_t>(random());
+            const auto before = random_bytes(shift + count * 8 + 16, random);
+            auto expected = before;
+            for (std::size_t i = 0; i < count; ++i) {
+                memcpy(expected.data() + shift + i * 8, &words[i], 4);
+                memset(expected.data() + shift + i * 8 + 4, 0, 4);
+            }
+            auto plain = before;
+            l2vpn_ac_spread_plain(words.data(), 0, count, plain.data() + shift);
+            EXPECT_EQ(plain, expected) << "shift " << shift << ", count " << count;
+            auto spread = before;
+            l2vpn_ac_spread_words(words.data(), count, spread.data() + shift);
+            EXPECT_EQ(spread, expected) << "shift " << shift << ", count " << count;
+        }
+    }
+}
+
 /* Which fields of a definition a class converts. */
 struct field {
     std::size_t offset, width;

@@ -14,7 +14,7 @@
  * the event that says the process is there, and then sets the client back to joining (JOIN goes on being sent
  * until the next event; nothing is lost). A disconnect from another thread does not wait for a request or a
  * timer in progress: its DOWN or UP may still be delivered after the disconnect has returned, so what the
- * callbacks use must outlive it. A request of up to 8,192 ACs uses up to 64 KiB of the caller's stack.
+ * callbacks use must outlive it. A request of up to 16,384 ACs uses up to 128 KiB of the caller's stack.
  *
  * Arrays. The arrays of a request are converted to network byte order in place while the request runs and
  * hold what they held before when it returns, whatever it returns. They must be writable, and no other
@@ -159,7 +159,7 @@ qerrno l2vpn_ac_process_disconnect(l2vpn_ac_client_hd_t hd);
  *   EOK  sent, or a failed send was taken over by the retry logic
  *   2    no such client
  *   22   a null array
- *   12   no memory for the information messages, or for checking a request of more than 8,192 ACs
+ *   12   no memory for the information messages, or for checking a request of more than 16,384 ACs
  *   others: the platform's check refused the entries; or a message could not be sent
  *
  * A client of class 9 must not send ACs: its information has no layout, and the process is aborted.
@@ -189,7 +189,7 @@ qerrno l2vpn_ac_update(l2vpn_ac_client_hd_t hd, uint32_t flags, uint32_t bulk_si
  *
  *   EOK  sent, or a failed send was taken over by the retry logic
  *   22   no such client; a null array; the platform's check refused the entries, for whatever reason
- *   12   no memory for checking a request of more than 8,192 ACs
+ *   12   no memory for checking a request of more than 16,384 ACs
  *   others: a message could not be sent
  */
 qerrno l2vpn_ac_delete(l2vpn_ac_client_hd_t hd, uint32_t flags, uint32_t bulk_size, ifhtype *ifh);
