@@ -44,7 +44,7 @@ struct requests {
     /* Any request: those for one AC in a message, the others in several. */
     qerrno make(uint32_t which, l2vpn_ac_client_hd_t hd)
     {
-        switch (which % 5) {
+        switch (which % kinds) {
         case 0:
             return l2vpn_ac_create(hd, 0, size(), ifh.data(), defns.data(), infos.data());
         case 1:
@@ -57,7 +57,10 @@ struct requests {
             return l2vpn_ac_create(hd, 0, 1, ifh.data(), defns.data(), infos.data());
         }
     }
-    static qerrno not_found(uint32_t which) { return which % 5 == 0 || which % 5 == 4 ? ENOENT : EINVAL; }
+    static qerrno not_found(uint32_t which)
+    {
+        return which % kinds == 0 || which % kinds == 4 ? ENOENT : EINVAL;
+    }
 
     [[nodiscard]] uint32_t size() const { return static_cast<uint32_t>(ifh.size()); }
     bool operator==(const requests &other) const
@@ -69,6 +72,7 @@ struct requests {
                same(map, other.map);
     }
 
+    static constexpr uint32_t kinds = 5;
     static constexpr uint32_t vlans = 1200;
     std::vector<ifhtype> ifh;
     std::vector<l2vpn_ac_defn_t> defns;
