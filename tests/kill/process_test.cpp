@@ -55,20 +55,27 @@ TEST_F(process_killed, at_random_instants)
     expect_something_was_intended();
 }
 
+/* From its first call on, and from the first behind the line that says that it is ready, when owners come. */
 TEST_F(process_killed, at_every_nth_system_call)
 {
-    constexpr unsigned long stride = 13;
+    constexpr unsigned long calls = 650;
+    const unsigned long kills_a_kind = kills() / 8;
+    const unsigned long stride = std::max(calls / kills_a_kind, 1UL);
     ASSERT_NO_FATAL_FAILURE(start_and_compare());
-    for (unsigned long kill = 0; kill < kills() / 4; ++kill) {
-        const unsigned long call = kill * stride + 1 + m_random() % stride;
-        SCOPED_TRACE("call " + std::to_string(call) + ", L2VPN_KILL_SEED=" + std::to_string(seed()));
-        kill_it();
-        std::vector<std::string> arguments = {std::to_string(call), "all", binary("l2vpnd")};
-        const std::vector<std::string> of_daemon = daemon_arguments();
-        arguments.insert(arguments.end(), of_daemon.begin(), of_daemon.end());
-        const system_test::result killed = system_test::run(L2VPN_KILL_AT_CALL, arguments);
-        ASSERT_EQ(killed.status, 0) << killed.err;
-        ASSERT_NO_FATAL_FAILURE(start_and_compare());
+    for (unsigned long kill = 0; kill < kills_a_kind; ++kill) {
+        for (const std::string kind : {"all", "behind-output"}) {
+            const unsigned long call = kill * stride + 1 + m_random() % stride;
+            SCOPED_TRACE("call " + std::to_string(call) + " of " + kind +
+                         ", L2VPN_KILL_SEED=" + std::to_string(seed()));
+            kill_it();
+            std::vector<std::string> arguments = {std::to_string(call), kind, binary("l2vpnd")};
+            const std::vector<std::string> of_daemon = daemon_arguments();
+            arguments.insert(arguments.end(), of_daemon.begin(), of_daemon.end());
+            const system_test::result killed = system_test::run(L2VPN_KILL_AT_CALL, arguments);
+            ASSERT_EQ(killed.status, 0) << killed.err;
+            EXPECT_TRUE(kind == "all" || killed.out.starts_with("l2vpnd: ready on ")) << killed.out;
+            ASSERT_NO_FATAL_FAILURE(start_and_compare());
+        }
     }
     expect_something_was_intended();
 }
