@@ -1,15 +1,27 @@
 #include "fleet_test.h"
 
+#include <charconv>
 #include <cstdlib>
+#include <cstring>
+#include <stdexcept>
 
 namespace kill_test {
 
 namespace {
 
-unsigned long number(const char *variable, unsigned long otherwise)
+/* Throws for what is no number, or less than that: a test that kills nothing has shown nothing. */
+unsigned long number(const char *variable, unsigned long otherwise, unsigned long least)
 {
     const char *const text = getenv(variable);
-    return text != nullptr ? strtoul(text, nullptr, 0) : otherwise;
+    if (text == nullptr)
+        return otherwise;
+    const char *const end = text + strlen(text);
+    unsigned long value = 0;
+    const auto [stopped_at, status] = std::from_chars(text, end, value);
+    if (status != std::errc() || stopped_at != end || value < least)
+        throw std::invalid_argument(std::string(variable) + "='" + text + "' is no number of " +
+                                    std::to_string(least) + " or more");
+    return value;
 }
 
 const system_test::temp_dir &program_dir()
@@ -22,12 +34,13 @@ const system_test::temp_dir &program_dir()
 
 unsigned long kills()
 {
-    return number("L2VPN_KILLS", L2VPN_KILLS);
+    constexpr unsigned long some_of_each_kind = 10;
+    return number("L2VPN_KILLS", L2VPN_KILLS, some_of_each_kind);
 }
 
 unsigned long seed()
 {
-    static const unsigned long chosen = number("L2VPN_KILL_SEED", std::random_device{}());
+    static const unsigned long chosen = number("L2VPN_KILL_SEED", std::random_device{}(), 0);
     return chosen;
 }
 
