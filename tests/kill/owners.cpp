@@ -150,7 +150,7 @@ bool owner::knows_all_provisioned()
                                [&](const auto &each) { return m_provisioned.contains(each.first); });
 }
 
-void owner::step(bool change)
+void owner::step(const std::atomic<bool> &change)
 {
     const std::lock_guard guard(m_lock);
     if (m_anew) {

@@ -34,8 +34,8 @@ public:
     /* Up, and nothing is left to be said. */
     [[nodiscard]] bool settled() const { return m_up && !m_anew; }
 
-    /* One thing: everything anew if it is due, else, if wanted, a change. */
-    void step(bool change);
+    /* One thing: everything anew if it is due, else, if wanted once nothing else is under way, a change. */
+    void step(const std::atomic<bool> &change);
     /* The changes. */
     void create(uint32_t most);
     void update();
