@@ -424,8 +424,10 @@ TEST_F(soak, ends_with_the_process_holding_what_its_owners_believe)
     ask("show counters", {{"owners", true}, {"class", provisioned_class}}, &counters);
     ASSERT_EQ(counters.size(), 1u);
     const json &count = counters[0]["acs"];
-    EXPECT_EQ(count["provisioned"], told(provisioned_class).provisioned);
-    EXPECT_EQ(count["unprovisioned"], told(provisioned_class).unprovisioned);
+    EXPECT_TRUE(eventually([&] {
+        const notices all = told(provisioned_class);
+        return count["provisioned"] == all.provisioned && count["unprovisioned"] == all.unprovisioned;
+    })) << count;
     EXPECT_GT(count["provisioned"], 0);
     EXPECT_GT(count["unprovisioned"], 0);
     EXPECT_EQ(ask("status")["dropped"], 0);
