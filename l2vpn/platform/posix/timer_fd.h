@@ -12,7 +12,8 @@
 
 namespace l2vpn::platform_posix {
 
-/* max(): to none. A moment that has passed is now. */
+/* max(): to none. A moment that has passed is now. The kernel refuses only what is no timer or no time, which neither
+ * is, and needs no memory for it: there is nothing that could fail. */
 inline void set_timer(const unique_fd &timer, std::chrono::steady_clock::time_point when) noexcept
 {
     using std::chrono::nanoseconds;
