@@ -106,42 +106,43 @@ protected:
         close(fd);
     }
 
+    /* One start, with a failure from the `first` call on. Returns how many calls it has come to. */
+    int fail_from(int first, bool stale)
+    {
+        SCOPED_TRACE(name_of(GetParam()) + " at call " + std::to_string(first));
+        remove_files();
+        if (stale)
+            leave_files();
+        m_plan->arm(GetParam().error, first, GetParam().lasting);
+        const auto daemon = begin();
+        const int calls = m_plan->calls_until(first);
+        m_plan->disarm();
+        m_all.add(*m_plan);
+        if (daemon->is_ready()) {
+            EXPECT_NO_THROW(expect_works(*daemon));
+            return calls;
+        }
+        EXPECT_GT(daemon->program.wait(), 0);
+        EXPECT_TRUE(process_test::is_one_line(daemon->program.err()));
+        EXPECT_TRUE(daemon->program.err().starts_with("l2vpnd: ")) << daemon->program.err();
+        /* Who could not lock the lock file does not know whose it is. */
+        const bool not_locked = m_plan->failed[static_cast<size_t>(call::flock)] > 0;
+        const std::set<std::string> left = left_behind();
+        EXPECT_TRUE(stale || left == (not_locked ? std::set<std::string>{"L2VPN.sock.lock"} : nothing))
+            << testing::PrintToString(left);
+        /* What is left does not hinder the next one; often it is the same. */
+        if (m_started_over.insert(left).second) {
+            const auto next = begin();
+            EXPECT_TRUE(next->is_ready()) << next->program.err();
+            EXPECT_NO_THROW(expect_works(*next));
+        }
+        return calls;
+    }
+
     void fail_each(bool stale, std::initializer_list<call> expected)
     {
-        int starts = 0;
-        for (bool reached = true; reached; ++starts) {
-            SCOPED_TRACE(name_of(GetParam()) + " at call " + std::to_string(starts + 1));
-            remove_files();
-            if (stale)
-                leave_files();
-            m_plan->arm(GetParam().error, starts + 1, GetParam().lasting);
-            const auto daemon = begin();
-            m_plan->disarm();
-            m_all.add(*m_plan);
-            reached = m_plan->all_failed() > 0;
-            if (daemon->is_ready()) {
-                ASSERT_NO_THROW(expect_works(*daemon));
-            } else {
-                EXPECT_GT(daemon->program.wait(), 0);
-                EXPECT_TRUE(process_test::is_one_line(daemon->program.err()));
-                EXPECT_TRUE(daemon->program.err().starts_with("l2vpnd: ")) << daemon->program.err();
-                /* Who could not lock the lock file does not know whose it is. */
-                const bool not_locked = m_plan->failed[static_cast<size_t>(call::flock)] > 0;
-                const std::set<std::string> left = left_behind();
-                EXPECT_TRUE(stale ||
-                            left == (not_locked ? std::set<std::string>{"L2VPN.sock.lock"} : nothing))
-                    << testing::PrintToString(left);
-                /* What is left does not hinder the next one; often it is the same. */
-                if (m_started_over.insert(left).second) {
-                    const auto next = begin();
-                    ASSERT_TRUE(next->is_ready()) << next->program.err();
-                    ASSERT_NO_THROW(expect_works(*next));
-                }
-            }
-            ASSERT_FALSE(HasFailure());
-        }
-        EXPECT_EQ(m_all.missing(expected, GetParam().error), "")
-            << "failed in none of " << starts << " starts";
+        fail_in_turn([&](int first) { return fail_from(first, stale); });
+        EXPECT_EQ(m_all.missing(expected, GetParam().error), "") << "never failed";
     }
 
     std::set<std::set<std::string>> m_started_over;
@@ -165,8 +166,8 @@ INSTANTIATE_TEST_SUITE_P(each, faulty_start, testing::ValuesIn(failures),
 /* A connection is answered whole, or it ends; the next one is answered. */
 class faulty_control : public faulty {
 protected:
-    /* Two requests, with a failure from the `first` call on. True: it has come to that. */
-    bool fail_from(int first, call only)
+    /* Two requests, with a failure from the `first` call on. Returns how many calls it has come to. */
+    int fail_from(int first, call only)
     {
         SCOPED_TRACE(name_of(GetParam()) + " at call " + std::to_string(first));
         m_plan->arm(GetParam().error, first, GetParam().lasting, only);
@@ -176,6 +177,7 @@ protected:
             return control.readable() || (GetParam().lasting && m_plan->all_failed() >= 2);
         };
         EXPECT_TRUE(eventually(goes_on)) << "it hangs";
+        const int calls = m_plan->calls_until(first);
         m_plan->disarm();
         for (int id = 1; id <= 2; ++id) {
             const json end = control.answer();
@@ -187,7 +189,7 @@ protected:
         process_test::raw_control next(m_dir.file("L2VPN.ctl"));
         EXPECT_TRUE(answers(next, "status"));
         hang_up(next);
-        return m_plan->all_failed() > 0;
+        return calls;
     }
 
 private:
@@ -208,8 +210,7 @@ TEST_P(faulty_control, connections_are_answered_or_ended)
     for (const call which : calls)
         if (can_fail(which, GetParam().error) && !HasFailure())
             fail_from(1, which);
-    for (int first = 1; !HasFailure() && fail_from(first, call::count_); ++first) {
-    }
+    fail_in_turn([&](int first) { return fail_from(first, call::count_); });
     EXPECT_EQ(m_all.missing(calls, GetParam().error), "") << "never failed";
     ASSERT_FALSE(HasFailure()) << daemon->program.err();
     expect_works(*daemon);

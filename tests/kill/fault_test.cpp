@@ -126,8 +126,8 @@ protected:
         ASSERT_TRUE(same) << text << m_daemon->program.err();
     }
 
-    /* One owner's life with a failure from the `first` call on. True: it has come to that. */
-    bool fail_from(fault_plan &plan, int first, call only)
+    /* One owner's life with a failure from the `first` call on. Returns how many calls it has come to. */
+    int fail_from(fault_plan &plan, int first, call only)
     {
         SCOPED_TRACE(name_of(GetParam()) + " at call " + std::to_string(first) +
                      (only != call::count_ ? std::string(" of ") + name_of(only) : ""));
@@ -137,12 +137,12 @@ protected:
         const bool connected = owners.front().connect(event_manager());
         if (connected)
             live(owners.front(), plan);
+        const int calls = plan.calls_until(first);
         plan.disarm();
         m_all.add(plan);
-        const bool reached = plan.all_failed() > 0;
         if (!connected) { /* the platform could not be set up, which is told at once */
-            EXPECT_TRUE(reached);
-            return reached;
+            EXPECT_GT(plan.all_failed(), 0);
+            return calls;
         }
         if (!HasFatalFailure())
             expect_all_well(owners);
@@ -150,7 +150,7 @@ protected:
         owners.clear();
         EXPECT_TRUE(m_daemon->program.running()) << m_daemon->program.err();
         EXPECT_TRUE(eventually([&] { return difference(owners, *m_control).empty(); }));
-        return reached;
+        return calls;
     }
 
     /* The first call of each function. Then, once: the first call of all, the second, and so on; how they follow
@@ -164,12 +164,11 @@ protected:
         if (GetParam().lasting) {
             for (const auto &[which, first] : {std::pair(call::sendmsg, sends), {call::recvmsg, 4}}) {
                 if (can_fail(which, GetParam().error) && !HasFailure()) {
-                    EXPECT_TRUE(fail_from(plan, first, which)) << "not so many of " << name_of(which);
+                    EXPECT_EQ(fail_from(plan, first, which), first) << "not so many of " << name_of(which);
                 }
             }
         } else {
-            for (int first = 1; !HasFailure() && fail_from(plan, first, call::count_); ++first) {
-            }
+            fail_in_turn([&](int first) { return fail_from(plan, first, call::count_); });
             for (const call which : {call::epoll_wait, call::read})
                 for (int first = 2; can_fail(which, GetParam().error) && first <= 10 && !HasFailure();
                      ++first)

@@ -8,8 +8,10 @@
 #include "daemon.h"
 #include "faults.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <gtest/gtest.h>
 
 namespace kill_test {
 
@@ -31,6 +33,20 @@ inline constexpr failure failures[] = {
 inline std::string name_of(const failure &of)
 {
     return std::string(strerrorname_np(of.error)) + (of.lasting ? "_lasting" : "_once");
+}
+
+/* Has each call fail in turn. `calls_until(n)` is a run in which the n-th one fails, and returns how many there were.
+ * That is chance in part: the end is where two runs in a row were over before, and two in which nothing fails tell
+ * how far it must have come at the least. */
+template <typename Calls_until>
+void fail_in_turn(const Calls_until &calls_until)
+{
+    const int all = std::min(calls_until(fault_plan::never), calls_until(fault_plan::never));
+    int last = 0;
+    for (int at = 1; at <= last + 2 && !testing::Test::HasFailure(); ++at)
+        if (calls_until(at) == at)
+            last = at;
+    EXPECT_TRUE(last > all / 2 || testing::Test::HasFailure()) << "of " << all << " calls only " << last;
 }
 
 /* The program with a plan of its own, in a runtime directory that is there already. */

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstddef>
 #include <initializer_list>
+#include <limits>
 #include <string>
 
 namespace kill_test {
@@ -49,6 +50,9 @@ const char *name_of(call which);
 bool can_fail(call which, int error);
 
 struct fault_plan {
+    /* As the first that fails: none does, and all count. */
+    static constexpr int never = std::numeric_limits<int>::max();
+
     std::atomic<int> error;    /* what the calls fail with */
     std::atomic<int> left;     /* calls up to the first that fails, itself included; 0: none fails */
     std::atomic<bool> lasting; /* all behind it fail, too */
@@ -72,6 +76,8 @@ struct fault_plan {
             sum += each;
         return sum;
     }
+    /* How many have counted since it was armed for the `first`, up to that. */
+    [[nodiscard]] int calls_until(int first) const { return all_failed() > 0 ? first : first - left; }
 };
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
