@@ -38,7 +38,7 @@ const char *set_group_and_mode(const control_options &options)
     gid_t group = same_group;
     if (const qerrno status = find_group(options.group, &group); status != EOK) {
         errno = static_cast<int>(status);
-        return "no such group for";
+        return status == ENOENT ? "no such group for" : "cannot look up the group for";
     }
     switch (give_access(options.path, group, options.mode)) {
     case access_fault::group:

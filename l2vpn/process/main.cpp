@@ -149,8 +149,11 @@ void start_capture(const program_options &options)
     gid_t readers = same_group;
     const unique_fd ring(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     std::string why;
-    if (find_group(options.group.empty() ? nullptr : options.group.c_str(), &readers) != EOK) {
-        why = "no group " + options.group;
+    const qerrno known = find_group(options.group.empty() ? nullptr : options.group.c_str(), &readers);
+    if (known != EOK) {
+        why = known == ENOENT
+                  ? "no group " + options.group
+                  : "cannot look up the group " + options.group + ": " + text_of(static_cast<int>(known));
     } else if (!ring || give_access(ring.get(), readers, ring_mode) != access_fault::none) {
         why = text_of(errno);
     }

@@ -146,6 +146,17 @@ TEST_F(server_failures, a_group_with_many_members_is_found)
     EXPECT_EQ(status, qerrno{EOK}) << error;
 }
 
+/* Which is not to say that there is no such group. */
+TEST_F(server_failures, a_group_that_cannot_be_looked_up_is_told_with_the_reason)
+{
+    const named_group group = some_group();
+    options.group = group.name.c_str();
+    const auto lost = [](const auto &work) { return fail_call("getgrnam_r", EIO, work); };
+    EXPECT_EQ(attempt(lost).cause, EIO);
+    EXPECT_EQ(status, qerrno{EIO});
+    EXPECT_EQ(error, "cannot look up the group " + group.name + ": Input/output error");
+}
+
 TEST_F(server_failures, a_socket_whose_queue_is_full_is_in_use)
 {
     ASSERT_TRUE(fs::create_directory(runtime_dir()));

@@ -10,10 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <grp.h>
 #include <mutex>
 #include <platform/debug.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -77,10 +79,9 @@ std::string test_name()
 
 named_group some_group()
 {
-    if (geteuid() == 0) {
-        const struct group *const daemon = getgrnam("daemon");
-        EXPECT_NE(daemon, nullptr) << "there is no group 'daemon'";
-        return daemon != nullptr ? named_group{daemon->gr_name, daemon->gr_gid} : named_group{};
+    const struct group *const daemon = getgrnam("daemon");
+    if (daemon != nullptr && giving_fails_with(daemon->gr_gid) == 0) {
+        return {daemon->gr_name, daemon->gr_gid};
     }
     std::vector<gid_t> own = {getegid()};
     own.resize(1 + static_cast<size_t>(std::max(0, getgroups(0, nullptr))));
@@ -93,6 +94,18 @@ named_group some_group()
     }
     ADD_FAILURE() << "no group of this user has a name";
     return {};
+}
+
+int giving_fails_with(gid_t group)
+{
+    const std::string folder = new_temp_folder();
+    const std::string path = folder + "/probe";
+    const int probe = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    EXPECT_GE(probe, 0) << path;
+    const int cause = fchown(probe, static_cast<uid_t>(-1), group) == 0 ? 0 : errno;
+    close(probe);
+    std::filesystem::remove_all(folder);
+    return cause;
 }
 
 std::vector<std::string> syslog_lines()

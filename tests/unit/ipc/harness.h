@@ -51,6 +51,8 @@ struct named_group {
 };
 /* One that this user may give files to, and that is not its own where it may give them to others. */
 named_group some_group();
+/* What comes of giving a file of one's own to this group: 0, or an errno. Root may lack the right, too. */
+int giving_fails_with(gid_t group);
 
 /* The lines that the platform gave to the system's log so far. */
 std::vector<std::string> syslog_lines();

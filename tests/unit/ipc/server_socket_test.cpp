@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -73,12 +74,30 @@ TEST_F(socket_test, belongs_to_the_group_that_was_asked_for)
     EXPECT_EQ(file().st_gid, wanted.id);
 }
 
+TEST_F(socket_test, that_may_not_be_given_to_its_group_is_not_made)
+{
+    const struct group *const daemon = getgrnam("daemon");
+    ASSERT_NE(daemon, nullptr);
+    const int cause = giving_fails_with(daemon->gr_gid);
+    auto options = recording_server::defaults;
+    options.group = "daemon";
+    EXPECT_EQ(server.start(on, service, options), static_cast<qerrno>(cause));
+    if (cause == 0) {
+        EXPECT_EQ(file().st_gid, daemon->gr_gid);
+    } else {
+        EXPECT_EQ(l2vpn_ipc_server_error(), "cannot give " + path + " to the group daemon: " +
+                                                qerr_strerror(static_cast<qerrno>(cause)));
+        EXPECT_FALSE(fs::exists(path));
+    }
+}
+
 TEST_F(socket_test, is_not_made_for_an_unknown_group)
 {
     auto options = recording_server::defaults;
     options.group = "no-such-group-here";
     EXPECT_EQ(server.start(on, service, options), qerrno{ENOENT});
-    EXPECT_NE(std::string(l2vpn_ipc_server_error()).find("no-such-group-here"), std::string::npos);
+    EXPECT_EQ(l2vpn_ipc_server_error(),
+              std::string("no group no-such-group-here: No such file or directory"));
     EXPECT_FALSE(fs::exists(path));
 }
 

@@ -43,7 +43,11 @@ qerrno failed_errno(std::string *error, const std::string &what)
 qerrno find_group(const char *name, gid_t *group, std::string *error)
 {
     const qerrno status = platform_posix::find_group(name, group);
-    return status == EOK ? EOK : failed(error, status, std::string("no group ") + name);
+    if (status == EOK) {
+        return EOK;
+    }
+    return failed(error, status,
+                  (status == ENOENT ? "no group " : "cannot look up the group ") + std::string(name));
 }
 
 qerrno give_access(const std::string &path, const char *group, gid_t group_id, mode_t mode,
