@@ -96,11 +96,14 @@ TEST_F(process_test, a_second_server_process_is_told_off)
     EXPECT_TRUE(on.until([&] { return one.count(L2VPN_IPC_EVT_CONNECTED) == 1; }));
 }
 
-/* What a user without rights does: root becomes another, anybody else just is one. */
+/* What a user without rights does: root becomes another, anybody else just is one. Who becomes another is not ended
+ * with its parent any more, until it asks for that again. */
 void drop_rights()
 {
     constexpr uid_t nobody = 65534;
-    if (geteuid() == 0 && (setgid(nobody) != 0 || setuid(nobody) != 0)) {
+    const pid_t parent = getppid();
+    if (geteuid() == 0 && (setgid(nobody) != 0 || setuid(nobody) != 0 ||
+                           prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)) {
         _exit(99);
     }
 }
