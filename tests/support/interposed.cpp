@@ -10,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
+#include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -226,6 +227,15 @@ int getgrnam_r(const char *name, group *entry, char *room, size_t size, group **
         return cause;
     }
     return pass_on<int>("getgrnam_r", name, entry, room, size, found);
+}
+
+void *mmap(void *place, size_t size, int protection, int flags, int fd, off_t offset) noexcept
+{
+    if (const int cause = cause_of("mmap"); cause != 0) {
+        errno = cause;
+        return MAP_FAILED;
+    }
+    return pass_on<void *>("mmap", place, size, protection, flags, fd, offset);
 }
 
 int pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) noexcept

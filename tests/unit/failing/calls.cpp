@@ -63,6 +63,10 @@ int order::cause_for(std::string_view call)
 {
     const auto *const row = std::ranges::find(causes, call, &failure::call);
     const int otherwise = row != std::end(causes) ? row->cause : 0;
+    if (m_left == 0 && m_then > 0 && otherwise != 0) {
+        m_then--;
+        return otherwise;
+    }
     if (m_left == 0 || (m_call.empty() ? otherwise == 0 : m_call != call) || --m_left > 0)
         return 0;
     m_failed = {call, m_cause != 0 ? m_cause : otherwise};

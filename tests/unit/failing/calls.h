@@ -24,8 +24,11 @@ public:
     /* The `at`-th call from now on fails, whichever it is, with an errno of its own. A few calls fail only when
      * they are ordered by their name. */
     explicit order(unsigned at) : m_left(at) {}
-    /* The `at`-th such call fails so. */
-    order(std::string_view call, int cause, unsigned at = 1) : m_call(call), m_cause(cause), m_left(at) {}
+    /* The `at`-th such call fails so, and the next ones behind it, whichever they are, as often as `then` says. */
+    order(std::string_view call, int cause, unsigned at = 1, unsigned then = 0)
+        : m_call(call), m_cause(cause), m_left(at), m_then(then)
+    {
+    }
     order(const order &) = delete;
     order &operator=(const order &) = delete;
     ~order() { end(); }
@@ -33,6 +36,8 @@ public:
     void begin();
     void end();
     [[nodiscard]] const failure &failed() const { return m_failed; }
+    /* All of it was carried out. */
+    [[nodiscard]] bool is_done() const { return m_left == 0 && m_then == 0; }
 
     /* Asked by the calls: the errno that this one fails with, 0: it does not. */
     int cause_for(std::string_view call);
@@ -41,6 +46,7 @@ private:
     std::string_view m_call;
     int m_cause = 0;
     unsigned m_left;
+    unsigned m_then = 0;
     failure m_failed;
 };
 
