@@ -54,18 +54,14 @@ const char *drop_code(const reading &message)
     return l2vpnd::drop_name(drop::direction);
 }
 
-recorder recorder_in(size_t source, const record_head &head)
+chain::recorder_state &chain::recorder_of(size_t source, const record_head &head)
 {
-    return {source, head.by, head.by == observer::process ? 0 : head.pid};
-}
-
-/* Whatever is recorded has a number. Those of one process come in order, so that a lower one is of another run. */
-void chain::follow_number(recorder_state &of, const record_head &head)
-{
-    if (head.number < of.next && head.by == observer::process) {
-        of = {.links = {}, .now = {}, .past = of.now.where == standing::place::unheard ? of.past : of.now};
+    const recorders::place at = m_recorders.take(source, head);
+    if (at.is_new) {
+        m_states.push_back({.source = source, .by = head.by, .links = {}, .now = {}});
     }
-    if (head.number > of.next) {
+    recorder_state &of = m_states[at.recorder];
+    if (at.missing > 0) {
         of.now.in_doubt = true;
         for (auto &[number, on] : of.links) {
             on.is_known = false;
@@ -73,29 +69,13 @@ void chain::follow_number(recorder_state &of, const record_head &head)
             on.batch_is_known.fill(false);
         }
     }
-    of.next = std::max(of.next, head.number + 1);
-}
-
-/* The parts of one capture are of one recorder: the next one begins where the one before has stopped. */
-recorder chain::recorder_of(size_t source, const record_head &head)
-{
-    const recorder own = recorder_in(source, head);
-    const auto known = m_parts.find(own);
-    if (known != m_parts.end()) {
-        return known->second;
-    }
-    const auto before = std::ranges::find_if(m_recorders, [&](const auto &one) {
-        const auto &[source_of, by, pid] = one.first;
-        return by == head.by && pid == std::get<2>(own) && head.number > 0 && one.second.next == head.number;
-    });
-    return m_parts.emplace(own, before != m_recorders.end() ? before->first : own).first->second;
+    return of;
 }
 
 void chain::take(size_t source, const captured &record)
 {
     const record_head &head = record.head;
-    recorder_state &of = m_recorders[recorder_of(source, head)];
-    follow_number(of, head);
+    recorder_state &of = recorder_of(source, head);
     switch (head.kind) {
     case record_kind::message:
         take_message(of, source, record);
@@ -208,6 +188,14 @@ const char *chain::follow(link_state &on, const reading &message, bool &ends)
     return step.opened ? (step.closed ? "whole" : "opens") : step.closed ? "closes" : "inside";
 }
 
+/* Its client has said the AC since over a newer link, and may have ended this one: the AC stays where it is. */
+bool chain::is_outdated(const recorder_state &of, uint64_t number, const link_state &on)
+{
+    const auto holder = of.links.find(of.now.link);
+    return of.now.where == standing::place::held && on.pid != 0 && number < of.now.link &&
+           holder != of.links.end() && holder->second.pid == on.pid;
+}
+
 void chain::take_request(recorder_state &of, link_state &on, chain_step made)
 {
     using place = standing::place;
@@ -217,7 +205,10 @@ void chain::take_request(recorder_state &of, link_state &on, chain_step made)
     const bool is_delete = made.type == "DELETE";
     /* What is missing may have been its CREATE. */
     const bool has = now.in_doubt || (now.where == place::held && now.link == link);
-    if (is_create) {
+    if (is_create && is_outdated(of, link, on)) {
+        made.code = "create-ignored";
+        made.why = "its client has said it since over a newer link";
+    } else if (is_create) {
         made.code = now.where != place::held ? "created" : now.link == link ? "created-anew" : "taken-over";
         now = {.where = place::held, .link = link, .is_created = true};
         now.batched = strcmp(made.batch, "opens") == 0 || strcmp(made.batch, "inside") == 0;
@@ -340,13 +331,11 @@ std::vector<chain_step> chain::steps() const
 const standing *chain::latest(std::optional<size_t> source) const
 {
     const standing *found = nullptr;
-    for (const auto &[of, state] : m_recorders) {
-        const standing &last = state.now.where != standing::place::unheard ? state.now : state.past;
-        const bool tells = std::get<observer>(of) == observer::process &&
-                           last.where != standing::place::unheard &&
-                           (!source || std::get<size_t>(of) == *source);
-        if (tells && (found == nullptr || last.since >= found->since)) {
-            found = &last;
+    for (const recorder_state &of : m_states) {
+        const bool tells = of.by == observer::process && of.now.where != standing::place::unheard &&
+                           (!source || of.source == *source);
+        if (tells && (found == nullptr || of.now.since >= found->since)) {
+            found = &of.now;
         }
     }
     return found;

@@ -10,11 +10,10 @@
 
 #include "batch.h"
 #include "describe.h"
+#include "recorders.h"
 
 #include <deque>
-#include <map>
 #include <set>
-#include <tuple>
 
 namespace l2vpnctl {
 
@@ -60,10 +59,6 @@ struct standing {
     bool unprovisioned = false;
 };
 
-/* A ring, or one recorder of those in a pcapng file: its source, and the pid if it is an owner. */
-using recorder = std::tuple<size_t, l2vpn::capture::observer, uint32_t>;
-recorder recorder_in(size_t source, const l2vpn::capture::record_head &head);
-
 class chain {
 public:
     explicit chain(const ac_key &of) : m_key(of) {}
@@ -90,14 +85,13 @@ private:
     };
     using link_map = std::map<uint64_t, link_state>;
     struct recorder_state {
+        size_t source;
+        l2vpn::capture::observer by;
         link_map links;
         standing now;
-        standing past;     /* of a process before, which recorded into the same file */
-        uint64_t next = 0; /* the number that is expected */
     };
 
-    recorder recorder_of(size_t source, const l2vpn::capture::record_head &head);
-    static void follow_number(recorder_state &of, const l2vpn::capture::record_head &head);
+    recorder_state &recorder_of(size_t source, const l2vpn::capture::record_head &head);
     void take_message(recorder_state &of, size_t source, const captured &record);
     void take_request(recorder_state &of, link_state &on, chain_step made);
     void take_told(recorder_state &of, link_state &on, chain_step made);
@@ -106,13 +100,14 @@ private:
                               std::string why);
     static const char *follow(link_state &on, const l2vpn::capture::reading &message, bool &ends);
     static bool is_latest(const recorder_state &of, uint64_t number, const link_state &on);
+    static bool is_outdated(const recorder_state &of, uint64_t number, const link_state &on);
     void close_batches(recorder_state &of, const link_state &on, chain_step made);
     void tell(link_state &on, chain_step made);
     void add(chain_step made);
 
     ac_key m_key;
-    std::map<recorder, recorder_state> m_recorders;
-    std::map<recorder, recorder> m_parts; /* whose records each one's are */
+    recorders m_recorders{recorders::join::without_gap};
+    std::vector<recorder_state> m_states; /* of each */
     std::vector<chain_step> m_first;
     std::deque<chain_step> m_last;
     uint64_t m_left_out = 0;

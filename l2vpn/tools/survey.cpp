@@ -16,14 +16,12 @@ bool survey::take(size_t source, const captured &record, uint64_t lost)
     searched_source &of = m_out.searched[source];
     of.from = of.records == 0 ? record.time : of.from;
     of.to = record.time;
-    const recorder by = recorder_in(source, record.head);
-    if (of.records == 0) {
-        of.overwritten = record.head.number;
-        m_first.emplace(source, by);
-    } else {
+    const recorders::place at = m_recorders.take(source, record.head);
+    if (of.records > 0) {
         of.lost += lost;
+    } else if (at.is_new) { /* else another part of the same capture has what was before */
+        of.overwritten = record.head.number;
     }
-    m_next[by] = record.head.number + 1;
     of.records++;
     if (record.head.kind == record_kind::link_refused) {
         of.refused++;
@@ -36,27 +34,9 @@ bool survey::take(size_t source, const captured &record, uint64_t lost)
     return true;
 }
 
-/* In another part of the same capture, which stops where this one begins. */
-bool survey::is_elsewhere(size_t source, uint64_t before) const
-{
-    recorder part = m_first.at(source);
-    for (size_t other = 0; other < m_out.searched.size(); other++) {
-        std::get<size_t>(part) = other;
-        const auto next = m_next.find(part);
-        if (other != source && next != m_next.end() && next->second == before) {
-            return true;
-        }
-    }
-    return false;
-}
-
 void survey::end(size_t source, uint64_t lost)
 {
-    searched_source &of = m_out.searched[source];
-    of.lost += lost;
-    if (of.overwritten > 0 && is_elsewhere(source, of.overwritten)) {
-        of.overwritten = 0;
-    }
+    m_out.searched[source].lost += lost;
 }
 
 bool follower::take(size_t source, const captured &record, uint64_t /*lost*/)

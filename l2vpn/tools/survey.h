@@ -26,13 +26,10 @@ public:
     void end(size_t source, uint64_t lost) override;
 
 private:
-    bool is_elsewhere(size_t source, uint64_t before) const;
-
     finder &m_find;
     explanation &m_out;
     const std::vector<std::string> &m_paths;
-    std::map<size_t, recorder> m_first;  /* whose record is the first of a source */
-    std::map<recorder, uint64_t> m_next; /* behind the last of each */
+    recorders m_recorders{recorders::join::without_gap};
     record_progress m_progress{survey_shown_every};
 };
 

@@ -30,6 +30,22 @@ captured received(uint64_t number, const octets &message)
     return made;
 }
 
+/* The same over another link. */
+captured over(uint64_t link, captured record, uint32_t pid = 4711)
+{
+    record.head.link = link;
+    record.head.pid = pid;
+    return record;
+}
+
+captured ended(uint64_t number, uint64_t link)
+{
+    captured made = over(link, received(number, {}));
+    made.head.kind = record_kind::link_down;
+    made.head.direction = flow::none;
+    return made;
+}
+
 std::string codes(const chain &of)
 {
     std::string all;
@@ -87,6 +103,48 @@ TEST(chain, goes_on_where_another_part_of_the_capture_has_stopped)
     EXPECT_EQ(codes(story), "created batch-closed deleted");
     EXPECT_EQ(story.latest({})->where, standing::place::deleted);
     EXPECT_FALSE(story.latest({})->in_doubt);
+}
+
+/* Two that were recorded at the same moment: the earlier one has come first into the next part. */
+TEST(chain, goes_on_where_a_record_of_the_part_before_was_overtaken)
+{
+    chain story({7, 3, handle});
+    story.take(0, received(0, create(3, {handle}, 0x1)));
+    story.take(0, received(2, header(0, 0, 0).bytes()));
+    story.take(1, received(1, create(3, {0x12})));
+    story.take(1, received(3, remove({handle})));
+    EXPECT_EQ(codes(story), "created batch-closed deleted");
+    EXPECT_EQ(story.latest(0)->where, standing::place::deleted) << "of one process";
+    EXPECT_EQ(story.latest(1), nullptr);
+}
+
+TEST(chain, leaves_an_ac_with_a_newer_link_of_its_client)
+{
+    chain story({7, 3, handle});
+    story.take(0, over(2, received(0, create(3, {handle}))));
+    story.take(0, over(1, received(1, create(3, {handle}))));
+    story.take(0, over(1, received(2, update(3, {handle}, 1))));
+    EXPECT_EQ(codes(story), "created create-ignored update-ignored");
+    EXPECT_EQ(story.latest({})->link, 2U);
+    EXPECT_FALSE(story.steps()[1].is_fault) << "nothing is to be done";
+    story.take(0, ended(3, 2));
+    story.take(0, over(1, received(4, create(3, {handle}))));
+    EXPECT_EQ(codes(story), "created create-ignored update-ignored withdrawn created")
+        << "which is not held by then";
+    story.take(0, over(3, received(5, create(3, {handle}))));
+    EXPECT_EQ(codes(story), "created create-ignored update-ignored withdrawn created taken-over")
+        << "a newer one takes it";
+}
+
+TEST(chain, takes_over_from_a_newer_link_of_another_client)
+{
+    for (const auto &[older, newer] : {std::pair(4711U, 4712U), std::pair(0U, 0U)}) {
+        chain story({7, 3, handle});
+        story.take(0, over(2, received(0, create(3, {handle})), newer));
+        story.take(0, over(1, received(1, create(3, {handle})), older));
+        EXPECT_EQ(codes(story), "created taken-over") << older;
+        EXPECT_EQ(story.latest({})->link, 1U) << older;
+    }
 }
 
 TEST(chain, keeps_processes_apart_whose_records_do_not_go_on)
