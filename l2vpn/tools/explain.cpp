@@ -18,8 +18,6 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <map>
-#include <sys/stat.h>
 
 namespace l2vpnctl {
 
@@ -113,21 +111,6 @@ process_answer explainer::ask_for_all() const
         }
     }
     return got;
-}
-
-/* Each file once, however it is spelled. */
-std::vector<std::string> distinct(const std::vector<std::string> &paths)
-{
-    std::map<std::pair<dev_t, ino_t>, std::string> known;
-    std::vector<std::string> out;
-    for (const std::string &path : paths) {
-        struct stat about {};
-        if (stat(path.c_str(), &about) != 0 ||
-            known.emplace(std::pair(about.st_dev, about.st_ino), path).second) {
-            out.push_back(path); /* whoever reads one that is not there will say so */
-        }
-    }
-    return out;
 }
 
 /* The process's own, those of owners, who make them beside its socket, and those that were named. */

@@ -11,18 +11,28 @@ constexpr int patient_looks = 5;
 
 } // namespace
 
-bool record_source::give(size_t index, record_consumer &to)
+bool record_source::give(size_t index, record_consumer &to, uint64_t others_miss)
 {
     const uint64_t before = missing();
-    const bool wanted = to.take(index, *next(), before);
+    const bool wanted = to.take(index, *next(), std::min(before, others_miss));
     m_told += before;
+    m_has_given = true;
     pop();
     return wanted;
 }
 
+uint64_t record_source::leave_out()
+{
+    const uint64_t before = missing();
+    m_told += before;
+    m_has_left_out = true;
+    pop();
+    return before;
+}
+
 uint64_t record_source::lost_at_end() const
 {
-    const uint64_t all = lost();
+    const uint64_t all = m_has_left_out && !m_has_given ? 0 : lost();
     return all - std::min(all, m_told);
 }
 

@@ -25,9 +25,12 @@ public:
     virtual std::string name() const = 0;
     /* The record to be given next, if there is one by now. */
     virtual const captured *next() = 0;
-    /* Gives it. False: no more is wanted. */
-    bool give(size_t index, record_consumer &to);
-    /* Behind what was given, when everything was. */
+    /* Gives it; `others_miss`: the least that other sources of the same record miss before it. False: no more is
+     * wanted. */
+    bool give(size_t index, record_consumer &to, uint64_t others_miss = UINT64_MAX);
+    /* Another source gives it. What this one misses before it. */
+    uint64_t leave_out();
+    /* Behind what was given, when everything was. Of a mere copy the other one tells. */
     uint64_t lost_at_end() const;
     /* What was found to be wrong with what was read; empty: nothing. */
     virtual std::string fault() const { return {}; }
@@ -41,6 +44,8 @@ private:
     virtual uint64_t lost() const = 0;
 
     uint64_t m_told = 0; /* that were said to be missing */
+    bool m_has_given = false;
+    bool m_has_left_out = false;
 };
 
 /* Gives the records of one ring by number. Threads that record at the same moment swap places: a gap counts only

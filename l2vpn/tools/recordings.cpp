@@ -3,6 +3,7 @@
 #include "command_line.h"
 #include "recording_source.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -11,6 +12,7 @@
 #include <memory>
 #include <poll.h>
 #include <sys/stat.h>
+#include <tuple>
 
 namespace l2vpnctl {
 
@@ -107,25 +109,49 @@ opened_file open_file(const std::string &path)
     return made;
 }
 
-/* The one whose next record is the oldest; each keeps its own order, be its clock set back or not. */
-record_source *oldest_of(const std::vector<opened_file> &files, size_t &index)
+/* What comes next: the oldest, and of the same one in several files the longest. Each file keeps its own order, be its
+ * clock set back or not. */
+bool comes_before(const captured &one, const captured &other)
 {
-    const captured *oldest = nullptr;
+    const auto rank = [](const captured &of) {
+        return std::tuple(of.time, of.head.number, UINT64_MAX - of.message.size());
+    };
+    return rank(one) < rank(other);
+}
+
+std::optional<size_t> find_next(const std::vector<opened_file> &files)
+{
+    std::optional<size_t> found;
+    const captured *first = nullptr;
     for (size_t i = 0; i < files.size(); i++) {
         const captured *next = files[i].next();
-        if (next != nullptr && (oldest == nullptr || next->time < oldest->time)) {
-            oldest = next;
-            index = i;
+        if (next != nullptr && (first == nullptr || comes_before(*next, *first))) {
+            first = next;
+            found = i;
         }
     }
-    return oldest != nullptr ? files[index].source.get() : nullptr;
+    return found;
+}
+
+/* Where others have the same record, too, it is given once, and is missing what all of them miss. */
+bool give_next(const std::vector<opened_file> &files, size_t index, record_consumer &to)
+{
+    record_source &from = *files[index].source;
+    uint64_t others_miss = UINT64_MAX;
+    for (size_t i = 0; i < files.size(); i++) {
+        const captured *next = files[i].next();
+        if (i != index && next != nullptr && is_same_record(*next, *from.next())) {
+            others_miss = std::min(others_miss, files[i].source->leave_out());
+        }
+    }
+    return from.give(index, to, others_miss);
 }
 
 void read_files(const std::vector<std::string> &paths, record_consumer &to)
 {
     std::vector<opened_file> files;
     std::vector<std::string> names;
-    for (const std::string &path : paths) {
+    for (const std::string &path : distinct(paths)) {
         files.push_back(open_file(path));
         static_cast<void>(files.back().next()); /* or nothing can be read of it */
         names.push_back(files.back().source->name());
@@ -134,12 +160,11 @@ void read_files(const std::vector<std::string> &paths, record_consumer &to)
     to.begin(names);
     bool wanted = true;
     while (wanted && s_stopped == 0) {
-        size_t index = 0;
-        record_source *const from = oldest_of(files, index);
-        if (from == nullptr) {
+        const std::optional<size_t> index = find_next(files);
+        if (!index) {
             break;
         }
-        wanted = from->give(index, to);
+        wanted = give_next(files, *index, to);
     }
     wanted = wanted && s_stopped == 0;
     for (size_t i = 0; i < files.size(); i++) {
@@ -175,6 +200,27 @@ void stop_on_signals()
 bool is_stopped()
 {
     return s_stopped != 0;
+}
+
+std::vector<std::string> distinct(const std::vector<std::string> &paths)
+{
+    std::set<std::pair<dev_t, ino_t>> known;
+    std::vector<std::string> out;
+    for (const std::string &path : paths) {
+        struct stat about {};
+        if (stat(path.c_str(), &about) != 0 || known.emplace(about.st_dev, about.st_ino).second) {
+            out.push_back(path); /* whoever reads one that is not there will say so */
+        }
+    }
+    return out;
+}
+
+bool is_same_record(const captured &one, const captured &other)
+{
+    const size_t both = std::min(one.message.size(), other.message.size());
+    return one.time == other.time && one.head == other.head &&
+           std::equal(one.message.begin(), one.message.begin() + static_cast<ptrdiff_t>(both),
+                      other.message.begin());
 }
 
 bool is_ring(const std::string &path)

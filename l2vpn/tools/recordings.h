@@ -73,14 +73,20 @@ public:
     virtual void end(size_t /*source*/, uint64_t /*lost*/) {}
 };
 
-/* Gives `to` what is recorded: until there is no more, it has enough, or a signal. Throws failure; what is there
- * has been given by then. */
+/* Gives `to` what is recorded: until there is no more, it has enough, or a signal. A record that several files hold
+ * comes once. Throws failure; what is there has been given by then. */
 void read_recordings(const command_line &line, record_consumer &to);
 
 /* SIGINT, SIGTERM and SIGHUP end what is done, and not the program: they ask, from now on. */
 void stop_on_signals();
 /* One has asked. */
 bool is_stopped();
+
+/* Each file once, however it is spelled. */
+std::vector<std::string> distinct(const std::vector<std::string> &paths);
+
+/* Of the same recorder at the same moment; of the message, one may have kept less. */
+bool is_same_record(const captured &one, const captured &other);
 
 /* Throws failure: it cannot be read. */
 bool is_ring(const std::string &path);

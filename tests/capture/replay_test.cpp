@@ -222,6 +222,21 @@ TEST_F(replay, an_older_link_takes_nothing_from_a_newer_one_of_its_client)
     expect_same(keep(), "4 records of 2 links replayed: 3 ACs, ");
 }
 
+TEST_F(replay, a_message_of_two_captures_is_played_once)
+{
+    start();
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(owner.send(create(3, {0x11})));
+    ASSERT_TRUE(is_handled(1));
+    const std::string first = keep("first.pcapng");
+    ASSERT_TRUE(owner.send(create(3, {0x12})));
+    ASSERT_TRUE(is_handled(2));
+    const json both = told({keep("second.pcapng"), first});
+    EXPECT_EQ(both["records"], 3);
+    EXPECT_EQ(both["acs"], 2);
+    EXPECT_EQ(both["lost"], 0);
+}
+
 /* What ends a batch ends it on all links of the client, and on no other's. */
 TEST_F(replay, clients_are_told_apart)
 {

@@ -32,15 +32,11 @@ private:
     uint64_t m_lost = 0;
 };
 
-/* By number. A record that is there twice is left out once; two of one number are of two processes. */
+/* By number. Two of one number are of two processes. */
 void put_in_order(std::vector<captured> &records, uint32_t observer)
 {
     const auto number = [](const captured &of) { return of.head.number; };
     std::ranges::stable_sort(records, {}, number);
-    const auto again = [](const captured &one, const captured &other) {
-        return one.head.number == other.head.number && one.time == other.time && one.message == other.message;
-    };
-    records.erase(std::unique(records.begin(), records.end(), again), records.end());
     const auto twice = std::ranges::adjacent_find(records, {}, number);
     if (twice != records.end()) {
         throw failure{exit_failed, "record " + std::to_string(twice->head.number) +

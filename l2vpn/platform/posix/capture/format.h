@@ -33,6 +33,8 @@ struct record_head {
     std::uint32_t status;
     std::uint32_t length;
     std::array<char, 16> name; /* NUL-padded */
+
+    bool operator==(const record_head &other) const = default;
 };
 
 template <typename Number>
