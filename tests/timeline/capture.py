@@ -57,6 +57,10 @@ class Capture:
                                                 len(data)) + data + bytes(-len(data) % 4) + options))
         self.count += 1
 
+    def start_again(self):
+        """The process: whatever it counts begins anew."""
+        self.count = 0
+
     def said(self, owner, content, **more):
         self.add(owner, MESSAGE, TO_PROCESS, content, **more)
 

@@ -50,6 +50,18 @@ def large(path):
     return made.write(path)
 
 
+def restarted(path):
+    """A process is killed while a batch is open, and its client says everything to the next one."""
+    made = Capture()
+    made.add(1, UP)
+    made.said(1, create([(0x11, "port1/1")], 1))
+    made.start_again()
+    made.add(1, UP)
+    made.said(1, create([(0x11, "port1/1")], 1))
+    made.said(1, create([(0x12, "port1/2")], 2))
+    return made.write(path)
+
+
 def strange(path):
     """More types than there are, and two links of one client."""
     made = Capture()

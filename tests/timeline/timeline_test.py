@@ -12,7 +12,7 @@ import sys
 import tempfile
 
 from browser import Browser
-from samples import MANY, large, small, strange
+from samples import MANY, large, restarted, small, strange
 
 program = sys.argv[1]
 HEAD_HEIGHT = 46  # of the picture's own head, in pixels
@@ -240,8 +240,8 @@ def colours(page):
         pictures.add(page.screenshot())
         colour = {name: page.run("return getComputedStyle(document.documentElement).getPropertyValue('--' +"
                                  " arguments[0]).trim()", name)
-                  for name in ["ink", "soft", "in", "out", "bad", "up", "down", "paper", "ground"]}
-        for name in ["ink", "soft", "in", "out", "bad", "up", "down"]:
+                  for name in ["ink", "soft", "in", "out", "bad", "up", "down", "begin", "paper", "ground"]}
+        for name in ["ink", "soft", "in", "out", "bad", "up", "down", "begin"]:
             for ground in ["paper", "ground"]:
                 light, dark = sorted([brightness(colour[name]), brightness(colour[ground])], reverse=True)
                 ratio = (light + 0.05) / (dark + 0.05)
@@ -261,10 +261,10 @@ def colours(page):
     check_equal(page.run("return document.documentElement.dataset.theme"), "light", "the button's theme")
 
 
-def make(folder, name, write):
+def make(folder, name, write, *more):
     path = write(folder / f"{name}.pcapng")
     html = folder / f"{name}.html"
-    subprocess.run([program, "timeline", str(path), "-o", str(html)], timeout=300, check=True)
+    subprocess.run([program, "timeline", str(path), *map(str, more), "-o", str(html)], timeout=300, check=True)
     return path, html
 
 
@@ -296,7 +296,32 @@ def run_small(page, folder):
     page.wait("failures only", lambda: page.count() == failures)
     page.click("#clear")
     missing(page)
+    check_equal(page.pixels("begin"), 0, "another process, and there is one")
     colours(page)
+    page.check_quiet()
+
+
+def run_restarted(page, folder):
+    """Each run of the process has its lanes, and where the second begins is told, also of what two files hold."""
+    copy = restarted(folder / "copy.pcapng")
+    path, html = make(folder, "restarted", restarted, copy)
+    records = monitor(path)
+    check_equal(len(records), 5, "records")
+    page.show(html)
+    summary = page.text("#summary")
+    for part in ["5 records", "2 owners", "2 processes"]:
+        check(part in summary, f"'{part}' is not in '{summary}'")
+    check(page.pixels("begin") > 50, "another process begins, and nothing says so")
+    check(page.pixels("bad") > 8, "the batch of the first process is not left open")
+    for process, first, count in [(1, 0, 2), (2, 2, 3)]:
+        page.choose("#owner", f"portd-1[4001], class 3, process {process}, owner 1")
+        page.wait(f"what process {process} was told", lambda: page.count() == count)
+        page.run("document.getElementById('lanes').focus()")
+        page.key("Down")
+        page.expect_details(first, records[first])
+        page.key("Escape")
+        page.wait("the end of the details", lambda: not page.is_seen("#details"))
+    check_equal(page.pixels("bad"), 0, "a batch of the second process that is left open")
     page.check_quiet()
 
 
@@ -351,6 +376,7 @@ def main():
         page.emulate("light")
         run_small(page, pathlib.Path(folder))
         run_strange(page, pathlib.Path(folder))
+        run_restarted(page, pathlib.Path(folder))
         run_large(page, pathlib.Path(folder))
 
 

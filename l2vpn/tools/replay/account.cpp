@@ -55,7 +55,7 @@ void account::up(const captured &record)
     fresh.node = record.head.nodeid;
     fresh.class_id = record.head.class_id;
     fresh.pid = record.head.pid;
-    m_batches.up(record);
+    m_batches.up(link_of(record), record);
 }
 
 void account::down(const link_id &link)
@@ -174,7 +174,7 @@ void account::take_message(const captured &record)
         return;
     }
     std::vector<told_batch> closed;
-    const bool inside = m_batches.follow(record, message, record.head.number, closed);
+    const bool inside = m_batches.follow(link_of(record), record, message, record.head.number, closed);
     if (message.type == L2VPN_AC_MSG_CREATE) {
         create(record, message, inside);
     } else if (message.row->each.handle != 0) {

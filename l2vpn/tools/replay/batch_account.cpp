@@ -7,15 +7,15 @@ namespace l2vpnctl {
 
 using namespace l2vpn::capture;
 
-batch_account::client batch_account::client_of(const captured &record)
+batch_account::client batch_account::client_of(const link_id &link, const captured &record)
 {
-    return {link_of(record).observer, record.head.pid};
+    return {link.observer, record.head.pid};
 }
 
-void batch_account::up(const captured &record)
+void batch_account::up(const link_id &link, const captured &record)
 {
     if (record.head.pid != 0) {
-        m_links[client_of(record)][record.head.class_id] = link_of(record);
+        m_links[client_of(link, record)][record.head.class_id] = link;
     }
 }
 
@@ -32,13 +32,12 @@ void batch_account::down(const link_id &link, std::vector<told_batch> &left)
     }
 }
 
-bool batch_account::follow(const captured &record, const reading &message, uint64_t place,
-                           std::vector<told_batch> &closed)
+bool batch_account::follow(const link_id &link, const captured &record, const reading &message,
+                           uint64_t place, std::vector<told_batch> &closed)
 {
     if (!message.row->batched()) {
         return false;
     }
-    const link_id link = link_of(record);
     const bool ends = message.count == 0 || (message.words[1] & message.row->end_bit) != 0;
     auto found = m_open.find({link, message.type});
     if (found == m_open.end() && (message.words[1] & message.row->begin_bit) != 0) {
@@ -57,7 +56,7 @@ bool batch_account::follow(const captured &record, const reading &message, uint6
             }
         };
         close(link);
-        for (const auto &[class_id, other] : m_links[client_of(record)]) {
+        for (const auto &[class_id, other] : m_links[client_of(link, record)]) {
             close(other);
         }
     }

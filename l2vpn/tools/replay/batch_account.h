@@ -21,9 +21,9 @@ struct told_batch {
 class batch_account {
 public:
     /* Whether a message that was taken is part of a batch. What it closes is added to `closed`. */
-    bool follow(const captured &record, const l2vpn::capture::reading &message, uint64_t place,
-                std::vector<told_batch> &closed);
-    void up(const captured &record);
+    bool follow(const link_id &link, const captured &record, const l2vpn::capture::reading &message,
+                uint64_t place, std::vector<told_batch> &closed);
+    void up(const link_id &link, const captured &record);
     /* The batches of the link that stay without their end are added to `left`. */
     void down(const link_id &link, std::vector<told_batch> &left);
     std::vector<told_batch> open() const;
@@ -32,7 +32,7 @@ private:
     /* A client library has one batch for all its classes, so what ends one ends it on all its links. */
     using client = std::pair<uint32_t, uint32_t>; /* observer and pid */
 
-    static client client_of(const captured &record);
+    static client client_of(const link_id &link, const captured &record);
 
     std::map<std::pair<link_id, uint32_t>, told_batch> m_open; /* by link and type */
     std::map<client, std::map<uint32_t, link_id>> m_links;     /* the latest of each class */

@@ -43,13 +43,28 @@ uint64_t bits_of(const captured &record, const reading &message)
 
 } // namespace
 
+/* Of each run, because each counts its links from 1. */
+link_id story::link_of(const captured &record) const
+{
+    return {static_cast<uint32_t>(m_run), record.head.link};
+}
+
+void story::take_run(const recorders::place &at, const captured &record)
+{
+    if (at.is_new) {
+        m_runs.push_back({record.head.by == observer::process ? ++m_processes : 0, m_records, m_records});
+    }
+    m_run = at.recorder;
+    m_runs[m_run].last = m_records;
+}
+
 /* A client's links of one class, one after the other, are one lane. */
 uint64_t story::lane_of(const captured &record)
 {
     const record_head &head = record.head;
     const bool by_owner = head.by == observer::owner;
-    const auto [lane, is_new] = m_lanes.try_emplace(
-        lane_key{link_of(record).observer, head.pid, head.nodeid, head.class_id, by_owner}, m_lanes.size());
+    const auto [lane, is_new] =
+        m_lanes.try_emplace(lane_key{m_run, head.pid, head.nodeid, head.class_id}, m_lanes.size());
     if (is_new) {
         const size_t length = std::string_view(head.name.data(), head.name.size()).find('\0');
         const auto *name = reinterpret_cast<const uint8_t *>(head.name.data());
@@ -59,6 +74,7 @@ uint64_t story::lane_of(const captured &record)
                                {"uid", head.uid},
                                {"class", head.class_id},
                                {"node", head.nodeid},
+                               {"run", m_run},
                                {"by", by_owner ? "owner" : "process"}});
     }
     if (m_lane_of_link.try_emplace(link_of(record), lane->second).second) {
@@ -78,35 +94,33 @@ uint64_t story::type_of(const reading &message)
     return type->second;
 }
 
-void story::add_batches(const std::vector<told_batch> &batches, uint64_t end, uint64_t last)
+void story::add_batch(const told_batch &batch, uint64_t end, uint64_t last)
 {
-    for (const told_batch &batch : batches) {
-        m_batches.add(m_lane_of_link[batch.link]);
-        m_batches.add(m_types[batch.type]);
-        m_batches.add(batch.first);
-        m_batches.add(last);
-        m_batches.add(end);
-        m_batch_count++;
-    }
+    m_batches.add(m_lane_of_link[batch.link]);
+    m_batches.add(m_types[batch.type]);
+    m_batches.add(batch.first);
+    m_batches.add(last);
+    m_batches.add(end);
+    m_batch_count++;
 }
 
 void story::take_batches(const captured &record, const reading &message)
 {
+    const link_id link = link_of(record);
+    const bool is_down = record.head.kind == record_kind::link_down;
     std::vector<told_batch> ended;
-    if (record.head.kind == record_kind::link_down) {
-        m_account.down(link_of(record), ended);
-        add_batches(ended, batch_abandoned, m_records);
-        return;
+    if (is_down) {
+        m_account.down(link, ended);
+    } else if (record.head.kind != record_kind::link_refused && record.head.link != 0) {
+        if (m_up.insert(link).second) {
+            m_account.up(link, record);
+        }
+        if (has_arrived(record, flow::to_process) && message.is_sound()) {
+            m_account.follow(link, record, message, m_records, ended);
+        }
     }
-    if (record.head.kind == record_kind::link_refused || record.head.link == 0) {
-        return;
-    }
-    if (m_up.insert(link_of(record)).second) {
-        m_account.up(record);
-    }
-    if (has_arrived(record, flow::to_process) && message.is_sound()) {
-        m_account.follow(record, message, m_records, ended);
-        add_batches(ended, batch_closed, m_records);
+    for (const told_batch &batch : ended) {
+        add_batch(batch, is_down ? batch_abandoned : batch_closed, m_records);
     }
 }
 
@@ -167,18 +181,10 @@ void story::end_part()
     }
 }
 
-/* An observer's numbers follow one another. */
-uint64_t story::missing_before(const captured &record)
+void story::take(size_t source, const captured &record, uint64_t lost)
 {
-    const uint64_t number = record.head.number;
-    const auto next = m_next.try_emplace(link_of(record).observer, number).first;
-    const uint64_t missing = number > next->second ? number - next->second : 0;
-    next->second = number + 1;
-    return missing;
-}
-
-void story::take(const captured &record, uint64_t lost)
-{
+    const recorders::place at = m_recorders.take(source, record.head);
+    take_run(at, record);
     const reading message = read(record);
     m_first_time = m_records == 0 ? record.time : m_first_time;
     m_latest_time = m_records == 0 ? record.time : m_latest_time;
@@ -189,7 +195,7 @@ void story::take(const captured &record, uint64_t lost)
     m_rows.add(record.head.kind == record_kind::message ? type_of(message) : 0);
     m_rows.add(message.count);
     m_rows.add(record.head.length);
-    m_rows.add(missing_before(record));
+    m_rows.add(at.is_new ? 0 : at.missing);
     add_named(record, message);
     take_batches(record, message);
     add_details(record, message);
@@ -200,12 +206,19 @@ void story::take(const captured &record, uint64_t lost)
 std::vector<std::pair<const char *, std::string>> story::finish(const std::string &title, uint64_t lost)
 {
     end_part();
-    add_batches(m_account.open(), batch_left_open, m_records == 0 ? 0 : m_records - 1);
+    for (const told_batch &batch : m_account.open()) {
+        add_batch(batch, batch_left_open, m_runs[batch.link.observer].last);
+    }
+    json runs = json::array();
+    for (const run &one : m_runs) {
+        runs.push_back({{"process", one.process}, {"first", one.first}, {"last", one.last}});
+    }
     const json about = {{"title", title},
                         {"program", "l2vpnctl " L2VPN_VERSION},
                         {"records", m_records},
                         {"lost", m_lost + lost},
                         {"began", std::to_string(m_first_time)}, /* more than a number of the page holds */
+                        {"runs", runs},
                         {"lanes", m_lane_rows},
                         {"types", m_type_names},
                         {"named", m_named.size()},

@@ -103,9 +103,9 @@ public:
         m_file.write(page_head);
     }
 
-    bool take(size_t /*source*/, const captured &record, uint64_t lost) override
+    bool take(size_t source, const captured &record, uint64_t lost) override
     {
-        m_story.take(record, lost);
+        m_story.take(source, record, lost);
         m_progress.count();
         return true;
     }

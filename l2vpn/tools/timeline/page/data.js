@@ -44,6 +44,7 @@ class Story {
     story.names = (await unpackedText("names")).split("\n");
     story.readBatches(new Numbers(await unpacked("batches")));
     story.findLinks();
+    story.processes = story.about.runs.filter((run) => run.process > 0);
     return story;
   }
 
@@ -96,16 +97,18 @@ class Story {
         open.set(lane, i);
       }
     }
-    for (const [lane, first] of open) {
-      this.links[lane].push([first, this.length - 1]);
+    for (const [lane, first] of open) { // as long as somebody recorded it
+      this.links[lane].push([first, this.about.runs[this.about.lanes[lane].run].last]);
     }
   }
 
   laneTitle(lane) {
     const of = this.about.lanes[lane];
+    const process = this.about.runs[of.run].process;
     return {first: `${of.program || "owner"}[${of.pid}]`,
       second: `class ${of.class}` + (of.by === "owner" ? ", told by itself"
-        : `, owner ${of.owners.slice(0, 10).join(", ")}` + (of.owners.length > 10 ? ", …" : ""))};
+        : (this.processes.length > 1 ? `, process ${process}` : "") +
+          `, owner ${of.owners.slice(0, 10).join(", ")}` + (of.owners.length > 10 ? ", …" : ""))};
   }
 
   label(i) {

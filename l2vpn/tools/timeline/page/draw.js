@@ -34,6 +34,7 @@ class Picture extends Places {
     });
     this.clipped(LAYOUT.gutter, LAYOUT.head, this.width - LAYOUT.gutter, this.height, () => {
       this.drawLanes();
+      this.drawProcesses();
       this.asArrows = this.to - this.from <= LAYOUT.arrows;
       if (this.asArrows) { this.drawArrows(); } else { this.drawDensity(); }
     });
@@ -141,6 +142,18 @@ class Picture extends Places {
       if (batch.end > 0) { // not ended by itself: open at the end, or taken by DOWN
         this.line("bad", [[x - 7, seen[1] + 5], [x + 7, seen[1] + 5]], 2);
       }
+    }
+  }
+
+  // Where another one begins, or the same again: what the one before held is gone.
+  drawProcesses() {
+    const half = Math.min(this.byTime ? 0 : this.height / this.span / 2, LAYOUT.row);
+    for (const {process, first} of this.story.processes.slice(1)) {
+      const y = this.yOf(this.placeOf(first)) - half;
+      if (y < LAYOUT.head || y > LAYOUT.head + this.height) { continue; }
+      this.line("begin", [[LAYOUT.gutter, y], [this.width, y]], 2, [12, 4]);
+      this.context.fillStyle = this.colour("begin");
+      this.text(`process ${process}`, this.width - 8, y - 8, 120, "right");
     }
   }
 

@@ -95,7 +95,8 @@ function fillIn() {
   for (let i = 0; i < story.length; i++) { bad += isBad(story.bits[i]) ? 1 : 0; }
   const seconds = story.length > 0 ? story.steady[story.length - 1] / 1e9 : 0;
   element("summary").textContent = [
-    `${number.format(story.length)} records`, `${about.lanes.length} owners`, `${number.format(bad)} failures`,
+    `${number.format(story.length)} records`, `${about.lanes.length} owners`,
+    ...(story.processes.length > 1 ? [`${story.processes.length} processes`] : []), `${number.format(bad)} failures`,
     ...(about.lost > 0 ? [`${number.format(about.lost)} missing`] : []), `${seconds.toFixed(3)} s`,
     story.length > 0 ? new Date(Number(BigInt(about.began) / 1000000n)).toLocaleString() : "",
     about.program].filter(Boolean).join(" · ");
