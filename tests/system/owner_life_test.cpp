@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -125,6 +126,45 @@ TEST_F(owner_life, creates_everything_anew_after_each_restart)
         EXPECT_TRUE(holds_inventory());
     }
     EXPECT_TRUE(owner_->running());
+}
+
+TEST_F(owner_life, compares_both_tables_with_what_a_process_that_was_started_again_holds)
+{
+    write(two_classes);
+    const std::string scenario = dir_.write("mstp.conf", "class 0\n"
+                                                         "root handle=1 msti=0 priority=8000\n"
+                                                         "vlans msti=0 1-99\n"
+                                                         "protect name=ring tail=0a000001 number=1\n");
+    const auto held = [this](const std::string &table) {
+        return dir_.write(table + ".json", ctl({"show", table, "--json", "--raw"}).out);
+    };
+    const auto compare = [&] {
+        compared_ =
+            system_test::run(binary("l2vpn-owner"), {"-i", inventory(), "--compare", held("acs"), "--mstp",
+                                                     scenario, "--compare-mstp", held("mstp"), "--json"});
+        return nlohmann::json::parse(compared_.out, nullptr, false);
+    };
+    const auto same =
+        nlohmann::json::parse(R"({"same":true,"compared":[{"table":"acs","same":true,"differences":[]},)"
+                              R"({"table":"mstp","same":true,"differences":[]}]})");
+    start_process();
+    start_owner({"--mstp", scenario});
+    EXPECT_TRUE(eventually([&] { return compare() == same; })) << compared_.out << compared_.err;
+    kill_process();
+    start_process();
+    EXPECT_TRUE(eventually([&] { return compare() == same; })) << compared_.out << compared_.err;
+
+    /* A process that was told nothing holds neither. */
+    owner_->send_signal(SIGTERM);
+    EXPECT_EQ(owner_->wait(), 0) << owner_->err();
+    kill_process();
+    start_process();
+    const nlohmann::json differs = compare();
+    EXPECT_EQ(compared_.status, 1) << compared_.err;
+    for (const nlohmann::json &table : differs["compared"]) {
+        EXPECT_EQ(table["same"], false) << table;
+    }
+    EXPECT_EQ(differs["compared"].size(), 2U);
 }
 
 TEST_F(owner_life, survives_a_process_that_dies_in_the_middle_of_a_large_inventory)
