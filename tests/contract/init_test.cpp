@@ -363,43 +363,4 @@ TEST_F(init, uses_the_ipc_client_of_the_attempt_that_succeeded)
     }
 }
 
-TEST_F(init, logs_nothing_when_either_debug_bit_is_off)
-{
-    for (const auto &[enabled, traced] : {std::pair{true, false}, {false, true}, {false, false}}) {
-        world.set_debug_bit(1094, enabled, traced);
-        world.fail(fn::l2vpn_ipc_client_init, 1, 13);
-        l2vpn_ac_client_hd_t hd = nullptr;
-        EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 13u);
-        EXPECT_THAT(world.calls(fn::gen_format_debug_fmt), IsEmpty());
-    }
-    world.set_debug_bit(1094, true, true);
-    world.fail(fn::l2vpn_ipc_client_init, 1, 13);
-    l2vpn_ac_client_hd_t hd = nullptr;
-    lib.connect(world.evm(), 0, 4, &callbacks, &hd);
-    EXPECT_EQ(world.calls(fn::gen_format_debug_fmt).size(), 1u);
-}
-
-TEST_F(init, takes_a_null_bitset_for_an_empty_one)
-{
-    for (const auto &[enabled, traced] : {std::pair{true, false}, {false, true}, {true, true}}) {
-        world.set_debug_bitsets_null(enabled, traced);
-        world.fail(fn::l2vpn_ipc_client_init, 1, 13);
-        l2vpn_ac_client_hd_t hd = nullptr;
-        EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), 13u);
-        EXPECT_THAT(world.calls(fn::gen_format_debug_fmt), IsEmpty());
-    }
-}
-
-TEST_F(init, gives_debug_messages_the_librarys_id)
-{
-    connect(4);
-    const auto messages = world.calls(fn::gen_format_debug_fmt);
-    ASSERT_FALSE(messages.empty());
-    for (const auto &message : messages) {
-        EXPECT_EQ(message.args[0], 1094u);
-        EXPECT_FALSE(message.where.empty());
-        EXPECT_NE(message.line, 0u);
-    }
-}
-
 } // namespace
