@@ -14,6 +14,7 @@
 namespace torture {
 
 inline constexpr std::uint32_t nodeid = 0x0a000001;
+inline constexpr ifhtype first_ifh = 0x01020300; /* of the handles of all arrays */
 
 class player {
 public:
