@@ -50,10 +50,12 @@ public:
     virtual bool read_provision(std::span<const std::byte> message, provision_job &read) = 0;
 };
 
-std::unique_ptr<rival> stream_rival(); /* field by field, into a buffer that grows */
-std::unique_ptr<rival> packed_rival(); /* copies records into a message, and swaps there */
+std::unique_ptr<rival> stream_rival();  /* field by field, into a std::stringbuf */
+std::unique_ptr<rival> growing_rival(); /* the same into an array that grows */
+std::unique_ptr<rival> packed_rival();  /* copies records into a message, and swaps there */
 std::unique_ptr<rival> protobuf_rival();
-std::unique_ptr<rival> flatbuffers_rival();
+std::unique_ptr<rival> flatbuffers_structs_rival(); /* vectors of records that can never change */
+std::unique_ptr<rival> flatbuffers_tables_rival();  /* a table an AC */
 std::unique_ptr<rival> capnproto_rival();
 
 /* As many of them as this build has. */

@@ -25,6 +25,7 @@ target_include_directories(l2vpn_bench_schemas SYSTEM PUBLIC ${generated})
 target_link_libraries(l2vpn_bench_schemas PUBLIC
     protobuf::libprotobuf CapnProto::capnp Threads::Threads)
 
-target_sources(l2vpn_bench_rivals PRIVATE rivals/capnproto.cpp rivals/flatbuffers.cpp rivals/protobuf.cpp)
+target_sources(l2vpn_bench_rivals PRIVATE
+    rivals/capnproto.cpp rivals/flatbuffers_structs.cpp rivals/flatbuffers_tables.cpp rivals/protobuf.cpp)
 target_compile_definitions(l2vpn_bench_rivals PRIVATE BENCH_ENCODERS)
 target_link_libraries(l2vpn_bench_rivals PRIVATE l2vpn_bench_schemas)

@@ -2,6 +2,7 @@
  * Cap'n Proto. The first segment is memory that is used again; the segments go out as they are, behind the
  * table that tells their sizes.
  */
+#include "octets.h"
 #include "rival.h"
 
 #include <ac.capnp.h>
@@ -15,20 +16,6 @@ namespace cp = bench_capnproto;
 namespace {
 
 constexpr size_t scratch_words = 1u << 17;
-
-template <typename T>
-T raw(const uint8_t *octets)
-{
-    T value;
-    memcpy(&value, octets, sizeof value);
-    return value;
-}
-
-template <typename T>
-void unraw(uint8_t *octets, T value)
-{
-    memcpy(octets, &value, sizeof value);
-}
 
 template <size_t size>
 capnp::Data::Reader data_of(const uint8_t (&array)[size])

@@ -2,6 +2,7 @@
  * Protocol Buffers. One message object for all messages: cleared, its sub-messages and strings keep their
  * memory. It is serialised into a buffer that is used again.
  */
+#include "octets.h"
 #include "rival.h"
 
 #include <ac.pb.h>
@@ -12,21 +13,7 @@ namespace pb = bench_protobuf;
 
 namespace {
 
-template <typename T>
-T raw(const uint8_t *octets)
-{
-    T value;
-    memcpy(&value, octets, sizeof value);
-    return value;
-}
-
-template <typename T>
-void unraw(uint8_t *octets, T value)
-{
-    memcpy(octets, &value, sizeof value);
-}
-
-void unraw(void *octets, size_t size, const std::string &value)
+void copy_octets(void *octets, size_t size, const std::string &value)
 {
     memcpy(octets, value.data(), std::min(size, value.size()));
 }
@@ -46,13 +33,13 @@ void put(pb::Definition &to, const l2vpn_ac_defn_t &from)
 
 void get(const pb::Definition &from, l2vpn_ac_defn_t &to)
 {
-    unraw(to.opaque, sizeof to.opaque, from.opaque());
+    copy_octets(to.opaque, sizeof to.opaque, from.opaque());
     to.word = from.word();
     to.word2 = from.word2();
     to.word3 = from.word3();
     unraw(to.by_class.octets, from.octets());
     to.by_class2.half = static_cast<uint16_t>(from.half());
-    unraw(to.opaque2, sizeof to.opaque2, from.opaque2());
+    copy_octets(to.opaque2, sizeof to.opaque2, from.opaque2());
     to.word4 = from.word4();
     to.word5 = from.word5();
 }
@@ -102,10 +89,10 @@ void get(const pb::Info &from, l2vpn_ac_info_t &to)
         l2vpn_ac_info_class7_t &part = to.by_class.class7;
         unraw(part.opaque, from.class7().opaque());
         part.word = from.class7().word();
-        unraw(part.opaque2, sizeof part.opaque2, from.class7().opaque2());
+        copy_octets(part.opaque2, sizeof part.opaque2, from.class7().opaque2());
         std::copy_n(from.class7().words().begin(), std::min(4, from.class7().words_size()), part.words);
     } else {
-        unraw(to.by_class.class8.opaque, sizeof to.by_class.class8.opaque, from.class8());
+        copy_octets(to.by_class.class8.opaque, sizeof to.by_class.class8.opaque, from.class8());
     }
 }
 
@@ -124,9 +111,9 @@ void put(pb::DataClass8 &to, const l2vpn_ac_xcid_class8_t &from)
 
 void get(const pb::DataClass8 &from, l2vpn_ac_xcid_class8_t &to)
 {
-    unraw(to.opaque, sizeof to.opaque, from.opaque());
+    copy_octets(to.opaque, sizeof to.opaque, from.opaque());
     to.word = from.word();
-    unraw(to.opaque2, sizeof to.opaque2, from.opaque2());
+    copy_octets(to.opaque2, sizeof to.opaque2, from.opaque2());
     std::copy_n(from.words().begin(), std::min(4, from.words_size()), to.words);
     to.word2 = from.word2();
     unraw(to.octets, from.octets());
