@@ -39,6 +39,14 @@ void must(qerrno status, const char *what)
     std::exit(1);
 }
 
+void must_decode(bool right, const char *who, uint32_t class_id)
+{
+    if (right)
+        return;
+    std::fprintf(stderr, "l2vpn_bench: %s decodes class %u wrongly\n", who, class_id);
+    std::exit(1);
+}
+
 bench_client::bench_client(uint32_t class_id, uint32_t mtu)
 {
     static l2vpn_ac_callback_vector_t callbacks = {};

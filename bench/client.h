@@ -29,4 +29,7 @@ void on_provisioned(provisioned_fn call, void *context);
 /* Ends the program unless a request was accepted. */
 void must(qerrno status, const char *what);
 
+/* The same unless a message of a class was decoded to what it was made of. */
+void must_decode(bool right, const char *who, uint32_t class_id);
+
 #endif

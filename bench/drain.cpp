@@ -21,6 +21,12 @@ constexpr size_t message_max = 1u << 20;
 
 } // namespace
 
+void fit_socket(int socket, size_t bytes)
+{
+    const int room = static_cast<int>(std::max<size_t>(128u << 10, 4 * (bytes + 1024)));
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+}
+
 drain::drain()
 {
     int ends[2];
@@ -41,12 +47,6 @@ drain::~drain()
 {
     close(socket_);
     waitpid(process_, nullptr, 0);
-}
-
-void drain::fit(uint32_t mtu)
-{
-    const int room = static_cast<int>(std::max(128u << 10, 4 * (mtu + 1024)));
-    setsockopt(socket_, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
 }
 
 void drain::put(const iovec *pieces, size_t count)

@@ -8,14 +8,16 @@
 
 #include <sys/types.h>
 
+/* Room for as many messages of so many bytes as the Linux platform makes. */
+void fit_socket(int socket, size_t bytes);
+
 class drain final : public counting::outlet {
 public:
     /* Early: the process is a fork, and memory that it shares would be copied when it is written. */
     drain();
     ~drain();
 
-    /* Room for as many messages of `mtu` bytes as the Linux platform makes. */
-    void fit(uint32_t mtu);
+    void fit(uint32_t mtu) { fit_socket(socket_, mtu); }
 
     /* One system call; waits for room. */
     void put(const iovec *pieces, size_t count) override;

@@ -1,83 +1,146 @@
 /*
- * Provision: from a received message to records in the owner's callback, beside the decoders of the rivals. A
- * message is as large as the MTU allows.
+ * Provision: from received messages to records in the owner's callback, beside the decoders of the rivals. One message,
+ * as large as the MTU allows; and messages of many ACs, each another one: from memory, and received from a socket that
+ * another process fills. A decoder's records are used again for the next message, as the callback's are.
  */
 #include "client.h"
 #include "counting_platform.h"
+#include "filler.h"
 #include "job.h"
 #include "results.h"
 #include "rival.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace {
 
-bool equal(const provision_job &a, uint32_t count, const ifhtype *handles, const l2vpn_ac_xcid_data_t *data)
-{
-    return a.count == count && memcmp(a.handles.data(), handles, count * sizeof *handles) == 0 &&
-           memcmp(a.data.data(), data, count * sizeof *data) == 0;
-}
-
-void must_be(bool right, const char *name, uint32_t class_id)
-{
-    if (right)
-        return;
-    std::fprintf(stderr, "l2vpn_bench: %s decodes class %u wrongly\n", name, class_id);
-    std::exit(1);
-}
-
-/* The library converts a message where it lies. Delivered again, with its header as it was, the payload is
- * what differs, and the work is the same. */
-class delivered {
+/* Records to decode into: for a whole message, and for the last one, which may be smaller. */
+class records {
 public:
-    explicit delivered(const provision_job &job) : message_(packed_rival()->provision(job, size_))
+    records(uint32_t class_id, uint32_t each, uint32_t acs)
+        : each_(each), acs_(acs), whole_(class_id, std::min(each, acs)),
+          last_(class_id, acs % each == 0 ? std::min(each, acs) : acs % each)
     {
-        memcpy(header_, message_.data(), sizeof header_);
-        expected_ = &job;
-        on_provisioned(
-            [](void *self, uint32_t count, const ifhtype *handles, const l2vpn_ac_xcid_data_t *data) {
-                auto &of = *static_cast<delivered *>(self);
-                of.right_ = equal(*of.expected_, count, handles, data);
-            },
-            this);
-        deliver();
-        on_provisioned(nullptr, nullptr);
-        must_be(right_, "library", job.class_id);
     }
 
-    void deliver()
-    {
-        memcpy(message_.data(), header_, sizeof header_);
-        counting::deliver(message_.data(), static_cast<uint32_t>(size_));
-    }
-
-    const void *data() const { return message_.data(); }
-    size_t size() const { return size_; }
+    uint32_t messages() const { return (acs_ + each_ - 1) / each_; }
+    provision_job &of(size_t message) { return message + 1 == messages() ? last_ : whole_; }
 
 private:
-    size_t size_ = 0;
-    std::vector<uint64_t> message_;
-    char header_[L2VPN_AC_HDR_LEN];
-    const provision_job *expected_;
-    bool right_ = false;
+    uint32_t each_, acs_;
+    provision_job whole_, last_;
 };
 
-void measure_class(results &to, uint32_t class_id, uint32_t mtu, uint32_t data_size)
+/* The library converts a message where it lies; delivered again with the header that it came with, its payload is
+ * what differs, and the work is the same. */
+class library_stream {
+public:
+    void add(const provision_job &job)
+    {
+        size_t size = 0;
+        std::vector<uint64_t> message = packed_rival()->provision(job, size);
+        messages_.add(message, size);
+        l2vpn_ac_msg_hdr_t header;
+        memcpy(&header, message.data(), sizeof header);
+        headers_.push_back(header);
+        verify(job, message, size);
+    }
+
+    stream &messages() { return messages_; }
+
+    void deliver_all()
+    {
+        for (size_t i = 0; i < headers_.size(); ++i) {
+            const std::span<std::byte> message = messages_[i];
+            memcpy(message.data(), &headers_[i], sizeof headers_[i]);
+            counting::deliver(message.data(), static_cast<uint32_t>(message.size()));
+        }
+    }
+
+private:
+    static void verify(const provision_job &job, std::vector<uint64_t> &message, size_t size)
+    {
+        struct {
+            const provision_job &expected;
+            bool right;
+        } seen = {job, false};
+        on_provisioned(
+            [](void *context, uint32_t count, const ifhtype *handles, const l2vpn_ac_xcid_data_t *data) {
+                auto &of = *static_cast<decltype(seen) *>(context);
+                of.right = of.expected.is(count, handles, data);
+            },
+            &seen);
+        counting::deliver(message.data(), static_cast<uint32_t>(size));
+        on_provisioned(nullptr, nullptr);
+        must_decode(seen.right, "library", job.class_id);
+    }
+
+    stream messages_;
+    std::vector<l2vpn_ac_msg_hdr_t> headers_;
+};
+
+/* A rival with its own messages. */
+struct rival_stream {
+    std::unique_ptr<rival> by;
+    stream messages;
+
+    void add(const provision_job &job, provision_job &read)
+    {
+        size_t size = 0;
+        const std::vector<uint64_t> message = by->provision(job, size);
+        messages.add(message, size);
+        memset(read.data.data(), 0xff, read.count * sizeof read.data[0]);
+        decode({reinterpret_cast<const std::byte *>(message.data()), size}, read);
+        must_decode(job.is(read.count, read.handles.data(), read.data.data()), by->name(), job.class_id);
+    }
+
+    void decode(std::span<const std::byte> message, provision_job &read) const
+    {
+        must_decode(by->read_provision(message, read), by->name(), read.class_id);
+    }
+};
+
+std::vector<rival_stream> rival_streams()
 {
-    const provision_job job(class_id, (mtu - L2VPN_AC_HDR_LEN) / (4 + data_size));
-    provision_job read(class_id, job.count);
+    std::vector<rival_stream> all;
+    for (auto &by : all_rivals())
+        all.push_back({std::move(by), {}});
+    return all;
+}
+
+void copy_all(stream &from, std::vector<std::byte> &room)
+{
+    for (size_t i = 0; i < from.count(); ++i) {
+        memcpy(room.data(), from[i].data(), from[i].size());
+        asm volatile("" : : "r"(room.data()) : "memory");
+    }
+}
+
+/* What is received is what was to be sent, in its order. */
+void verify_received(filler &by, stream &expected)
+{
+    for (size_t i = 0; i < expected.count(); ++i) {
+        const std::span<const std::byte> taken = by.take();
+        if (!std::ranges::equal(taken, expected[i])) {
+            std::fprintf(stderr, "l2vpn_bench: message %zu was received as another one\n", i);
+            std::exit(1);
+        }
+    }
+}
+
+/* One message, again and again. */
+void measure_message(results &to, uint32_t class_id, uint32_t mtu, uint32_t data_size)
+{
     const bench_client client(class_id, mtu);
-    delivered message(job);
-    std::vector<std::byte> room(message.size());
+    const provision_job job(class_id, provision_job::acs_a_message(class_id, mtu));
+    provision_job read(class_id, job.count);
+    library_stream library;
+    library.add(job);
+    std::vector<std::byte> room(library.messages().longest());
     std::vector<candidate> candidates = {
-        {"library", [&] { message.deliver(); }},
-        {"memcpy",
-         [&] {
-             memcpy(room.data(), message.data(), room.size());
-             asm volatile("" : : "r"(room.data()) : "memory");
-         }},
+        {"library", [&] { library.deliver_all(); }},
+        {"memcpy", [&] { copy_all(library.messages(), room); }},
         {"copy and zero fill",
          [&] {
              memset(read.data.data(), 0, job.count * sizeof(l2vpn_ac_xcid_data_t));
@@ -87,32 +150,69 @@ void measure_class(results &to, uint32_t class_id, uint32_t mtu, uint32_t data_s
              asm volatile("" : : "r"(read.data.data()) : "memory");
          }},
     };
-
-    struct encoded {
-        std::unique_ptr<rival> by;
-        size_t size;
-        std::vector<uint64_t> message;
-        std::span<const std::byte> bytes() const
-        {
-            return {reinterpret_cast<const std::byte *>(message.data()), size};
-        }
-    };
-    std::vector<encoded> rivals;
-    for (auto &by : all_rivals()) {
-        encoded rival{std::move(by), 0, {}};
-        rival.message = rival.by->provision(job, rival.size);
-        memset(read.data.data(), 0xff, job.count * sizeof(l2vpn_ac_xcid_data_t));
-        const bool whole = rival.by->read_provision(rival.bytes(), read);
-        must_be(whole && equal(job, read.count, read.handles.data(), read.data.data()), rival.by->name(),
-                class_id);
-        rivals.push_back(std::move(rival));
-    }
-    for (const encoded &rival : rivals) {
-        candidates.push_back(
-            {rival.by->name(),
-             [&] { must_be(rival.by->read_provision(rival.bytes(), read), rival.by->name(), class_id); }});
+    std::vector<rival_stream> rivals = rival_streams();
+    for (rival_stream &by : rivals) {
+        by.add(job, read);
+        candidates.push_back({by.by->name(), [&] { by.decode(by.messages[0], read); }});
     }
     to.take("provision", class_id, mtu, job.count, candidates, to.thorough() ? 3.0 : 0.7);
+}
+
+void measure_stream(results &to, uint32_t class_id, uint32_t mtu, uint32_t acs, double seconds)
+{
+    const bench_client client(class_id, mtu);
+    const uint32_t each = provision_job::acs_a_message(class_id, mtu);
+    records read(class_id, each, acs);
+    library_stream library;
+    std::vector<rival_stream> rivals = rival_streams();
+    for (uint32_t i = 0; i < read.messages(); ++i) {
+        const provision_job job(class_id, read.of(i).count, i * each);
+        library.add(job);
+        for (rival_stream &by : rivals)
+            by.add(job, read.of(i));
+    }
+
+    /* Each is filled in a process of its own: it sends what is there when it begins. */
+    filler received(library.messages());
+    verify_received(received, library.messages());
+    std::vector<std::unique_ptr<filler>> rivals_received;
+    for (rival_stream &by : rivals) {
+        rivals_received.push_back(std::make_unique<filler>(by.messages));
+        verify_received(*rivals_received.back(), by.messages);
+    }
+
+    const candidate recv = {"recv", [&] {
+                                for (uint32_t i = 0; i < read.messages(); ++i)
+                                    received.take();
+                            }};
+    const candidate library_received = {"library and recv", [&] {
+                                            for (uint32_t i = 0; i < read.messages(); ++i) {
+                                                const auto message = received.take();
+                                                counting::deliver(message.data(),
+                                                                  static_cast<uint32_t>(message.size()));
+                                            }
+                                        }};
+    std::vector<std::byte> room(library.messages().longest());
+    std::vector<candidate> from_memory = {
+        {"library", [&] { library.deliver_all(); }},
+        library_received,
+        recv,
+        {"memcpy", [&] { copy_all(library.messages(), room); }},
+    };
+    std::vector<candidate> from_socket = {library_received, recv};
+    for (size_t which = 0; which < rivals.size(); ++which) {
+        rival_stream &by = rivals[which];
+        from_memory.push_back({by.by->name(), [&read, &by] {
+                                   for (size_t i = 0; i < by.messages.count(); ++i)
+                                       by.decode(by.messages[i], read.of(i));
+                               }});
+        from_socket.push_back({by.by->name(), [&read, &by, &from = *rivals_received[which]] {
+                                   for (size_t i = 0; i < by.messages.count(); ++i)
+                                       by.decode(from.take(), read.of(i));
+                               }});
+    }
+    to.take("provisions", class_id, mtu, acs, from_memory, seconds);
+    to.take("provisions received", class_id, mtu, acs, from_socket, seconds);
 }
 
 } // namespace
@@ -120,8 +220,24 @@ void measure_class(results &to, uint32_t class_id, uint32_t mtu, uint32_t data_s
 void measure_inbound(results &to)
 {
     for (const uint32_t mtu : {1516u, 9000u, 65536u}) {
-        measure_class(to, 0, mtu, 32);
+        measure_message(to, 0, mtu, 32);
         if (mtu >= 9000)
-            measure_class(to, 8, mtu, 2676);
+            measure_message(to, 8, mtu, 2676);
+    }
+    struct size {
+        uint32_t class_id, mtu, count;
+        bool quick;
+    };
+    /* A message of 1,516 bytes holds no AC of class 8, and 200,000 ACs of it would be 536 MB for each decoder. */
+    static constexpr size sizes[] = {
+        {0, 65536, 300, true},    {0, 65536, 10000, true},  {0, 65536, 200000, true}, {0, 9000, 300, false},
+        {0, 9000, 10000, false},  {0, 9000, 200000, false}, {0, 1516, 300, false},    {0, 1516, 10000, false},
+        {0, 1516, 200000, false}, {8, 65536, 300, true},    {8, 65536, 10000, true},  {8, 9000, 300, false},
+        {8, 9000, 10000, false},
+    };
+    for (const size &of : sizes) {
+        const double seconds = to.thorough() ? 3.0 : 0.7;
+        if (of.quick || to.thorough())
+            measure_stream(to, of.class_id, of.mtu, of.count, of.count > 100000 ? 2 * seconds : seconds);
     }
 }

@@ -47,11 +47,11 @@ size_t data_size_of(uint32_t class_id)
     return class_id == 8 ? sizeof(l2vpn_ac_xcid_data_t) : 32;
 }
 
-std::vector<ifhtype> handles_of(uint32_t count)
+std::vector<ifhtype> handles_of(uint32_t count, uint32_t first = 0)
 {
     std::vector<ifhtype> handles(count);
     for (uint32_t i = 0; i < count; ++i)
-        handles[i] = 0x01000080 + i;
+        handles[i] = 0x01000080 + first + i;
     return handles;
 }
 
@@ -68,10 +68,22 @@ create_job::create_job(uint32_t class_, uint32_t mtu_, uint32_t count_)
     }
 }
 
-provision_job::provision_job(uint32_t class_, uint32_t count_)
-    : class_id(class_), count(count_), handles(handles_of(count_)), data(count_)
+provision_job::provision_job(uint32_t class_, uint32_t count_, uint32_t first)
+    : class_id(class_), count(count_), handles(handles_of(count_, first)), data(count_)
 {
-    bytes_source source(count);
+    bytes_source source(first + count);
     for (l2vpn_ac_xcid_data_t &record : data)
         source.fill(&record, data_size_of(class_id));
+}
+
+uint32_t provision_job::acs_a_message(uint32_t class_id, uint32_t mtu)
+{
+    return static_cast<uint32_t>((mtu - L2VPN_AC_HDR_LEN) / (sizeof(ifhtype) + data_size_of(class_id)));
+}
+
+bool provision_job::is(uint32_t other_count, const ifhtype *other_handles,
+                       const l2vpn_ac_xcid_data_t *other_data) const
+{
+    return other_count == count && memcmp(other_handles, handles.data(), count * sizeof handles[0]) == 0 &&
+           memcmp(other_data, data.data(), count * sizeof data[0]) == 0;
 }

@@ -26,9 +26,14 @@ struct create_job {
     uint32_t acs_a_delete() const { return (mtu - L2VPN_AC_HDR_LEN) / 4; }
 };
 
-/* The ACs of one provision message, as the owner is to see them. */
+/* The ACs of one provision message, as the owner is to see them; `first` makes them others than another message's. */
 struct provision_job {
-    provision_job(uint32_t class_id, uint32_t count);
+    provision_job(uint32_t class_id, uint32_t count, uint32_t first = 0);
+
+    static uint32_t acs_a_message(uint32_t class_id, uint32_t mtu);
+
+    /* Exactly that was decoded. */
+    bool is(uint32_t count, const ifhtype *handles, const l2vpn_ac_xcid_data_t *data) const;
 
     uint32_t class_id;
     uint32_t count;
