@@ -93,7 +93,8 @@ def judged(run):
         yield "growth of create's cost of an AC / memcpy's", "1,000,000", library / memcpy, GROWTH, MEMORY
     for figure in run.all.get("process", []):
         if figure["acs"] == STORED:
-            ratio = figure["store_cpu_ms"] / figure["send_cpu_ms"]
+            create = figure["requests"][0]
+            ratio = create["store_cpu_ms"] / create["send_cpu_ms"]
             yield "l2vpnd stores a create / the owner sends it", f"{STORED:,}", ratio, STORE_LIMIT, STORE
     figures = stored_instructions()
     for name, limit in INSTRUCTIONS:

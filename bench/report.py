@@ -99,13 +99,18 @@ def spread(entry, acs):
     return f"{entry['p10'] / acs:.1f} to {entry['p90'] / acs:.1f}"
 
 
+# Of each kind of job: what the others are compared with.
+BASES = {"create": "library", "update": "library", "delete": "library", "provision": "library",
+         "provisions": "library", "provisions received": "library and recv"}
+
+
 def ratio_tables(run):
-    for operation in ("create", "update", "delete", "provision"):
-        jobs = {job: what for job, what in run.jobs.items() if job[0] == operation and "library" in what}
-        others = list(dict.fromkeys(name for what in jobs.values() for name in what if name != "library"))
+    for operation, base in BASES.items():
+        jobs = {job: what for job, what in run.jobs.items() if job[0] == operation}
+        others = list(dict.fromkeys(name for what in jobs.values() for name in what if name != base))
         rows = []
         for (_, class_id, mtu, acs), what in sorted(jobs.items()):
-            library = what["library"]
+            library = what[base]
             rows.append([f"class {class_id}, MTU {mtu:,}, {acs:,} ACs", f"{library['ns'] / acs:.1f}",
                          spread(library, acs)] +
                         [number(library["ns"] / what[name]["ns"]) if name in what else "" for name in others])
@@ -123,22 +128,36 @@ def owners_text(run):
                "beside their arrays.")
 
 
-def process_text(run):
-    for figure in run.all.get("process", []):
-        yield (f"{figure['acs']:,} ACs of class 0 to l2vpnd: the owner's create took "
-               f"{figure['send_ms']:.0f} ms, of which {figure['send_cpu_ms']:.0f} ms of its own; the process needed "
-               f"{figure['store_cpu_ms']:.0f} ms of its own ({figure['store_user_ms']:.0f} in the program, "
-               f"{figure['store_system_ms']:.0f} in the kernel), and {figure['bytes_per_ac']:.0f} bytes an AC.")
+def process_table(run):
+    """Requests to l2vpnd, of one owner and of many."""
+    def ms(time):
+        return f"{time:,.0f}" if time >= 10 else f"{time:.1f}"
+
+    rows = []
+    for figure in run.all.get("process", []) + run.all.get("crowd", []):
+        by = f"{figure['owners']} owners, {figure['acs']:,} each" if "owners" in figure else f"{figure['acs']:,}"
+        for of in figure["requests"]:
+            times = [of[f"{what}_ms"] for what in ("send_cpu", "store_cpu", "store_user", "store_system")]
+            rows.append([f"{of['what']}, {by}", ms(of["send_ms"]), ms(of.get("longest_ms", of["send_ms"])),
+                         *map(ms, times), f"{of['owner_mib']:.1f}", f"{of['before_mib']:.0f}",
+                         f"{of['after_mib']:.0f}"])
+    return table(["requests to l2vpnd", "all took, ms", "the longest", "owners' own", "l2vpnd's own", "in the program",
+                  "in the kernel", "an owner's MiB", "l2vpnd's before", "after"], rows)
 
 
 def measured(run):
     parts = ["Measured on: " + machine_text(run), "### Goals", goals_table(run), "### Ratios",
              "The library's time divided by that of what a column names; below 1 the library is faster. Times "
-             "are lower quartiles of the thread's own time, the spread is the library's."]
+             "are lower quartiles of the thread's own time, the spread is the library's. Of *provisions received* "
+             "all columns, the library's, too, have each message received first."]
     for text in ratio_tables(run):
         parts.append(text)
     parts += ["### Small requests", pieces_table(run)]
-    scale = list(owners_text(run)) + list(process_text(run)) + list(ring_text(run))
+    scale = list(owners_text(run)) + list(ring_text(run))
+    if "process" in run.all:
+        scale += ["Requests of class 0 to l2vpnd, of one owner and of many at once, each a process of its own: until "
+                  "all have returned, the longest of them, and the processors' time of all owners and of l2vpnd. An "
+                  "owner's memory is the most that it ever took beside its arrays.", process_table(run)]
     if scale:
         parts += ["### Scale"] + scale
     return "\n\n".join(parts)
