@@ -157,7 +157,7 @@ def measured(run):
     if "process" in run.all:
         scale += ["Requests of class 0 to l2vpnd, of one owner and of many at once, each a process of its own: until "
                   "all have returned, the longest of them, and the processors' time of all owners and of l2vpnd. An "
-                  "owner's memory is the most that it ever took beside its arrays.", process_table(run)]
+                  "owner's memory is the most that it took beside its arrays.", process_table(run)]
     if scale:
         parts += ["### Scale"] + scale
     return "\n\n".join(parts)
