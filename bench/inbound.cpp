@@ -10,6 +10,9 @@
 #include "results.h"
 #include "rival.h"
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
