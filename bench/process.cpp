@@ -111,11 +111,13 @@ try {
     if (argc == 4) {
         char *end = nullptr;
         acs = strtol(argv[2], &end, 10);
-        if (*end == 'x') {
+        const bool many = *end == 'x';
+        if (many) {
             owners = acs;
             acs = strtol(end + 1, &end, 10);
         }
-        if (*end != '\0' || owners < 0 || owners > owners_max || acs > acs_max / std::max(owners, 1L))
+        if (*end != '\0' || (many && (owners < 1 || owners > owners_max)) ||
+            acs > acs_max / std::max(owners, 1L))
             acs = 0;
     }
     if (acs < 1)
