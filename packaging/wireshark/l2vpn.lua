@@ -1,6 +1,10 @@
 -- Wireshark's dissector for recorded L2VPN messages (link type 147, LINKTYPE_USER0): what l2vpnctl capture writes.
 -- To be put into Wireshark's folder of personal or global Lua plugins, or used with -X lua_script:l2vpn.lua.
 
+-- Installed for everybody and for one user, or named beside: the first one is enough.
+local found, known = pcall(Dissector.get, "l2vpn")
+if found and known then return end
+
 local l2vpn = Proto("l2vpn", "L2VPN attachment circuits")
 
 local head_length = 64

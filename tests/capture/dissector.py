@@ -8,6 +8,7 @@ has the name and the value that l2vpnctl monitor shows for it.
 import json
 import os
 import re
+import shutil
 import struct
 import subprocess
 import sys
@@ -56,17 +57,31 @@ def monitor(program, packets):
     return [json.loads(line) for line in run.stdout.splitlines()]
 
 
-def dissect(lua, packets):
+def tshark(home, *arguments):
+    environment = dict(os.environ, HOME=home, XDG_CONFIG_HOME=home, TZ="UTC")
+    run = subprocess.run(["tshark", *arguments], env=environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                         timeout=120, check=False)
+    if run.returncode != 0 or b"Lua:" in run.stderr:
+        raise SystemExit(f"tshark failed: {run.stderr.decode()}")
+    return run.stdout
+
+
+def install(lua, home):
+    """Puts the dissector where a user would."""
+    shown = dict(re.findall(r"^([^:\n]+):\s*(.*)$", tshark(home, "-G", "folders").decode(), re.MULTILINE))
+    everybodys = Path(shown["Global Lua Plugins"]) / "l2vpn.lua"
+    if everybodys.exists() and everybodys.read_bytes() != Path(lua).read_bytes():
+        raise SystemExit(f"{everybodys} is another dissector than {lua}, and would be loaded first: it has to go")
+    personal = Path(shown["Personal Lua Plugins"])
+    personal.mkdir(parents=True)
+    shutil.copy(lua, personal)
+
+
+def dissect(home, packets, *more):
     """A list of message elements of tshark's PDML, one a packet."""
-    with tempfile.TemporaryDirectory() as folder:
-        path = write_file(folder, packets)
-        environment = dict(os.environ, HOME=folder, XDG_CONFIG_HOME=folder, TZ="UTC")
-        run = subprocess.run(["tshark", "-X", f"lua_script:{lua}", "-r", path, "-T", "pdml"], env=environment,
-                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120, check=False)
-        if run.returncode != 0 or b"Lua:" in run.stderr:
-            raise SystemExit(f"tshark failed: {run.stderr.decode()}")
+    out = tshark(home, *more, "-r", write_file(home, packets), "-T", "pdml")
     found = []
-    for shown in xml.etree.ElementTree.fromstring(run.stdout).iter("packet"):
+    for shown in xml.etree.ElementTree.fromstring(out).iter("packet"):
         (proto,) = [p for p in shown.findall("proto") if p.get("name") == "l2vpn"]
         found.append(proto)
     return found
@@ -244,7 +259,12 @@ def has(proto, name):
 
 
 def main():
-    lua, folder, l2vpnctl = sys.argv[1:]
+    with tempfile.TemporaryDirectory() as home:
+        return check(home, *sys.argv[1:])
+
+
+def check(home, lua, folder, l2vpnctl):
+    install(lua, home)
     faults = []
     files = sorted(Path(folder).glob("*.hex"))
     cases = []
@@ -252,35 +272,36 @@ def main():
         lines = list(golden_lines(path))
         of_class = re.search(r"class_(\d+)$", path.stem)
         cases.append((path.stem, lines, packet(int(of_class[1]) if of_class else 0, b"".join(d for _, d in lines))))
-    for (name, lines, _), proto in zip(cases, dissect(lua, [case[2] for case in cases]), strict=True):
+    for (name, lines, _), proto in zip(cases, dissect(home, [case[2] for case in cases]), strict=True):
         faults.append(check_message(name, lines, proto))
     packets = [case[2] for case in cases]
-    for (name, _, _), row, proto in zip(cases, monitor(l2vpnctl, packets), dissect(lua, packets), strict=True):
+    for (name, _, _), row, proto in zip(cases, monitor(l2vpnctl, packets), dissect(home, packets), strict=True):
         one, other = monitored_fields(row), dissected_fields(proto)
         faults.extend(f"{name}: {field} is {one.get(field)} in the monitor and {other.get(field)} in the dissector"
                       for field in sorted(one.keys() | other.keys()) if one.get(field) != other.get(field))
 
-    for name, proto in zip(MALFORMED, dissect(lua, list(MALFORMED.values())), strict=True):
+    for name, proto in zip(MALFORMED, dissect(home, list(MALFORMED.values())), strict=True):
         if any(int(leaf.get("pos")) >= HEAD + 16 for leaf in leaves(proto)):
             faults.append(f"{name}: misread")
 
     for cases_of, is_wrong in ((MALFORMED, True), (NAMES_NO_AC, True), (SOUND, False)):
         messages = list(cases_of.values())
-        for name, row, proto in zip(cases_of, monitor(l2vpnctl, messages), dissect(lua, messages), strict=True):
+        for name, row, proto in zip(cases_of, monitor(l2vpnctl, messages), dissect(home, messages), strict=True):
             for program, marks in (("the monitor", "malformed" in row), ("the dissector", has(proto, "l2vpn.malformed"))):
                 if marks != is_wrong:
                     faults.append(f"{name}: {program} {'marks it' if marks else 'does not mark it'}")
             if cases_of is NAMES_NO_AC and (not row["records"] or not has(proto, "l2vpn.ac.handle")):
                 faults.append(f"{name}: its ACs are not shown")
 
-    for (name, (_, wanted)), proto in zip(FLAGS.items(), dissect(lua, [case[0] for case in FLAGS.values()]),
+    for (name, (_, wanted)), proto in zip(FLAGS.items(), dissect(home, [case[0] for case in FLAGS.values()]),
                                           strict=True):
         if flags_of(proto) != wanted:
             faults.append(f"{name}: flags {flags_of(proto)}, not {wanted}")
 
     delete = words(3, 6, 3, 0x30, 0x11, 0x12, 0x13)
-    cut, other, failed = dissect(lua, [packet(0, delete, kept=24), packet(0, delete, version=2),
-                                       packet(0, delete, status=32)])
+    # Loaded twice: installed, and named beside.
+    cut, other, failed = dissect(home, [packet(0, delete, kept=24), packet(0, delete, version=2),
+                                        packet(0, delete, status=32)], "-X", f"lua_script:{lua}")
     if has(cut, "l2vpn.malformed") or [leaf.get("show") for leaf in leaves(cut)][-2:] != ["0x00000011", "0x00000012"]:
         faults.append("a message that was cut is not shown as far as it goes")
     if has(other, "l2vpn.type") or not has(other, "l2vpn.expert.version"):
