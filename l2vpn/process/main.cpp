@@ -138,7 +138,8 @@ std::string control_path(const std::string &service_path)
  * same: what is wrong has its line. */
 void start_capture(const program_options &options)
 {
-    if (platform_capture_set(options.capture.c_str(), options.capture_size, 0) != EOK) {
+    const char *where = options.capture_asked ? options.capture.c_str() : "default";
+    if (platform_capture_set(where, options.capture_size, 0) != EOK) {
         return;
     }
     const char *path = platform_capture_path();

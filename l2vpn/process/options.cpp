@@ -130,6 +130,7 @@ void parse(CLI::App &app, int argc, char **argv, program_options &options)
 {
     describe(app, options);
     app.parse(argc, argv);
+    options.capture_asked = app.count("--capture") + app.count("--capture-size") > 0;
     options.has_file = app.get_config_ptr()->count() > 0;
 }
 

@@ -7,12 +7,14 @@
 #include "ring_reader.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <map>
 #include <platform/config.h>
 #include <platform/event_loop.h>
@@ -27,18 +29,30 @@
 
 /* These take the C library's places, so that a test can have a disk that is full, or nearly so. */
 namespace {
-int s_allocation_result = 0;
+constexpr int always = INT_MAX;
+int s_full = 0; /* so many times it is */
 bool s_nearly_full = false;
 /* What was asked of the disk, by children, too: how much it has taken is not told by every file system. */
-off_t *const s_asked = static_cast<off_t *>(
-    mmap(nullptr, sizeof(off_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+struct allocation {
+    off_t size;
+    uint64_t files; /* in its folder, itself among them */
+};
+allocation *const s_asked = static_cast<allocation *>(
+    mmap(nullptr, sizeof(allocation), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+uint64_t files_beside(int fd)
+{
+    namespace fs = std::filesystem;
+    const fs::path file = fs::read_symlink("/proc/self/fd/" + std::to_string(fd));
+    const fs::directory_iterator folder(file.parent_path());
+    return static_cast<uint64_t>(std::distance(begin(folder), end(folder)));
+}
 } // namespace
 extern "C" __attribute__((visibility("default"))) int posix_fallocate(int fd, off_t offset, off_t length)
 {
     using function = int (*)(int, off_t, off_t);
-    *s_asked = offset == 0 ? length : 0;
-    return s_allocation_result != 0
-               ? s_allocation_result
+    *s_asked = {offset == 0 ? length : 0, files_beside(fd)};
+    return s_full > 0 && s_full-- > 0
+               ? ENOSPC
                : reinterpret_cast<function>(dlsym(RTLD_NEXT, "posix_fallocate"))(fd, offset, length);
 }
 extern "C" __attribute__((visibility("default"))) int statvfs(const char *path, struct statvfs *about)
@@ -104,11 +118,25 @@ private:
     }
 };
 
+/* It has the ring that a server has by default. */
+class server : public process_test::forked_owner {
+public:
+    explicit server(const std::string &runtime_dir, const char *where = "default")
+        : forked_owner([&](int to) {
+              dup2(to, STDERR_FILENO);
+              setenv("L2VPN_RUNTIME_DIR", runtime_dir.c_str(), 1);
+              dprintf(to, "%s\n", qerr_strerror(platform_capture_set(where, 4096, 0)));
+              close(STDERR_FILENO);
+          })
+    {
+    }
+};
+
 class owner_rings : public testing::Test {
 protected:
     ~owner_rings() override
     {
-        s_allocation_result = 0;
+        s_full = 0;
         s_nearly_full = false;
     }
 
@@ -121,7 +149,7 @@ protected:
         return found;
     }
 
-    static std::string ring_of(const owner &of)
+    static std::string ring_of(const process_test::forked_owner &of)
     {
         return std::string(program_invocation_short_name) + "-" + std::to_string(of.pid()) + ".ring";
     }
@@ -169,7 +197,7 @@ TEST_F(owner_rings, are_there_unless_told_otherwise_and_have_the_size_that_is_sa
     struct stat about {};
     ASSERT_EQ(stat(m_dir.file(ring_of(one)).c_str(), &about), 0);
     EXPECT_EQ(static_cast<uintmax_t>(about.st_size), default_size);
-    EXPECT_EQ(static_cast<uintmax_t>(*s_asked), default_size) << "a full disk shows now";
+    EXPECT_EQ(static_cast<uintmax_t>(s_asked->size), default_size) << "a full disk shows now";
     EXPECT_EQ(about.st_mode & 0777, 0600U);
 }
 
@@ -210,6 +238,7 @@ TEST_F(owner_rings, of_processes_that_ended_do_not_pile_up)
         owner one(m_dir.path());
         latest = ring_of(one);
         EXPECT_LE(files().size(), 3U) << "its own, and two";
+        EXPECT_LE(s_asked->files, 3U) << "nor while it is made";
     }
     EXPECT_TRUE(files().contains(latest)) << "the newest stays";
 }
@@ -247,7 +276,7 @@ TEST_F(owner_rings, that_were_never_finished_are_removed_and_nothing_else_is)
 
 TEST_F(owner_rings, take_nothing_of_a_full_disk)
 {
-    s_allocation_result = ENOSPC;
+    s_full = always;
     expect_none();
     expect_told("No space left on device");
     EXPECT_THAT(files(), IsEmpty());
@@ -259,6 +288,40 @@ TEST_F(owner_rings, take_a_sixty_fourth_of_what_is_free_at_most_unless_they_are_
     expect_none();
     const owner asked(m_dir.path(), {{"L2VPN_CAPTURE", "on"}});
     EXPECT_THAT(files(), ElementsAre(ring_of(asked)));
+}
+
+TEST_F(owner_rings, of_a_process_that_ended_make_room_for_a_new_one)
+{
+    make_dead();
+    const std::string older = std::string(program_invocation_short_name) + "-" + m_dead_pid + ".ring.1";
+    leave_dead(older);
+    fs::last_write_time(m_dir.file(older), fs::file_time_type::min());
+    s_full = 1;
+    const owner one(m_dir.path());
+    EXPECT_THAT(files(), testing::UnorderedElementsAre(m_dead, ring_of(one))) << "the oldest has gone";
+}
+
+TEST_F(owner_rings, of_servers_leave_as_much_free_as_they_can_take)
+{
+    {
+        const server one(m_dir.path());
+        EXPECT_THAT(files(), ElementsAre(ring_of(one))) << one.said();
+    }
+    s_nearly_full = true;
+    {
+        const server other(m_dir.path());
+        EXPECT_THAT(files(), testing::Contains(ring_of(other))) << "what has ended can go: " << other.said();
+    }
+    for (const std::string &file : files()) {
+        fs::remove(m_dir.file(file));
+    }
+    const server none(m_dir.path());
+    EXPECT_THAT(files(), IsEmpty());
+    EXPECT_EQ(none.said(), "l2vpn: no capture ring: " + m_dir.path() +
+                               ": not 4 times the 4096 KiB that it takes are free\n"
+                               "No space left on device\n");
+    const server asked(m_dir.path(), "on");
+    EXPECT_THAT(files(), ElementsAre(ring_of(asked))) << asked.said();
 }
 
 TEST_F(owner_rings, make_no_directory_that_is_not_there)

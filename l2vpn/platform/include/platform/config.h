@@ -61,11 +61,12 @@ const char *platform_trace_path(void);
 
 /*
  * Has a server keep its latest messages in a ring of `size_kib` KiB (64 to 1048576), `snap` bytes of each (0: all
- * of it, as far as a quarter of the ring takes it). `where` is off, on or a path, as L2VPN_CAPTURE. Owners
- * have the environment variable.
+ * of it, as far as a quarter of the ring takes it). `where` is off, on or a path, as L2VPN_CAPTURE, or default: on
+ * where 4 times the ring's size is free in the runtime directory, or taken by those of its processes that have
+ * ended. Owners have the environment variable.
  *
- * EOK; EINVAL: none of these; others as platform_trace_set(), with a line on standard error. A ring that was in
- * use stays mapped until the process ends. A forked child has no ring. Any thread.
+ * EOK; EINVAL: none of these; ENOSPC: so much is not free; others as platform_trace_set(), with a line on standard
+ * error. A ring that was in use stays mapped until the process ends. A forked child has no ring. Any thread.
  */
 qerrno platform_capture_set(const char *where, uint32_t size_kib, uint32_t snap);
 

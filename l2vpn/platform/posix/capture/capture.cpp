@@ -35,8 +35,11 @@ namespace {
 constexpr std::size_t dead_rings_kept = 2; /* of one name */
 constexpr std::size_t all_dead_rings_kept = 32;
 
-/* A ring that nobody asked for takes no more than this part of what is free: any number of them fills no disk. */
-constexpr std::uint64_t part_of_free_space = 64;
+/* A ring that nobody asked for is made where so many times its size is free. Owners are any number, and fill no disk;
+ * of servers there is one, whose dead rings are among those. */
+constexpr std::uint64_t free_for_owners = 64;
+constexpr std::uint64_t free_for_servers = 4;
+static_assert(free_for_servers > dead_rings_kept + 1);
 
 struct switchboard {
     std::mutex lock;
@@ -85,12 +88,31 @@ void replace(std::unique_ptr<ring> next)
     }
 }
 
+bool has_room(const std::string &directory, std::uint64_t size)
+{
+    struct statvfs about {};
+    return ::statvfs(directory.c_str(), &about) == 0 && about.f_bavail * about.f_frsize >= size;
+}
+
+/* Of processes that have ended: how many of this one's name are left. */
+std::size_t remove_dead_rings(std::size_t keep)
+{
+    const std::string &directory = platform_posix::config().runtime_dir;
+    (void)trace::remove_dead(directory, "", all_dead_rings_kept, trace::ring_file);
+    return trace::remove_dead(directory, program_invocation_short_name, keep, trace::ring_file);
+}
+
+bool is_own_place(std::string_view where)
+{
+    return where == "on" || where == "default";
+}
+
 /* With the lock held. A directory for a place of its own is there. */
 qerrno open_ring(const std::string &where, observer by, std::uint64_t size, std::uint32_t snap,
                  std::string &problem)
 {
     using platform_posix::config;
-    const bool own_place = where == "on";
+    const bool own_place = is_own_place(where);
     const std::string path =
         own_place
             ? trace::path_of_process(config().runtime_dir, program_invocation_short_name, trace::ring_file)
@@ -100,14 +122,19 @@ qerrno open_ring(const std::string &where, observer by, std::uint64_t size, std:
     if (const ring *current = in_use.load(); current != nullptr && current->path() == path) {
         replace(nullptr); /* it becomes the predecessor */
     }
+    const std::size_t dead = own_place ? remove_dead_rings(dead_rings_kept) : 0;
+    if (where == "default" && !has_room(config().runtime_dir, size * (free_for_servers - dead))) {
+        problem = config().runtime_dir + ": not " + std::to_string(free_for_servers) + " times the " +
+                  std::to_string(size / 1024) + " KiB that it takes are free";
+        return ENOSPC;
+    }
     opened = ring::create(path, by, size, snap, cause, problem);
+    if (opened == nullptr && cause == ENOSPC && dead > 0) {
+        (void)remove_dead_rings(dead - 1);
+        opened = ring::create(path, by, size, snap, cause, problem);
+    }
     if (opened == nullptr) {
         return cause;
-    }
-    if (own_place) {
-        trace::remove_dead(config().runtime_dir, program_invocation_short_name, dead_rings_kept,
-                           trace::ring_file);
-        trace::remove_dead(config().runtime_dir, "", all_dead_rings_kept, trace::ring_file);
     }
     replace(std::move(opened));
     return EOK;
@@ -119,7 +146,7 @@ qerrno open_or_say(const char *where, observer by, std::uint32_t size_kib, std::
     std::string problem;
     qerrno status = ENOMEM;
     try {
-        status = std::string_view(where) == "on" ? platform_posix::make_runtime_dir(problem) : qerrno{EOK};
+        status = is_own_place(where) ? platform_posix::make_runtime_dir(problem) : qerrno{EOK};
         if (status == EOK) {
             status = open_ring(where, by, std::uint64_t{size_kib} * 1024, snap, problem);
         }
@@ -133,13 +160,6 @@ qerrno open_or_say(const char *where, observer by, std::uint32_t size_kib, std::
     return status;
 }
 
-bool has_room(const std::string &directory, std::uint64_t size)
-{
-    struct statvfs about {};
-    return ::statvfs(directory.c_str(), &about) == 0 &&
-           about.f_bavail * about.f_frsize >= size * part_of_free_space;
-}
-
 /* A ring that nobody asked for: it takes no directory that is not there, and no space that is wanted elsewhere, and
  * where there cannot be one nobody is told. With the lock held. False: there may be one later. */
 bool open_by_default(const platform_posix::configuration &config) noexcept
@@ -147,7 +167,7 @@ try {
     const std::uint64_t size = std::uint64_t{config.capture_size_kib} * 1024;
     std::string problem;
     const qerrno status = platform_posix::check_runtime_dir(problem);
-    if (status == EOK && has_room(config.runtime_dir, size)) {
+    if (status == EOK && has_room(config.runtime_dir, size * free_for_owners)) {
         (void)open_ring("on", observer::owner, size, config.capture_snap, problem);
     }
     return status != ENOENT;
@@ -225,7 +245,7 @@ qerrno platform_capture_set(const char *where, uint32_t size_kib, uint32_t snap)
         replace(nullptr);
         return EOK;
     }
-    if (place != "on" && place.find('/') == std::string_view::npos) {
+    if (!is_own_place(place) && place.find('/') == std::string_view::npos) {
         return EINVAL;
     }
     return open_or_say(where, observer::process, size_kib, snap);

@@ -173,7 +173,7 @@ qerrno open_ring(std::string path)
         return cause;
     }
     if (own_place) {
-        remove_dead(config().runtime_dir, program_invocation_short_name, dead_traces_kept, trace_file);
+        (void)remove_dead(config().runtime_dir, program_invocation_short_name, dead_traces_kept, trace_file);
     }
     handle_aborts();
     replace_ring(std::move(opened));

@@ -229,8 +229,8 @@ std::string path_of_process(const std::string &directory, std::string_view progr
            std::string(kind.name_end);
 }
 
-void remove_dead(const std::string &directory, std::string_view program, std::size_t keep,
-                 const file_kind &kind)
+std::size_t remove_dead(const std::string &directory, std::string_view program, std::size_t keep,
+                        const file_kind &kind)
 {
     namespace fs = std::filesystem;
     std::error_code failed;
@@ -243,7 +243,8 @@ void remove_dead(const std::string &directory, std::string_view program, std::si
         if (!about) {
             continue;
         }
-        const bool ended = has_ended(about->pid);
+        /* Where pids begin anew, one before this one had its pid, too. */
+        const bool ended = about->pid == ::getpid() || has_ended(about->pid);
         if (ended && about->behind.size() == temporary_end.size() && about->behind.starts_with('.')) {
             remove_half_made(path);
         }
@@ -260,6 +261,7 @@ void remove_dead(const std::string &directory, std::string_view program, std::si
     for (std::size_t index = keep; index < dead.size(); ++index) {
         ::unlink(dead[index].second.c_str());
     }
+    return std::min(keep, dead.size());
 }
 
 mapped_file make_mapped(const file_kind &kind, const std::string &path, std::size_t size,
