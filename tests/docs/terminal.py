@@ -83,8 +83,8 @@ class Terminal:
         for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
             try:
                 group = stat.read_text(errors="replace").rpartition(")")[2].split()[2]
-            except (FileNotFoundError, ProcessLookupError):
-                continue  # it has just ended
+            except (FileNotFoundError, PermissionError, ProcessLookupError):
+                continue  # it has just ended, or is another user's
             if int(group) == self.shell.pid:
                 found.append(int(stat.parent.name))
         return [pid for pid in found if pid != self.shell.pid]

@@ -146,7 +146,9 @@ TEST_F(service_test, refuses_what_it_cannot_serve_on_in_one_line)
     EXPECT_EQ(refused({links.fd(), more_links.fd()}),
               "l2vpnd: descriptor 4, which was passed in, is one too many of its kind\n");
 
-    const int nowhere = fcntl(socket(AF_UNIX, SOCK_SEQPACKET, 0), F_DUPFD, 60);
+    const int first = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    const int nowhere = fcntl(first, F_DUPFD, 60);
+    close(first);
     sockaddr_un abstract{};
     abstract.sun_family = AF_UNIX; // the kernel chooses a name that is no path
     ASSERT_EQ(bind(nowhere, reinterpret_cast<const sockaddr *>(&abstract), sizeof abstract.sun_family), 0);

@@ -1,6 +1,7 @@
 """A browser without a window, spoken to by the WebDriver protocol: a page is opened, clicked, typed into, looked at."""
 
 import base64
+import contextlib
 import json
 import os
 import pathlib
@@ -76,7 +77,8 @@ class Browser:
         while self.still_running():
             if time.monotonic() > end:
                 for pid in self.still_running():
-                    os.kill(pid, signal.SIGKILL)
+                    with contextlib.suppress(ProcessLookupError):  # it has just ended
+                        os.kill(pid, signal.SIGKILL)
             time.sleep(0.02)
         self.driver.wait(PATIENCE)
 
