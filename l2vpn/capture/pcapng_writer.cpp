@@ -76,8 +76,9 @@ bool give_name(const std::string &from, const std::string &to, bool replace)
     return errno == EINVAL && ::link(from.c_str(), to.c_str()) == 0 && ::unlink(from.c_str()) == 0;
 }
 
-pcapng_writer::pcapng_writer(const std::string &path, bool replace, std::string_view program)
-    : path_(path), replace_(replace)
+pcapng_writer::pcapng_writer(const std::string &path, bool replace, std::string_view program,
+                             asked is_stopped)
+    : path_(path), replace_(replace), is_stopped_(is_stopped)
 {
     struct stat there {};
     if (!replace && ::lstat(path.c_str(), &there) == 0) {
@@ -85,7 +86,7 @@ pcapng_writer::pcapng_writer(const std::string &path, bool replace, std::string_
         refuse();
     }
     if (::stat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) {
-        file_.reset(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+        open_stream();
     } else {
         std::string name = path + ".XXXXXX";
         file_.reset(::mkostemp(name.data(), O_CLOEXEC));
@@ -93,7 +94,7 @@ pcapng_writer::pcapng_writer(const std::string &path, bool replace, std::string_
             temporary_ = name;
         }
     }
-    if (!file_) {
+    if (!file_ && !given_up_) {
         refuse();
     }
     block head(section_header);
@@ -106,6 +107,15 @@ pcapng_writer::~pcapng_writer()
     if (!temporary_.empty()) {
         ::unlink(temporary_.c_str());
     }
+}
+
+/* Of a pipe, that takes as long as nobody reads. */
+void pcapng_writer::open_stream()
+{
+    do {
+        file_.reset(::open(path_.c_str(), O_WRONLY | O_CLOEXEC));
+        given_up_ = !file_ && errno == EINTR && is_stopped_();
+    } while (!file_ && errno == EINTR && !given_up_);
 }
 
 void pcapng_writer::place()
@@ -162,11 +172,13 @@ void pcapng_writer::add_statistics(std::uint32_t interface, std::uint64_t receiv
 
 void pcapng_writer::flush()
 {
-    for (std::string_view left = out_; !left.empty();) {
+    for (std::string_view left = out_; !left.empty() && !given_up_;) {
+        const bool was_stopped = is_stopped_(); /* a while ago: whoever reads has had the time since */
         const ssize_t length = ::write(file_.get(), left.data(), left.size());
         if (length < 0 && errno != EINTR) {
             throw bad_file(std::string("cannot write: ") + ::strerrordesc_np(errno));
         }
+        given_up_ = length < 0 && was_stopped;
         left.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
     }
     written_ += out_.size();

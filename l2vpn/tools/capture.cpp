@@ -119,7 +119,7 @@ private:
 
     void open(bool replace)
     {
-        m_file = std::make_unique<pcapng_writer>(m_how.write, replace, "l2vpnctl " L2VPN_VERSION);
+        m_file = std::make_unique<pcapng_writer>(m_how.write, replace, "l2vpnctl " L2VPN_VERSION, is_stopped);
         for (const source_row &source : m_sources) {
             m_file->add_interface(source.name);
         }

@@ -71,7 +71,7 @@ private:
 
     const command_line &m_line;
     record_filter m_filter;
-    record_progress m_progress{progress_records}; /* of a choice that is seldom met */
+    record_progress m_progress{progress_records, true}; /* of a choice that is seldom met */
     uint64_t m_shown = 0;
 };
 
@@ -113,7 +113,9 @@ bool record_filter::takes(const captured &record)
     const reading message = read(record);
     /* Always looked at: names are learnt from records that are not wanted, too. */
     const bool of_ac = !by_ac || takes_ac(record, message);
-    return of_ac && (!m_choice.owner || *m_choice.owner == record.head.link) &&
+    return of_ac &&
+           (!m_choice.owner ||
+            (record.head.by == observer::process && *m_choice.owner == record.head.link)) &&
            (!m_choice.class_id || *m_choice.class_id == record.head.class_id) &&
            (!m_type || (message.row != nullptr && message.type == *m_type));
 }
@@ -121,7 +123,11 @@ bool record_filter::takes(const captured &record)
 void monitor(const command_line &line)
 {
     printer out(line);
-    read_recordings(line, out);
+    try {
+        read_recordings(line, out);
+    } catch (const interrupted &) {
+        return; /* as it ends otherwise */
+    }
 }
 
 } // namespace l2vpnctl

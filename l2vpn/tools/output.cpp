@@ -1,12 +1,14 @@
 #include "output.h"
 
-#include "control_link.h"
+#include "recordings.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdio_ext.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace l2vpnctl {
@@ -15,6 +17,10 @@ namespace {
 
 [[noreturn]] void cannot_write()
 {
+    if (errno == EINTR && is_stopped()) {
+        __fpurge(stdout); /* or the program's end would wait in its turn */
+        throw interrupted{exit_failed, "interrupted"};
+    }
     throw failure{exit_failed, std::string("cannot write to standard output: ") + strerror(errno)};
 }
 
@@ -49,7 +55,13 @@ style style_of(const std::string &colour)
     return how;
 }
 
-progress_line::progress_line() : m_is_terminal(isatty(STDERR_FILENO) == 1) {}
+progress_line::progress_line(bool prints_meanwhile) : m_is_terminal(isatty(STDERR_FILENO) == 1)
+{
+    struct stat about {};
+    if (prints_meanwhile && fstat(STDOUT_FILENO, &about) == 0) {
+        m_is_terminal = m_is_terminal && !S_ISFIFO(about.st_mode) && !S_ISSOCK(about.st_mode);
+    }
+}
 
 void progress_line::tell(const std::string &text)
 {

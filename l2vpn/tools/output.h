@@ -4,6 +4,7 @@
 #ifndef L2VPNCTL_OUTPUT_H
 #define L2VPNCTL_OUTPUT_H
 
+#include "control_link.h"
 #include "table.h"
 
 #include <cstdint>
@@ -11,7 +12,10 @@
 
 namespace l2vpnctl {
 
-/* Both throw failure. */
+/* It was asked to end while nobody took what it wrote. */
+struct interrupted : failure {};
+
+/* Both throw failure, interrupted among them. */
 void write_out(const std::string &text);
 void flush_out();
 
@@ -21,7 +25,8 @@ style style_of(const std::string &colour);
 /* How far long work is, in a line on standard error, where that is a terminal; gone when the work is. */
 class progress_line {
 public:
-    progress_line();
+    /* Of work that prints meanwhile: not where that goes to a pipe, whose reader may have the terminal. */
+    explicit progress_line(bool prints_meanwhile = false);
     ~progress_line() { clear(); }
     progress_line(const progress_line &) = delete;
     progress_line &operator=(const progress_line &) = delete;
@@ -37,7 +42,10 @@ private:
 class record_progress {
 public:
     /* It is told with so many more. */
-    explicit record_progress(uint64_t every) : m_every(every) {}
+    explicit record_progress(uint64_t every, bool prints_meanwhile = false)
+        : m_every(every), m_line(prints_meanwhile)
+    {
+    }
     void count()
     {
         if (++m_total % m_every == 0) {

@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <sys/stat.h>
 #include <tuple>
+#include <unistd.h>
 
 namespace l2vpnctl {
 
@@ -24,9 +25,11 @@ constexpr int look_again_ms = 20;
 
 volatile sig_atomic_t s_stopped = 0;
 
+/* And again: it may come just before a call that waits. */
 void on_signal(int)
 {
     s_stopped = 1;
+    alarm(1);
 }
 
 [[noreturn]] void refuse(const std::string &path, const std::string &why)
@@ -188,6 +191,7 @@ void stop_on_signals()
 {
     struct sigaction action {};
     action.sa_handler = on_signal;
+    sigaction(SIGALRM, &action, nullptr);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction before {};
         sigaction(number, nullptr, &before);
@@ -225,6 +229,10 @@ bool is_same_record(const captured &one, const captured &other)
 
 bool is_ring(const std::string &path)
 {
+    struct stat about {};
+    if (stat(path.c_str(), &about) == 0 && !S_ISREG(about.st_mode) && !S_ISDIR(about.st_mode)) {
+        refuse(path, "not a file, and cannot be read more than once: write what comes from it to one");
+    }
     errno = 0;
     std::ifstream file(path, std::ios::binary);
     std::array<char, l2vpn::capture::ring_magic.size()> magic{};
