@@ -84,7 +84,14 @@ pcapng_source::pcapng_source(const std::string &path)
 const captured *pcapng_source::next()
 {
     if (!m_is_there && !m_is_over) {
-        m_is_there = m_reader.next(m_record, m_missing);
+        try {
+            m_is_there = m_reader.next(m_record, m_missing);
+        } catch (const l2vpn::capture::bad_file &bad) {
+            if (m_reader.summary().records == 0) {
+                throw;
+            }
+            m_damage = bad.what();
+        }
         m_is_over = !m_is_there;
     }
     return m_is_there ? &m_record : nullptr;
@@ -93,8 +100,8 @@ const captured *pcapng_source::next()
 std::string pcapng_source::fault() const
 {
     const l2vpn::capture::pcapng_summary read = m_reader.summary();
-    if (!read.ends_early.empty()) {
-        return read.ends_early;
+    if (!m_damage.empty() || !read.ends_early.empty()) {
+        return m_damage.empty() ? read.ends_early : m_damage;
     }
     return read.damaged + read.foreign == 0 ? ""
                                             : std::to_string(read.damaged) + " packets are damaged, " +

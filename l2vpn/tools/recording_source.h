@@ -94,6 +94,7 @@ private:
     uint64_t m_missing = 0;
     bool m_is_there = false;
     bool m_is_over = false;
+    std::string m_damage; /* where it ends, therefore */
 };
 
 } // namespace l2vpnctl

@@ -4,7 +4,9 @@
 #include "recorded.h"
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <sys/stat.h>
 
 using namespace process_test;
 namespace fs = std::filesystem;
@@ -202,6 +204,50 @@ TEST_F(recorded, a_capture_destroys_nothing)
     EXPECT_EQ(ask({"status"}).value("capture", ""), path) << "the process lives";
 }
 
+/* Of a pcapng file: where its packets begin. */
+static std::vector<size_t> packets_in(const std::string &content)
+{
+    std::vector<size_t> found;
+    for (size_t at = 0; at + 8 <= content.size();) {
+        uint32_t block[2]{}; /* its type and its length */
+        std::memcpy(block, &content[at], sizeof block);
+        if (block[0] == 6) {
+            found.push_back(at);
+        }
+        at += block[1];
+    }
+    return found;
+}
+
+TEST_F(recorded, what_is_sound_before_a_damaged_block_is_kept)
+{
+    const std::string path = make_history();
+    const std::string file = m_dir.file("x.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", path}).status, 0);
+    const std::vector<json> all = rows({"--read", file});
+    ASSERT_EQ(all.size(), 4U);
+    std::string content = system_test::read_file(file);
+    const std::vector<size_t> packets = packets_in(content);
+    ASSERT_EQ(packets.size(), 4U);
+    content[packets[3] - 1] ^= 1; /* the third one's second length */
+    const std::string damaged = m_dir.write("damaged.pcapng", content);
+    const std::string why =
+        "damaged.pcapng: damaged: the block at byte " + std::to_string(packets[2]) + " has two lengths";
+
+    const std::string kept = m_dir.file("kept.pcapng");
+    expect_one_line(ctl({"capture", "-w", kept, "--from-ring", damaged}), 1, why);
+    EXPECT_EQ(rows({"--read", kept}), std::vector<json>(all.begin(), all.begin() + 2));
+    const std::string both = m_dir.file("both.pcapng");
+    expect_one_line(ctl({"capture", "-w", both, "--from-ring", damaged, "--from-ring", path}), 1, why);
+    EXPECT_EQ(rows({"--read", both}).back(), all.back()) << "and all of the other one";
+
+    content[packets[1] - 1] ^= 1;
+    const std::string bad = m_dir.write("bad.pcapng", content);
+    const std::string none = m_dir.file("none.pcapng");
+    expect_one_line(ctl({"capture", "-w", none, "--from-ring", bad}), 1, "bad.pcapng: damaged: ");
+    EXPECT_FALSE(fs::exists(none)) << "where nothing is sound nothing is made";
+}
+
 TEST_F(recorded, what_is_no_file_is_never_renamed)
 {
     start({"--capture-size", "4096"});
@@ -251,6 +297,11 @@ TEST_F(recorded, bad_input_has_one_clear_line)
     expect_one_line(monitor({"--read", m_dir.file("none")}), 1, m_dir.file("none") + ": No such file");
     expect_one_line(monitor({"--read", text}), 1, text + ": not a pcapng file");
     expect_one_line(monitor({"--read", m_dir.path()}), 1, m_dir.path() + ": Is a directory");
+    const std::string pipe = m_dir.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    expect_one_line(monitor({"--read", pipe}), 1,
+                    pipe +
+                        ": not a file, and cannot be read more than once: write what comes from it to one");
     expect_one_line(monitor({"--type", "NONE"}), 2, "no message type 'NONE'");
     expect_one_line(monitor({"--class", "18"}), 2, "18");
     expect_one_line(monitor({"--history", "--read", text}), 2, "--history");
