@@ -104,6 +104,17 @@ function(l2vpn_unity target)
     endif()
 endfunction()
 
+# l2vpn_tool_code(TARGET [HEADERS...]): how a tool is compiled: the large headers once, and where a sanitizer looks on
+# without optimisation, for there a tool is compiled for longer than it runs.
+function(l2vpn_tool_code target)
+    if(ARGN)
+        target_precompile_headers(${target} PRIVATE ${ARGN})
+    endif()
+    if(L2VPN_SANITIZE)
+        target_compile_options(${target} PRIVATE -O0)
+    endif()
+endfunction()
+
 # l2vpn_test_code(TARGET): how code of tests is compiled. More often than it is run: no optimisation, and the
 # large headers once for all of them.
 function(l2vpn_test_code target)
@@ -112,7 +123,7 @@ function(l2vpn_test_code target)
         add_executable(l2vpn_test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cpp)
         target_link_libraries(l2vpn_test_headers PRIVATE l2vpn_build GTest::gmock GTest::gtest)
         target_compile_options(l2vpn_test_headers PRIVATE -O0 ${L2VPN_TEST_OPTIONS})
-        target_precompile_headers(l2vpn_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+        target_precompile_headers(l2vpn_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
     endif()
     target_compile_options(${target} PRIVATE -O0 ${L2VPN_TEST_OPTIONS})
     target_precompile_headers(${target} REUSE_FROM l2vpn_test_headers)
