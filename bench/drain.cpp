@@ -24,7 +24,8 @@ constexpr size_t message_max = 1u << 20;
 void fit_socket(int socket, size_t bytes)
 {
     const int room = static_cast<int>(std::max<size_t>(128u << 10, 4 * (bytes + 1024)));
-    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room) != 0)
+        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
 }
 
 drain::drain()

@@ -158,7 +158,7 @@ void measure_message(results &to, uint32_t class_id, uint32_t mtu, uint32_t data
         by.add(job, read);
         candidates.push_back({by.by->name(), [&] { by.decode(by.messages[0], read); }});
     }
-    to.take("provision", class_id, mtu, job.count, candidates, to.thorough() ? 3.0 : 0.7);
+    to.take("provision", class_id, mtu, job.count, candidates, to.seconds(job.count));
 }
 
 void measure_stream(results &to, uint32_t class_id, uint32_t mtu, uint32_t acs, double seconds)
@@ -239,8 +239,7 @@ void measure_inbound(results &to)
         {8, 9000, 10000, false},
     };
     for (const size &of : sizes) {
-        const double seconds = to.thorough() ? 3.0 : 0.7;
-        if (of.quick || to.thorough())
-            measure_stream(to, of.class_id, of.mtu, of.count, of.count > 100000 ? 2 * seconds : seconds);
+        if (to.wants(of.count, of.quick))
+            measure_stream(to, of.class_id, of.mtu, of.count, to.seconds(of.count));
     }
 }

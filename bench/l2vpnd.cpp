@@ -12,6 +12,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -78,6 +79,7 @@ process::process(const char *program) : id_(fork())
     if (id_ < 0)
         fail("fork: " + std::string(strerror(errno)));
     if (id_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM); /* whatever ends the benchmark */
         execl(program, program, "--max-acs", std::to_string(acs_max).c_str(), static_cast<char *>(nullptr));
         warn("%s", program);
         _exit(1);

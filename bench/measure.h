@@ -26,7 +26,7 @@ struct timing {
     size_t rounds;
 };
 
-/* Of each candidate, in their order. Takes about `seconds`; at least five rounds. */
+/* Of each candidate, in their order. Takes about `seconds`; at least eleven rounds. */
 std::vector<timing> measure(const std::vector<candidate> &candidates, double seconds);
 
 /* The thread's time so far, in nanoseconds. */

@@ -188,13 +188,12 @@ void measure_outbound(results &to, drain &socket)
     };
     const rivals all = all_rivals();
     for (const size &of : sizes) {
-        if (!of.quick && !to.thorough())
+        if (!to.wants(of.count, of.quick))
             continue;
         create_job job(of.class_id, of.mtu, of.count);
         if (of.count <= 300)
             verify(all, job);
-        const double seconds = to.thorough() ? 3.0 : 0.7;
-        measure_job(to, socket, all, job, of.count > 100000 ? 3 * seconds : seconds);
+        measure_job(to, socket, all, job, to.seconds(of.count));
     }
 }
 

@@ -45,7 +45,7 @@ std::string huge_pages()
 
 } // namespace
 
-results::results(bool thorough) : thorough_(thorough)
+results::results(effort by) : effort_(by)
 {
     getloadavg(&load_, 1);
 }
@@ -70,6 +70,13 @@ void results::take(const char *operation, uint32_t class_id, uint32_t mtu, uint3
     }
 }
 
+double results::seconds(uint32_t acs) const
+{
+    if (small())
+        return 0; /* the fewest rounds */
+    return (thorough() ? 3.0 : 0.7) * (acs > 100000 ? 3 : 1);
+}
+
 nlohmann::ordered_json results::finished() const
 {
     utsname system = {};
@@ -82,7 +89,7 @@ nlohmann::ordered_json results::finished() const
                       {"compiler", "g++ " __VERSION__},
                       {"huge_pages", huge_pages()},
                       {"load", load_},
-                      {"thorough", thorough_}};
+                      {"thorough", thorough()}};
     out.update(all_);
     return out;
 }

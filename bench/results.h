@@ -9,12 +9,22 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 
+/* Small: to see that all works; thorough: more jobs than usual, and longer. */
+enum class effort { small, usual, thorough };
+
 class results {
 public:
-    /* Thorough: more jobs, and longer. */
-    explicit results(bool thorough);
+    explicit results(effort by);
 
-    bool thorough() const { return thorough_; }
+    bool thorough() const { return effort_ == effort::thorough; }
+    bool small() const { return effort_ == effort::small; }
+
+    /* Whether a job of so many ACs is measured, usually or when thoroughly, and for how many seconds. */
+    bool wants(uint32_t acs, bool usually) const
+    {
+        return thorough() || (usually && (acs <= 300 || !small()));
+    }
+    double seconds(uint32_t acs) const;
 
     /* Measures candidates for a job, says so on standard error, and keeps the times. */
     void take(const char *operation, uint32_t class_id, uint32_t mtu, uint32_t acs,
@@ -26,7 +36,7 @@ public:
     nlohmann::ordered_json finished() const;
 
 private:
-    bool thorough_;
+    effort effort_;
     double load_ = 0; /* of the last minute, when it began */
     nlohmann::ordered_json all_ = nlohmann::ordered_json::object();
 };

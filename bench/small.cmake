@@ -1,0 +1,16 @@
+# Runs the benchmark's smallest jobs, and makes the tables of them.
+execute_process(COMMAND ${BENCH} --small ${OUT}/small.json RESULT_VARIABLE status ERROR_VARIABLE errors)
+if(NOT status EQUAL 0)
+    message(FATAL_ERROR "l2vpn_bench ended with ${status}: ${errors}")
+endif()
+file(WRITE ${OUT}/small_pieces.json "{\"benchmarks\": []}")
+execute_process(COMMAND ${PYTHON} -B ${CMAKE_CURRENT_LIST_DIR}/report.py ${OUT}/small.json ${OUT}/small_pieces.json
+    RESULT_VARIABLE status OUTPUT_VARIABLE tables ERROR_VARIABLE errors)
+if(NOT status EQUAL 0)
+    message(FATAL_ERROR "report.py ended with ${status}: ${errors}")
+endif()
+foreach(line "create / field by field +[|] +300 [|]" "class 0, MTU 65,536, 300 ACs" "provisions received")
+    if(NOT tables MATCHES "${line}")
+        message(FATAL_ERROR "no '${line}' in:\n${tables}")
+    endif()
+endforeach()
