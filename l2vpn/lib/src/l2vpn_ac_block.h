@@ -35,7 +35,8 @@ inline void l2vpn_ac_block_store(void *at, l2vpn_ac_block block)
 
 /*
  * SSE2 has no permutation of bytes, but reversed fields are made of what it has: the two bytes of each half
- * exchanged, then the halves of each eight bytes shuffled.
+ * exchanged, then the halves of each eight bytes shuffled. Multiplied by 256, a half has its bytes in the two halves of
+ * the product, where they come to be exchanged; a half that is to stay is multiplied by 1.
  */
 template <l2vpn_ac_block_pattern pattern>
 struct l2vpn_ac_block_steps {
@@ -55,27 +56,18 @@ struct l2vpn_ac_block_steps {
     {
         for (size_t i = 0; i < pattern.size(); ++i) {
             const size_t source = i / 8 * 8 + static_cast<size_t>(half(i / 2)) * 2;
-            if (!kept(i) && pattern[i] != source + 1 - i % 2)
+            if (kept(i) != kept(i ^ 1) || (!kept(i) && pattern[i] != source + 1 - i % 2))
                 return false;
         }
         return true;
     }
     static_assert(possible());
 
-    static constexpr bool keeps_some()
-    {
-        for (size_t i = 0; i < pattern.size(); ++i) {
-            if (kept(i))
-                return true;
-        }
-        return false;
-    }
-
-    static constexpr l2vpn_ac_block_pattern moved = [] {
-        l2vpn_ac_block_pattern mask{};
-        for (size_t i = 0; i < mask.size(); ++i)
-            mask[i] = kept(i) ? 0 : 0xff;
-        return mask;
+    static constexpr std::array<uint16_t, L2VPN_AC_BLOCK_SIZE / 2> factors = [] {
+        std::array<uint16_t, L2VPN_AC_BLOCK_SIZE / 2> result{};
+        for (size_t h = 0; h < result.size(); ++h)
+            result[h] = kept(2 * h) ? 1 : 256;
+        return result;
     }();
 };
 
@@ -83,11 +75,8 @@ template <l2vpn_ac_block_pattern pattern>
 inline l2vpn_ac_block l2vpn_ac_block_permute(l2vpn_ac_block block)
 {
     using steps = l2vpn_ac_block_steps<pattern>;
-    __m128i result = _mm_or_si128(_mm_slli_epi16(block, 8), _mm_srli_epi16(block, 8));
-    if constexpr (steps::keeps_some()) {
-        const __m128i moved = l2vpn_ac_block_load(steps::moved.data());
-        result = _mm_or_si128(_mm_and_si128(moved, result), _mm_andnot_si128(moved, block));
-    }
+    const __m128i factors = l2vpn_ac_block_load(steps::factors.data());
+    __m128i result = _mm_or_si128(_mm_mullo_epi16(block, factors), _mm_mulhi_epu16(block, factors));
     if constexpr (steps::low != steps::in_order)
         result = _mm_shufflelo_epi16(result, steps::low);
     if constexpr (steps::high != steps::in_order)
