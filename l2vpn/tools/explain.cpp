@@ -16,8 +16,10 @@
 #include "survey.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <sys/resource.h>
 
 namespace l2vpnctl {
 
@@ -113,14 +115,32 @@ process_answer explainer::ask_for_all() const
     return got;
 }
 
+/* Of a ring, or of one that a later ring of the same path has set aside: NAME.ring, NAME.ring.1. */
+bool is_ring_name(const fs::path &file)
+{
+    const std::string end = file.extension();
+    return end == ".ring" ||
+           (file.stem().extension() == ".ring" && end.size() == 2 && end[1] >= '1' && end[1] <= '9');
+}
+
+/* How many files may be open, but for some that are not rings. */
+size_t most_rings()
+{
+    constexpr rlim_t spare = 32;
+    rlimit files{};
+    const bool is_known = getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY;
+    return is_known ? files.rlim_cur - std::min(files.rlim_cur, spare) : SIZE_MAX;
+}
+
 /* The process's own, those of owners, who make them beside its socket, and those that were named. */
 void explainer::find_rings(const std::string &folder, const std::string &own)
 {
     std::vector<std::string> found;
     std::error_code error;
-    for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
-        if (entry.path().extension() == ".ring") {
-            found.push_back(entry.path());
+    for (fs::directory_iterator at(folder, error); !error && at != fs::directory_iterator();
+         at.increment(error)) {
+        if (is_ring_name(at->path())) {
+            found.push_back(at->path());
         }
     }
     std::ranges::sort(found);
@@ -128,6 +148,13 @@ void explainer::find_rings(const std::string &folder, const std::string &own)
         found.insert(found.begin(), own);
     }
     const std::vector<std::string> &named = m_line.recordings.also;
+    found = distinct(found);
+    const size_t most = most_rings();
+    if (const size_t kept = most - std::min(most, named.size()); found.size() > kept) {
+        m_out.note("recording:unreadable", found[kept] + " and " + std::to_string(found.size() - kept - 1) +
+                                               " others: " + strerror(EMFILE));
+        found.resize(kept);
+    }
     found.insert(found.end(), named.begin(), named.end());
     m_files = distinct(found);
     m_were_named = false;

@@ -54,6 +54,49 @@ TEST_F(explained, an_owner_s_ring_alone_tells_what_it_sent)
         << "the process knows more";
 }
 
+/* Where pids begin anew, a process that was started again has set the ring of the one before it aside. */
+TEST_F(explained, rings_that_were_set_aside_are_read_too)
+{
+    namespace fs = std::filesystem;
+    const std::string path = make_history();
+    kill_daemon();
+    const auto searched = [&] { return document({"0x11"})["searched"].size(); };
+    EXPECT_EQ(searched(), 1U);
+    fs::rename(path, path + ".2");
+    EXPECT_EQ(searched(), 1U);
+    fs::copy_file(path + ".2", path + ".1");
+    EXPECT_EQ(searched(), 2U);
+    for (const char *other : {".a1B2c3", ".1.gz", ".0"}) {
+        fs::copy_file(path + ".2", path + other);
+    }
+    fs::copy_file(path + ".2", m_dir.file("note.1"));
+    EXPECT_EQ(searched(), 2U) << "nothing else";
+}
+
+TEST_F(explained, more_rings_than_files_may_be_open_are_said)
+{
+    namespace fs = std::filesystem;
+    const std::string path = make_history();
+    constexpr int many = 100;
+    for (int i = 0; i < many; i++) {
+        fs::copy_file(path, m_dir.file("other-" + std::to_string(i) + ".ring"));
+    }
+    const auto with_limits = [&](const std::string &limits) {
+        const system_test::result done =
+            system_test::run("/bin/bash", {"-c", limits + " && exec " + system_test::binary("l2vpnctl") +
+                                                     " explain 0x11 --json --runtime-dir " + m_dir.path()});
+        EXPECT_EQ(done.status, 0) << done.err;
+        return json::parse(done.out);
+    };
+    const json raised = with_limits("ulimit -Sn 64");
+    EXPECT_EQ(raised["searched"].size(), many + 1U) << "as many as can be";
+    EXPECT_FALSE(has_note(raised, "recording:unreadable"));
+    const json limited = with_limits("ulimit -n 64");
+    EXPECT_TRUE(has_note(limited, "recording:unreadable"));
+    EXPECT_EQ(limited["searched"].size(), 32U);
+    EXPECT_FALSE(limited["now"].is_null()) << "what the process holds is told all the same";
+}
+
 /* As an owner has it that may not write to the process's folder. */
 TEST_F(explained, a_ring_elsewhere_is_read_beside_the_process)
 {
