@@ -155,6 +155,15 @@ json control_link::ask(const std::string &verb, const json &args,
                        const std::function<void(const json &row)> &row)
 {
     send(request_line(verb, args));
+    try {
+        return take_answer(row);
+    } catch (const json::exception &) {
+        broken(odd_answer);
+    }
+}
+
+json control_link::take_answer(const std::function<void(const json &row)> &row)
+{
     for (;;) {
         const json line = json::parse(read_line(), nullptr, false);
         if (!line.is_object()) {

@@ -32,6 +32,8 @@ struct failure {
 /* The control socket under a runtime directory; an empty one is the platform's default. */
 std::string control_path(const std::string &runtime_dir);
 
+constexpr const char *odd_answer = "its answer is not as it should be";
+
 class control_link {
 public:
     using clock = std::chrono::steady_clock;
@@ -45,14 +47,16 @@ public:
     /* Calls `row` for each row of the answer and returns its result. Throws failure, also when the process
      * refuses the request. */
     json ask(const std::string &verb, const json &args, const std::function<void(const json &row)> &row);
+    /* Throws failure: `why` is what is wrong with the process's answer. */
+    [[noreturn]] void broken(const std::string &why) const;
 
 private:
     [[nodiscard]] std::chrono::milliseconds time_left() const;
     void wait_for(short events);
     void send(const std::string &line);
     std::string read_line();
-    [[noreturn]] void broken(const std::string &why) const;
-
+    /* Throws json::exception, too. */
+    json take_answer(const std::function<void(const json &row)> &row);
     std::string m_path;
     std::chrono::milliseconds m_patience;
     clock::time_point m_deadline;

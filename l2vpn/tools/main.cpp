@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <sys/resource.h>
 
 using namespace l2vpnctl;
 
@@ -38,10 +39,31 @@ void ask_for_programs(control_link &link, const command_line &line)
     write_out((first ? head : "\n") + "],\"" + what.summary + "\":" + result.dump() + "}\n");
 }
 
+void ask(const command_line &line)
+{
+    control_link link(control_path(line.runtime_dir), line.patience);
+    try {
+        (line.as_json ? ask_for_programs : ask_for_people)(link, line);
+    } catch (const json::exception &) {
+        link.broken(odd_answer);
+    }
+}
+
+/* Of rings there can be many. */
+void allow_many_files()
+{
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    allow_many_files();
     try {
         command_line line;
         if (const auto status = read_command_line(argc, argv, line)) {
@@ -50,8 +72,7 @@ int main(int argc, char **argv)
         if (line.what.run != nullptr) {
             line.what.run(line);
         } else {
-            control_link link(control_path(line.runtime_dir), line.patience);
-            (line.as_json ? ask_for_programs : ask_for_people)(link, line);
+            ask(line);
         }
         flush_out();
         return exit_ok;

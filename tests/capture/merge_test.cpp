@@ -184,6 +184,24 @@ TEST_F(merged, both_ends_tell_of_the_same_messages_in_the_order_of_time_and_of_w
     }
 }
 
+/* Each observer counts links for itself: an owner's number is the process's. */
+TEST_F(merged, of_an_owner_is_what_the_process_recorded_of_it)
+{
+    start({"--capture-size", "1024"});
+    owner one(m_dir.path());
+    ASSERT_NE(one.ring(), "");
+    const std::string its = ring();
+    ASSERT_TRUE(is_killed_with_all_told());
+    one.end();
+    const std::vector<json> owners = rows({"--read", one.ring()});
+    ASSERT_EQ(owners.size(), messages + 1U);
+    ASSERT_EQ(owners[0]["link"], rows({"--read", its})[0]["owner"]) << "the same number, by chance";
+    const std::string number = owners[0]["link"].dump();
+    EXPECT_EQ(rows({"--read", its, "--owner", number}).size(), owners.size());
+    EXPECT_EQ(rows({"--read", one.ring(), "--owner", number}).size(), 0U);
+    EXPECT_EQ(rows({"--read", its, "--read", one.ring(), "--owner", number}).size(), owners.size());
+}
+
 TEST_F(merged, files_of_either_kind_are_read_together)
 {
     start({"--capture-size", "64"}); /* the beginning is lost */
