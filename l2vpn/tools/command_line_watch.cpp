@@ -91,7 +91,7 @@ void add_top(CLI::App &app, command_line &line)
         app.add_subcommand("top", "Show owners, rates, queues and retries, again and again")->fallthrough();
     verb->add_option("--interval", line.top.interval, "Seconds between two refreshes (1)")
         ->type_name("SECONDS")
-        ->check(CLI::Range(shortest, longest).description(""));
+        ->check(within(shortest, longest));
     CLI::Option *count = verb->add_option("--count", line.top.count, "End after so many refreshes")
                              ->type_name("N")
                              ->transform(l2vpnd::number(1, UINT64_MAX));

@@ -106,7 +106,9 @@ TEST_F(replay, every_bad_input_has_its_line)
     expect_refused({file, "--option", "mtu=4095"}, 4, "takes messages of 4095 bytes at most, and ");
     expect_refused({file, "--bisect", "--running"}, 2, "--bisect");
     expect_refused({file, "--bisect", "--against", file}, 2, "--bisect");
-    expect_refused({file, "--speed", "0"}, 2, "--speed");
+    for (const char *speed : {"0", "nan", "inf", "x", "1e10"}) {
+        expect_refused({file, "--speed", speed}, 2, "--speed");
+    }
     expect_refused({}, 2, "file");
 }
 

@@ -223,6 +223,10 @@ TEST_F(topped, bad_options_have_one_line)
 {
     for (const std::vector<std::string> &arguments : {std::vector<std::string>{"top", "--interval", "0"},
                                                       {"top", "--interval", "x"},
+                                                      {"top", "--interval", "nan"},
+                                                      {"top", "--interval", "inf"},
+                                                      {"top", "--interval", "0.0999"},
+                                                      {"top", "--interval", "3600.1"},
                                                       {"top", "--count", "0"},
                                                       {"top", "--once", "--count", "2"}}) {
         const system_test::result done = ctl(arguments);

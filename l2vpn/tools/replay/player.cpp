@@ -58,6 +58,11 @@ void make_room(int fd, uint32_t mtu)
     }
 }
 
+[[noreturn]] void cannot_wait()
+{
+    throw failure{exit_broken, std::string("cannot wait for links: ") + strerror(errno)};
+}
+
 } // namespace
 
 player::player(std::string control, const std::vector<captured> &records, std::chrono::milliseconds patience)
@@ -65,7 +70,7 @@ player::player(std::string control, const std::vector<captured> &records, std::c
       m_patience(patience), m_mtu(longest(records)), m_epoll(epoll_create1(EPOLL_CLOEXEC))
 {
     if (m_epoll.get() < 0) {
-        throw failure{exit_failed, std::string("cannot wait for links: ") + strerror(errno)};
+        cannot_wait();
     }
 }
 
@@ -140,7 +145,9 @@ player::link *player::open(const captured &record)
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.ptr = made.get();
-    epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd, &event);
+    if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+        cannot_wait();
+    }
     made->serial = m_opened++;
     return m_links.insert_or_assign(id, std::move(made)).first->second.get();
 }
@@ -170,6 +177,9 @@ void player::drain()
 {
     std::array<epoll_event, events_a_look> events{};
     const int count = epoll_wait(m_epoll.get(), events.data(), events_a_look, 0);
+    if (count < 0 && errno != EINTR) {
+        cannot_wait();
+    }
     for (int i = 0; i < count; i++) {
         link &of = *static_cast<link *>(events[static_cast<size_t>(i)].data.ptr);
         std::array<char, 16> beginning{};

@@ -3,7 +3,7 @@
 #include "account.h"
 #include "cells.h"
 #include "command_line.h"
-#include "number_option.h"
+#include "command_line_numbers.h"
 #include "output.h"
 #include "player.h"
 #include "throw_away.h"
@@ -20,6 +20,7 @@ using namespace l2vpn::capture;
 using clock = std::chrono::steady_clock;
 
 constexpr size_t shown_differences = 20;
+constexpr double longest_wait_ns = 1e18; /* what a clock has room for, and more than anybody waits */
 
 struct outcome {
     bool has_ended = false; /* the process, before it was asked: nothing is known of what it held */
@@ -72,8 +73,9 @@ private:
         if (speed > 0) {
             const double ns = static_cast<double>(records()[index].time -
                                                   std::min(records()[index].time, records()[0].time));
-            const auto due = began + std::chrono::duration_cast<clock::duration>(
-                                         std::chrono::duration<double, std::nano>(ns / speed));
+            const auto due =
+                began + std::chrono::duration_cast<clock::duration>(
+                            std::chrono::duration<double, std::nano>(std::min(ns / speed, longest_wait_ns)));
             for (auto left = due - clock::now(); left.count() > 0; left = due - clock::now()) {
                 to.wait(std::min(std::chrono::ceil<std::chrono::milliseconds>(left),
                                  std::chrono::milliseconds(50)));
@@ -312,7 +314,7 @@ void add_replay(CLI::App &app, command_line &line)
         ->excludes(running);
     verb->add_option("--speed", to.speed, "So many times as fast as it was, not as fast as it goes")
         ->type_name("X")
-        ->check(CLI::Range(1e-3, 1e9).description(""));
+        ->check(within(1e-3, 1e9));
     verb->add_option("--count", line.recordings.count, "Only so many records")
         ->type_name("N")
         ->transform(l2vpnd::number(1, UINT64_MAX));
