@@ -57,6 +57,7 @@ private:
     std::string read_line();
     /* Throws json::exception, too. */
     json take_answer(const std::function<void(const json &row)> &row);
+
     std::string m_path;
     std::chrono::milliseconds m_patience;
     clock::time_point m_deadline;

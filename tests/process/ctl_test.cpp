@@ -146,6 +146,21 @@ TEST(ctl, says_when_an_answer_breaks_off_or_is_none)
     }
 }
 
+/* In words of its own, and not those of a library. */
+TEST(ctl, says_when_an_answer_is_not_as_it_should_be)
+{
+    for (const char *said :
+         {R"({"ok":"yes","result":{}})", R"({"ok":null})", R"({"ok":false,"error":"no"})",
+          R"({"ok":false,"error":{"code":1,"text":"no"}})", R"({"ok":false,"error":{"code":"no","text":1}})",
+          R"({"ok":true,"result":"all is well"})", R"({"rows":1})", R"({"rows":["first"]})"}) {
+        const system_test::temp_dir dir;
+        const impostor other(dir.path(), std::string(said) + "\n", impostor::then::close);
+        SCOPED_TRACE(said);
+        expect_failure(run_ctl({"--runtime-dir", dir.path(), "show", "acs"}), 4,
+                       dir.file("L2VPN.ctl") + ": its answer is not as it should be\n");
+    }
+}
+
 TEST_F(daemon_test, ctl_prints_one_json_document_for_every_verb)
 {
     start();
