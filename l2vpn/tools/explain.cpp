@@ -107,7 +107,7 @@ process_answer explainer::ask_for_all() const
     if (m_handle) {
         process_answer more = ask({{"handles", {*m_handle}}});
         for (json &row : more.rows) {
-            if (row["name"] != m_word) { /* else it is there already */
+            if (row.at("name") != m_word) { /* else it is there already */
                 got.rows.push_back(std::move(row));
             }
         }
@@ -229,7 +229,7 @@ bool explainer::choose(const finder &find, const std::optional<process_answer> &
     m_out.was_held = before && before->rows.size() == 1;
     if (m_out.was_held) {
         const json &row = before->rows[0];
-        chosen = found.find({row["node"], row["class"], row["handle"]});
+        chosen = found.find({row.at("node"), row.at("class"), row.at("handle")});
         if (found.size() > 1) {
             m_out.note("others:recorded",
                        std::to_string(found.size() - 1) +
@@ -292,7 +292,7 @@ explanation explainer::run()
             now.result.value("capture", ""); /* another one, when it was started again meanwhile */
         for (const json &row : now.rows) {
             m_out.row = row;
-            m_out.name = row["name"];
+            m_out.name = row.at("name");
         }
         if (!m_out.row) {
             follow(story);

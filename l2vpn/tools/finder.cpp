@@ -41,9 +41,9 @@ bool finder::take(const captured &record)
 
 void finder::add(const json &row)
 {
-    found_ac &of = m_found[{row["node"], row["class"], row["handle"]}];
-    of.name = row["name"];
-    of.owners.insert(row["owner"].get<uint64_t>());
+    found_ac &of = m_found[{row.at("node"), row.at("class"), row.at("handle")}];
+    of.name = row.at("name");
+    of.owners.insert(row.at("owner").get<uint64_t>());
 }
 
 json finder::to_json(size_t most) const

@@ -81,6 +81,9 @@ int main(int argc, char **argv)
             fprintf(stderr, "l2vpnctl: %s\n", why.text.c_str());
         }
         return why.status;
+    } catch (const json::exception &) {
+        fprintf(stderr, "l2vpnctl: l2vpnd: %s\n", odd_answer);
+        return exit_broken;
     } catch (const std::exception &error) {
         fprintf(stderr, "l2vpnctl: %s\n", error.what());
         return exit_failed;

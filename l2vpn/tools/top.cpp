@@ -127,37 +127,37 @@ bool is_same_run(const sample &one, const sample &other)
 std::string rate_text(const json &owner, const char *name)
 {
     char text[32];
-    const double rate = owner["rates"][name];
+    const double rate = owner.at("rates").at(name);
     snprintf(text, sizeof text, rate < 10 ? "%.1f" : "%.0f", rate);
     return text;
 }
 
 cell age_of(const json &owner, const char *key)
 {
-    return owner[key].is_null() ? cell{"-"} : cell{span_of(owner[key].get<int64_t>()), tint::busy};
+    return owner.at(key).is_null() ? cell{"-"} : cell{span_of(owner.at(key).get<int64_t>()), tint::busy};
 }
 
 /* What waits first, then what is busiest: the ones that a small terminal is to show. */
 bool comes_first(const json &one, const json &other)
 {
     const auto key = [](const json &owner) {
-        const bool waits = !owner["waiting_seconds"].is_null() || !owner["batch_seconds"].is_null();
-        return std::pair(waits, owner["rates"]["messages"].get<double>());
+        const bool waits = !owner.at("waiting_seconds").is_null() || !owner.at("batch_seconds").is_null();
+        return std::pair(waits, owner.at("rates").at("messages").get<double>());
     };
     return key(one) > key(other);
 }
 
 std::string print(const json &state, const style &how)
 {
-    const json &process = state["process"];
+    const json &process = state.at("process");
     char head[200];
-    const double seconds = state["seconds"];
+    const double seconds = state.at("seconds");
     snprintf(head, sizeof head, seconds == 0 ? "since the beginning" : "over %.1f s", seconds);
-    std::string out = tinted("l2vpnd " + text_of(process["pid"]), tint::heading, how) + ", up " +
-                      (process["uptime"].is_null() ? "?" : span_of(process["uptime"].get<int64_t>())) + ": " +
-                      count_of(process["owners"].get<uint64_t>(), "owner", "owners") + ", " +
-                      text_of(process["seen"]) + " seen, " + text_of(process["reconnects"]) +
-                      " reconnected, " + text_of(process["refused"]) + " refused; rates " + head + "\n\n";
+    std::string out = tinted("l2vpnd " + text_of(process.at("pid")), tint::heading, how) + ", up " +
+                      (process.at("uptime").is_null() ? "?" : span_of(process.at("uptime").get<int64_t>())) +
+                      ": " + count_of(process.at("owners").get<uint64_t>(), "owner", "owners") + ", " +
+                      text_of(process.at("seen")) + " seen, " + text_of(process.at("reconnects")) +
+                      " reconnected, " + text_of(process.at("refused")) + " refused; rates " + head + "\n\n";
     table rows({{"OWNER", true},
                 {"CLASS", true},
                 {"PID", true},
@@ -174,7 +174,7 @@ std::string print(const json &state, const style &how)
                 {"RECONN", true},
                 {"DROPPED", true},
                 {"FAILED", true}});
-    std::vector<json> owners(state["owners"].begin(), state["owners"].end());
+    std::vector<json> owners(state.at("owners").begin(), state.at("owners").end());
     std::ranges::stable_sort(owners, comes_first);
     for (const json &owner : owners) {
         rows.add({plain(owner, "owner"),

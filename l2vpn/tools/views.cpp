@@ -134,10 +134,10 @@ public:
     std::string print(const json &result, const style & /*how*/) override
     {
         std::string out = count_of(result.value("matched", uint64_t{0}), "AC matches", "ACs match") + ": " +
-                          text_of(result["accepted"]) + " accepted";
+                          text_of(result.at("accepted")) + " accepted";
         for (const char *key : {"skipped", "refused", "waiting"}) {
             if (result.value(key, uint64_t{0}) != 0) {
-                out += ", " + text_of(result[key]) + " " + key;
+                out += ", " + text_of(result.at(key)) + " " + key;
             }
         }
         return out + "\n";

@@ -40,8 +40,8 @@ public:
     {
         std::string below;
         if (row.contains("definition_raw")) {
-            below = folded_hex("definition", text_of(row["definition_raw"])) +
-                    folded_hex("info", text_of(row["info_raw"]));
+            below = folded_hex("definition", text_of(row.at("definition_raw"))) +
+                    folded_hex("info", text_of(row.at("info_raw")));
         }
         const std::string state = plain(row, "state").text;
         const tint colour = state == "provisioned" ? tint::good
@@ -54,7 +54,7 @@ public:
                      plain(row, "owner"),
                      {state, colour},
                      plain(row, "xcid"),
-                     {flat(row["info"])}},
+                     {flat(row.at("info"))}},
                     std::move(below));
     }
     std::string print(const json &result, const style &how) override
