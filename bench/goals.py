@@ -93,7 +93,7 @@ def judged(run):
         yield "growth of create's cost of an AC / memcpy's", "1,000,000", library / memcpy, GROWTH, MEMORY
     for figure in run.all.get("process", []):
         if figure["acs"] == STORED:
-            create = figure["requests"][0]
+            create = next(of for of in figure["requests"] if of["what"] == "create")
             ratio = create["store_cpu_ms"] / create["send_cpu_ms"]
             yield "l2vpnd stores a create / the owner sends it", f"{STORED:,}", ratio, STORE_LIMIT, STORE
     figures = stored_instructions()

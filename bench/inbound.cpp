@@ -1,7 +1,7 @@
 /*
  * Provision: from received messages to records in the owner's callback, beside the decoders of the rivals. One message,
  * as large as the MTU allows; and messages of many ACs, each another one: from memory, and received from a socket that
- * another process fills. A decoder's records are used again for the next message, as the callback's are.
+ * another process fills. A rival's records are used again for the next message; the library's are allocated, zeroed, for each.
  */
 #include "client.h"
 #include "counting_platform.h"
@@ -175,7 +175,21 @@ void measure_stream(results &to, uint32_t class_id, uint32_t mtu, uint32_t acs, 
             by.add(job, read.of(i));
     }
 
-    /* Each is filled in a process of its own: it sends what is there when it begins. */
+    std::vector<std::byte> room(library.messages().longest());
+    std::vector<candidate> from_memory = {
+        {"library", [&] { library.deliver_all(); }},
+        {"memcpy", [&] { copy_all(library.messages(), room); }},
+    };
+    for (rival_stream &by : rivals) {
+        from_memory.push_back({by.by->name(), [&read, &by] {
+                                   for (size_t i = 0; i < by.messages.count(); ++i)
+                                       by.decode(by.messages[i], read.of(i));
+                               }});
+    }
+    to.take("provisions", class_id, mtu, acs, from_memory, seconds);
+
+    /* Each is filled in a process of its own, which sends what is there when it begins. Not before: what the library
+     * converts in place would be copied page by page, and what others only read would not. */
     filler received(library.messages());
     verify_received(received, library.messages());
     std::vector<std::unique_ptr<filler>> rivals_received;
@@ -195,26 +209,14 @@ void measure_stream(results &to, uint32_t class_id, uint32_t mtu, uint32_t acs, 
                                                                   static_cast<uint32_t>(message.size()));
                                             }
                                         }};
-    std::vector<std::byte> room(library.messages().longest());
-    std::vector<candidate> from_memory = {
-        {"library", [&] { library.deliver_all(); }},
-        library_received,
-        recv,
-        {"memcpy", [&] { copy_all(library.messages(), room); }},
-    };
     std::vector<candidate> from_socket = {library_received, recv};
     for (size_t which = 0; which < rivals.size(); ++which) {
         rival_stream &by = rivals[which];
-        from_memory.push_back({by.by->name(), [&read, &by] {
-                                   for (size_t i = 0; i < by.messages.count(); ++i)
-                                       by.decode(by.messages[i], read.of(i));
-                               }});
         from_socket.push_back({by.by->name(), [&read, &by, &from = *rivals_received[which]] {
                                    for (size_t i = 0; i < by.messages.count(); ++i)
                                        by.decode(from.take(), read.of(i));
                                }});
     }
-    to.take("provisions", class_id, mtu, acs, from_memory, seconds);
     to.take("provisions received", class_id, mtu, acs, from_socket, seconds);
 }
 

@@ -20,8 +20,7 @@ int main(int argc, char **argv)
         return 2;
     }
     const char *const path = argv[argc - 1];
-    std::ofstream file(path);
-    if (!file) {
+    if (!std::ofstream(path, std::ios::app)) { /* what is there stays until there is something new */
         std::fprintf(stderr, "l2vpn_bench: %s: cannot be written\n", path);
         return 1;
     }
@@ -36,6 +35,7 @@ int main(int argc, char **argv)
         measure_million(all);
     }
 
+    std::ofstream file(path);
     file << all.finished().dump(1) << '\n';
     if (!file.flush()) {
         std::fprintf(stderr, "l2vpn_bench: %s: cannot be written\n", path);

@@ -58,8 +58,10 @@ public:
     bool becomes_full() const
     {
         return eventually([this] {
+            const int page = static_cast<int>(sysconf(_SC_PAGESIZE));
             int there = 0;
-            return ioctl(m_fd, FIONREAD, &there) == 0 && there > fcntl(m_fd, F_GETPIPE_SZ) - 2 * 4096;
+            return ioctl(m_fd, FIONREAD, &there) == 0 && there > 0 &&
+                   there >= fcntl(m_fd, F_GETPIPE_SZ) - 2 * page;
         });
     }
 

@@ -56,7 +56,9 @@ enum class entries { aliased, refused } s_entries = entries::aliased;
 extern "C" __attribute__((visibility("default"))) void *mmap(void *at, std::size_t size, int protection,
                                                              int flags, int fd, off_t offset) noexcept
 {
-    if (at == nullptr && fd == -1 && size == std::size_t{huge} * 8)
+    constexpr std::size_t needed = std::size_t{huge} * 8, huge_page = std::size_t{1} << 21;
+    if (at == nullptr && fd == -1 && size >= needed &&
+        size <= needed + huge_page) /* to begin with a huge page */
         return s_entries == entries::aliased ? map_aliased(size, entry_memory) : (errno = ENOMEM, MAP_FAILED);
     return real_mmap(at, size, protection, flags, fd, offset);
 }

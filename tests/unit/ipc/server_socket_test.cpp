@@ -74,7 +74,7 @@ TEST_F(socket_test, belongs_to_the_group_that_was_asked_for)
     EXPECT_EQ(file().st_gid, wanted.id);
 }
 
-TEST_F(socket_test, that_may_not_be_given_to_its_group_is_not_made)
+TEST_F(socket_test, is_given_to_its_group_or_not_made)
 {
     const struct group *const daemon = getgrnam("daemon");
     ASSERT_NE(daemon, nullptr);

@@ -119,17 +119,18 @@ TEST(convert, words_are_spread_with_a_zero_behind_each)
             std::vector<uint32_t> words(count + 4);
             for (uint32_t &word : words)
                 word = static_cast<uint32_t>(random());
+            const uint32_t *const given = words.data() + shift % 4;
             const auto before = random_bytes(shift + count * 8 + 16, random);
             auto expected = before;
             for (std::size_t i = 0; i < count; ++i) {
-                memcpy(expected.data() + shift + i * 8, &words[i], 4);
+                memcpy(expected.data() + shift + i * 8, &given[i], 4);
                 memset(expected.data() + shift + i * 8 + 4, 0, 4);
             }
             auto plain = before;
-            l2vpn_ac_spread_plain(words.data(), 0, count, plain.data() + shift);
+            l2vpn_ac_spread_plain(given, 0, count, plain.data() + shift);
             EXPECT_EQ(plain, expected) << "shift " << shift << ", count " << count;
             auto spread = before;
-            l2vpn_ac_spread_words(words.data(), count, spread.data() + shift);
+            l2vpn_ac_spread_words(given, count, spread.data() + shift);
             EXPECT_EQ(spread, expected) << "shift " << shift << ", count " << count;
         }
     }
