@@ -68,7 +68,7 @@ TEST_F(directory_given, by_root_is_its_owners)
 
 TEST_F(directory_given, where_others_may_make_it_is_nobodys)
 {
-    for (const mode_t mode : {01777, 0777, 0775}) {
+    for (const mode_t mode : {mode_t{01777}, mode_t{0777}, mode_t{0775}}) {
         allow(outer, mode);
         EXPECT_EQ(directory_given_to(inner), std::nullopt) << "anybody may have made it";
     }
@@ -80,7 +80,7 @@ TEST_F(directory_given, where_others_may_make_it_is_nobodys)
 
 TEST_F(directory_given, that_anybody_may_write_to_is_nobodys)
 {
-    for (const mode_t mode : {01777, 0777}) {
+    for (const mode_t mode : {mode_t{01777}, mode_t{0777}}) {
         allow(inner, mode);
         EXPECT_EQ(directory_given_to(inner), std::nullopt);
     }
