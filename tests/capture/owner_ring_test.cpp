@@ -31,7 +31,10 @@
 namespace {
 constexpr int always = INT_MAX;
 int s_full = 0; /* so many times it is */
-bool s_nearly_full = false;
+constexpr uint64_t block = 4096;
+/* For an owner's ring, and for a server's of 4 MiB. */
+constexpr uint64_t enough = uint64_t{64} * 256 * 1024;
+uint64_t s_free = enough;
 /* What was asked of the disk, by children, too: how much it has taken is not told by every file system. */
 struct allocation {
     off_t size;
@@ -59,11 +62,8 @@ extern "C" __attribute__((visibility("default"))) int statvfs(const char *path, 
 {
     using function = int (*)(const char *, struct statvfs *);
     const int result = reinterpret_cast<function>(dlsym(RTLD_NEXT, "statvfs"))(path, about);
-    constexpr uint64_t wanted = uint64_t{64} * 256 * 1024;
-    if (result != 0) {
-        return result;
-    }
-    about->f_bavail = wanted / about->f_frsize - (s_nearly_full ? 1 : 0);
+    about->f_frsize = block;
+    about->f_bavail = s_free / block;
     return result;
 }
 
@@ -137,7 +137,7 @@ protected:
     ~owner_rings() override
     {
         s_full = 0;
-        s_nearly_full = false;
+        s_free = enough;
     }
 
     std::set<std::string> files() const
@@ -180,6 +180,15 @@ protected:
         one.end();
         m_dead_pid = m_dead.substr(m_dead.rfind('-') + 1);
         m_dead_pid.resize(m_dead_pid.find('.'));
+    }
+    /* Two of this name, and the older one's. */
+    std::string make_two_dead()
+    {
+        make_dead();
+        const std::string older = std::string(program_invocation_short_name) + "-" + m_dead_pid + ".ring.1";
+        leave_dead(older);
+        fs::last_write_time(m_dir.file(older), fs::file_time_type::min());
+        return older;
     }
 
     system_test::temp_dir m_dir;
@@ -284,7 +293,7 @@ TEST_F(owner_rings, take_nothing_of_a_full_disk)
 
 TEST_F(owner_rings, take_a_sixty_fourth_of_what_is_free_at_most_unless_they_are_asked_for)
 {
-    s_nearly_full = true;
+    s_free = enough - block;
     expect_none();
     const owner asked(m_dir.path(), {{"L2VPN_CAPTURE", "on"}});
     EXPECT_THAT(files(), ElementsAre(ring_of(asked)));
@@ -292,13 +301,27 @@ TEST_F(owner_rings, take_a_sixty_fourth_of_what_is_free_at_most_unless_they_are_
 
 TEST_F(owner_rings, of_a_process_that_ended_make_room_for_a_new_one)
 {
-    make_dead();
-    const std::string older = std::string(program_invocation_short_name) + "-" + m_dead_pid + ".ring.1";
-    leave_dead(older);
-    fs::last_write_time(m_dir.file(older), fs::file_time_type::min());
+    make_two_dead();
     s_full = 1;
     const owner one(m_dir.path());
     EXPECT_THAT(files(), testing::UnorderedElementsAre(m_dead, ring_of(one))) << "the oldest has gone";
+}
+
+TEST_F(owner_rings, of_processes_that_ended_stay_where_a_new_one_has_no_room_without_them_either)
+{
+    const std::string older = make_two_dead();
+    constexpr uint64_t wanted = 4096 + 4096 * 1024;
+    s_full = always;
+    s_free = wanted - default_size - block;
+    for (int start = 0; start < 2; start++) {
+        const server none(m_dir.path(), "on");
+        EXPECT_THAT(none.said(), testing::EndsWith("No space left on device\n"));
+        EXPECT_THAT(files(), testing::UnorderedElementsAre(m_dead, older));
+    }
+    s_full = 1;
+    s_free += block;
+    const server one(m_dir.path(), "on");
+    EXPECT_THAT(files(), testing::UnorderedElementsAre(m_dead, ring_of(one))) << one.said();
 }
 
 TEST_F(owner_rings, of_servers_leave_as_much_free_as_they_can_take)
@@ -307,7 +330,7 @@ TEST_F(owner_rings, of_servers_leave_as_much_free_as_they_can_take)
         const server one(m_dir.path());
         EXPECT_THAT(files(), ElementsAre(ring_of(one))) << one.said();
     }
-    s_nearly_full = true;
+    s_free = enough - block;
     {
         const server other(m_dir.path());
         EXPECT_THAT(files(), testing::Contains(ring_of(other))) << "what has ended can go: " << other.said();
@@ -322,6 +345,20 @@ TEST_F(owner_rings, of_servers_leave_as_much_free_as_they_can_take)
                                "No space left on device\n");
     const server asked(m_dir.path(), "on");
     EXPECT_THAT(files(), ElementsAre(ring_of(asked))) << asked.said();
+}
+
+TEST_F(owner_rings, of_processes_that_ended_count_by_what_they_take)
+{
+    make_two_dead();
+    s_free = enough - 2 * default_size - block;
+    {
+        const server none(m_dir.path());
+        EXPECT_THAT(none.said(), testing::HasSubstr(": not 4 times the 4096 KiB that it takes are free\n"));
+        EXPECT_EQ(files().size(), 2U);
+    }
+    s_free += block;
+    const server one(m_dir.path());
+    EXPECT_TRUE(files().contains(ring_of(one))) << one.said();
 }
 
 TEST_F(owner_rings, make_no_directory_that_is_not_there)

@@ -18,6 +18,7 @@
 #include <fcntl.h>
 #include <mutex>
 #include <new>
+#include <numeric>
 #include <pthread.h>
 #include <string_view>
 #include <sys/statvfs.h>
@@ -88,14 +89,14 @@ void replace(std::unique_ptr<ring> next)
     }
 }
 
-bool has_room(const std::string &directory, std::uint64_t size)
+std::uint64_t free_in(const std::string &directory)
 {
     struct statvfs about {};
-    return ::statvfs(directory.c_str(), &about) == 0 && about.f_bavail * about.f_frsize >= size;
+    return ::statvfs(directory.c_str(), &about) == 0 ? about.f_bavail * about.f_frsize : 0;
 }
 
-/* Of processes that have ended: how many of this one's name are left. */
-std::size_t remove_dead_rings(std::size_t keep)
+/* Of processes that have ended: the sizes of those of this one's name that are left, the newest first. */
+std::vector<std::uint64_t> remove_dead_rings(std::size_t keep)
 {
     const std::string &directory = platform_posix::config().runtime_dir;
     (void)trace::remove_dead(directory, "", all_dead_rings_kept, trace::ring_file);
@@ -122,15 +123,18 @@ qerrno open_ring(const std::string &where, observer by, std::uint64_t size, std:
     if (const ring *current = in_use.load(); current != nullptr && current->path() == path) {
         replace(nullptr); /* it becomes the predecessor */
     }
-    const std::size_t dead = own_place ? remove_dead_rings(dead_rings_kept) : 0;
-    if (where == "default" && !has_room(config().runtime_dir, size * (free_for_servers - dead))) {
+    const std::vector<std::uint64_t> dead =
+        own_place ? remove_dead_rings(dead_rings_kept) : std::vector<std::uint64_t>();
+    if (where == "default" &&
+        std::accumulate(dead.begin(), dead.end(), free_in(config().runtime_dir)) < size * free_for_servers) {
         problem = config().runtime_dir + ": not " + std::to_string(free_for_servers) + " times the " +
                   std::to_string(size / 1024) + " KiB that it takes are free";
         return ENOSPC;
     }
     opened = ring::create(path, by, size, snap, cause, problem);
-    if (opened == nullptr && cause == ENOSPC && dead > 0) {
-        (void)remove_dead_rings(dead - 1);
+    if (opened == nullptr && cause == ENOSPC && !dead.empty() &&
+        free_in(config().runtime_dir) + dead.back() >= ring::size_of_file(size)) {
+        (void)remove_dead_rings(dead.size() - 1);
         opened = ring::create(path, by, size, snap, cause, problem);
     }
     if (opened == nullptr) {
@@ -167,7 +171,7 @@ try {
     const std::uint64_t size = std::uint64_t{config.capture_size_kib} * 1024;
     std::string problem;
     const qerrno status = platform_posix::check_runtime_dir(problem);
-    if (status == EOK && has_room(config.runtime_dir, size * free_for_owners)) {
+    if (status == EOK && free_in(config.runtime_dir) >= size * free_for_owners) {
         (void)open_ring("on", observer::owner, size, config.capture_snap, problem);
     }
     return status != ENOENT;

@@ -70,10 +70,15 @@ private:
 
 } // namespace
 
+std::uint64_t ring::size_of_file(std::uint64_t size)
+{
+    return slots_offset + size / sizeof(slot) * sizeof(slot);
+}
+
 std::unique_ptr<ring> ring::create(const std::string &path, observer by, std::uint64_t size,
                                    std::uint32_t snap, qerrno &cause, std::string &problem)
 {
-    const auto file_size = static_cast<std::size_t>(slots_offset + size / sizeof(slot) * sizeof(slot));
+    const auto file_size = static_cast<std::size_t>(size_of_file(size));
     const auto begin = [by](std::span<std::byte> map) {
         const ring_header head = new_header(by, map);
         std::memcpy(map.data(), &head, sizeof head);

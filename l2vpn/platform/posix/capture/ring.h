@@ -27,6 +27,8 @@ public:
     [[nodiscard]] static std::unique_ptr<ring> create(const std::string &path, observer by,
                                                       std::uint64_t size, std::uint32_t snap, qerrno &cause,
                                                       std::string &problem);
+    /* What that file takes. */
+    [[nodiscard]] static std::uint64_t size_of_file(std::uint64_t size);
     ~ring();
     ring(const ring &) = delete;
     ring &operator=(const ring &) = delete;

@@ -229,8 +229,8 @@ std::string path_of_process(const std::string &directory, std::string_view progr
            std::string(kind.name_end);
 }
 
-std::size_t remove_dead(const std::string &directory, std::string_view program, std::size_t keep,
-                        const file_kind &kind)
+std::vector<std::uint64_t> remove_dead(const std::string &directory, std::string_view program,
+                                       std::size_t keep, const file_kind &kind)
 {
     namespace fs = std::filesystem;
     std::error_code failed;
@@ -258,10 +258,16 @@ std::size_t remove_dead(const std::string &directory, std::string_view program, 
         }
     }
     std::ranges::sort(dead, std::greater<>());
-    for (std::size_t index = keep; index < dead.size(); ++index) {
-        ::unlink(dead[index].second.c_str());
+    std::vector<std::uint64_t> left;
+    for (const auto &[time, path] : dead) {
+        if (left.size() == keep) {
+            ::unlink(path.c_str());
+            continue;
+        }
+        const std::uintmax_t size = fs::file_size(path, failed);
+        left.push_back(failed ? 0 : size);
     }
-    return std::min(keep, dead.size());
+    return left;
 }
 
 mapped_file make_mapped(const file_kind &kind, const std::string &path, std::size_t size,

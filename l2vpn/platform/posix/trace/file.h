@@ -15,6 +15,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace l2vpn::trace {
 
@@ -43,9 +44,10 @@ extern const file_kind ring_file;
                                           const file_kind &kind);
 
 /* Removes such files of processes of this name that have ended, kept predecessors too, but for the newest `keep`,
- * and what processes of this name have left half made. An empty name is any. Returns how many are left. */
-std::size_t remove_dead(const std::string &directory, std::string_view program, std::size_t keep,
-                        const file_kind &kind);
+ * and what processes of this name have left half made. An empty name is any. Returns the sizes
+ * of those that are left, the newest first. */
+std::vector<std::uint64_t> remove_dead(const std::string &directory, std::string_view program,
+                                       std::size_t keep, const file_kind &kind);
 
 /* A file of this process's, mapped. */
 struct mapped_file {
