@@ -14,7 +14,7 @@
  * the event that says the process is there, and then sets the client back to joining (JOIN goes on being sent
  * until the next event; nothing is lost). A disconnect from another thread does not wait for a request or a
  * timer in progress: its DOWN or UP may still be delivered after the disconnect has returned, so what the
- * callbacks use must outlive it. A request of up to 16,384 ACs uses up to 128 KiB of the caller's stack.
+ * callbacks use must outlive it. A request of up to 16,384 ACs uses some 130 KiB of the caller's stack at most.
  *
  * Arrays. The arrays of a request are converted to network byte order in place while the request runs and
  * hold what they held before when it returns, whatever it returns. They must be writable, and no other
