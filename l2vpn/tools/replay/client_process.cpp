@@ -1,6 +1,7 @@
 #include "client_process.h"
 
 #include "control_link.h"
+#include "reap.h"
 
 #include <array>
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace l2vpnctl {
@@ -83,8 +83,7 @@ client_process::client_process(const std::string &path)
 client_process::~client_process()
 {
     kill(m_pid, SIGKILL); /* which may wait in connect() */
-    while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    reap(m_pid);
 }
 
 unique_fd client_process::connect(std::chrono::milliseconds patience)

@@ -1,5 +1,6 @@
 #include "throw_away.h"
 
+#include "reap.h"
 #include "recordings.h"
 
 #include <algorithm>
@@ -203,7 +204,7 @@ void throw_away::stop()
         kill(m_pid, SIGTERM);
         if (ended_by_now().empty()) {
             kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
+            reap(m_pid);
         }
     }
     std::error_code ignored;
