@@ -187,12 +187,12 @@ void read_files(const std::vector<std::string> &paths, record_consumer &to)
 } // namespace
 
 /* Without SA_RESTART: whatever waits is woken. */
-void stop_on_signals()
+void stop_on_signals(std::initializer_list<int> numbers)
 {
     struct sigaction action {};
     action.sa_handler = on_signal;
     sigaction(SIGALRM, &action, nullptr);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int number : numbers) {
         struct sigaction before {};
         sigaction(number, nullptr, &before);
         if (number != SIGHUP || before.sa_handler != SIG_IGN) { /* as nohup has it */

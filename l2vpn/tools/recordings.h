@@ -9,6 +9,8 @@
 #include "control_link.h"
 #include "describe.h"
 
+#include <csignal>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <set>
@@ -77,8 +79,8 @@ public:
  * comes once. Throws failure; what is there has been given by then. */
 void read_recordings(const command_line &line, record_consumer &to);
 
-/* SIGINT, SIGTERM and SIGHUP end what is done, and not the program: they ask, from now on. */
-void stop_on_signals();
+/* These end what is done, and not the program: they ask, from now on. */
+void stop_on_signals(std::initializer_list<int> numbers = {SIGINT, SIGTERM, SIGHUP});
 /* One has asked. */
 bool is_stopped();
 

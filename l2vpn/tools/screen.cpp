@@ -1,6 +1,7 @@
 #include "screen.h"
 
 #include "output.h"
+#include "recordings.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -14,14 +15,13 @@ namespace {
 
 constexpr const char *enter = "\033[?1049h\033[?25l\033[?7l"; /* the other screen, no cursor, lines are cut */
 constexpr const char *leave = "\033[?7h\033[?25h\033[?1049l";
-constexpr int ending[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr std::initializer_list<int> ending = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
-volatile sig_atomic_t s_quit = 0;
 volatile sig_atomic_t s_resized = 0;
 
-void on_signal(int number)
+void on_resize(int)
 {
-    (number == SIGWINCH ? s_resized : s_quit) = 1;
+    s_resized = 1;
 }
 
 } // namespace
@@ -30,14 +30,14 @@ void on_signal(int number)
 screen::screen(bool plain) : m_is_terminal(!plain && isatty(STDOUT_FILENO) == 1)
 {
     struct sigaction action {};
-    action.sa_handler = on_signal;
+    action.sa_handler = on_resize;
     sigset_t held;
     sigemptyset(&held);
     sigaddset(&held, SIGWINCH);
     sigaction(SIGWINCH, &action, nullptr);
+    stop_on_signals(ending);
     for (const int number : ending) {
         sigaddset(&held, number);
-        sigaction(number, &action, nullptr);
     }
     sigprocmask(SIG_BLOCK, &held, &m_mask);
     for (const int number : ending) {
@@ -66,10 +66,12 @@ screen::~screen()
     __fpurge(stdout);
     if (m_is_terminal) {
         fputs(leave, stdout);
-        fflush(stdout);
+        if (fflush(stdout) != 0) {
+            __fpurge(stdout);
+        }
     }
-    if (m_has_keys) {
-        tcsetattr(STDIN_FILENO, TCSADRAIN, &m_before);
+    if (m_has_keys && tcsetattr(STDIN_FILENO, TCSADRAIN, &m_before) != 0) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &m_before);
     }
 }
 
@@ -83,11 +85,6 @@ screen::interruptible::interruptible(const screen &of)
 screen::interruptible::~interruptible()
 {
     sigprocmask(SIG_SETMASK, &m_before, nullptr);
-}
-
-bool screen::is_quitting() const
-{
-    return s_quit != 0;
 }
 
 void screen::show(const std::string &text)
@@ -113,7 +110,7 @@ void screen::show(const std::string &text)
 screen::event screen::wait(clock::time_point until)
 {
     for (;;) {
-        if (s_quit != 0) {
+        if (is_stopped()) {
             return event::quit;
         }
         if (s_resized != 0) {

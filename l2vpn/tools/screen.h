@@ -28,8 +28,6 @@ public:
     void show(const std::string &text);
     /* Sleeps until then, or a key or a signal ends it: q, SIGINT, SIGTERM, SIGHUP, SIGQUIT. */
     event wait(clock::time_point until);
-    /* A signal has asked to end: what failed may have failed because of it. */
-    bool is_quitting() const;
 
     /* While it lives, a signal that asks to end wakes whatever waits. */
     class interruptible {

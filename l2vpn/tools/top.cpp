@@ -7,6 +7,7 @@
 #include "cells.h"
 #include "command_line.h"
 #include "output.h"
+#include "recordings.h"
 #include "screen.h"
 
 #include <algorithm>
@@ -245,7 +246,7 @@ void top(const command_line &line)
     try {
         refresh(line, std::move(first), out);
     } catch (const failure &) {
-        if (!out.is_quitting()) {
+        if (!is_stopped()) { /* else it may have failed because of that */
             throw;
         }
     }

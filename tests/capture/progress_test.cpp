@@ -41,13 +41,14 @@ protected:
 
 class progress : public long_recorded, public testing::WithParamInterface<long_work> {};
 
-/* A pipe with a name, and a reader that never reads. */
+/* A small pipe with a name, and a reader that never reads. */
 class stalled_pipe {
 public:
     explicit stalled_pipe(const std::string &path)
     {
         if (mkfifo(path.c_str(), 0600) == 0) {
             m_fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            fcntl(m_fd, F_SETPIPE_SZ, 4 * 4096);
         }
     }
     ~stalled_pipe() { close(m_fd); }
@@ -128,6 +129,31 @@ TEST_F(long_recorded, a_reader_that_has_stalled_keeps_nothing_running)
         ASSERT_TRUE(unread.becomes_full()) << writer.err();
         writer.send_signal(SIGINT);
         EXPECT_EQ(writer.wait(), 0) << command;
+        EXPECT_EQ(writer.err(), "");
+        ASSERT_EQ(unlink(m_dir.file("pipe").c_str()), 0);
+    }
+}
+
+/* The second is told before it writes, and hears of it just then. */
+TEST_F(recorded, a_reader_that_has_stalled_keeps_no_top_running)
+{
+    start();
+    std::vector<raw_peer> owners; /* what is said of them at a time is more than the pipe takes */
+    for (int i = 0; i < 100; i++) {
+        owners.push_back(peer(3));
+    }
+    const std::string top = "exec " + system_test::binary("l2vpnctl") + " top --json --runtime-dir .";
+    for (const bool is_told_before : {false, true}) {
+        const stalled_pipe unread(m_dir.file("pipe"));
+        const std::vector<std::string> arguments = {
+            "--block-signal=INT", "/bin/sh", "-c",
+            "cd " + m_dir.path() + (is_told_before ? " && kill -INT $$" : "") + " && " + top + " >pipe"};
+        system_test::child writer("/usr/bin/env", arguments);
+        ASSERT_TRUE(unread.becomes_full()) << writer.err();
+        if (!is_told_before) {
+            writer.send_signal(SIGINT);
+        }
+        EXPECT_EQ(writer.wait(), 0);
         EXPECT_EQ(writer.err(), "");
         ASSERT_EQ(unlink(m_dir.file("pipe").c_str()), 0);
     }
