@@ -98,7 +98,7 @@ void describe(CLI::App &app, program_options &options)
            "Ring of the latest messages: on (the runtime directory's l2vpnd-PID.ring), off, or a path "
            "with a slash in it")
         ->type_name("WHERE")
-        ->capture_default_str()
+        ->default_str("on where 4 times its size is free")
         ->check([](const std::string &where) {
             const bool good = where == "on" || where == "off" || where.find('/') != std::string::npos;
             return good ? std::string() : "'" + where + "' is not on, off or a path with a slash in it";
@@ -130,7 +130,7 @@ void parse(CLI::App &app, int argc, char **argv, program_options &options)
 {
     describe(app, options);
     app.parse(argc, argv);
-    options.capture_asked = app.count("--capture") + app.count("--capture-size") > 0;
+    options.capture_asked = app.count("--capture") > 0;
     options.has_file = app.get_config_ptr()->count() > 0;
 }
 

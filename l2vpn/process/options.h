@@ -20,7 +20,7 @@ struct program_options {
     std::optional<uint32_t> nodeid;
     uint32_t mtu = 0; /* 0: the platform's default */
     std::string capture = "on";
-    bool capture_asked = false;        /* with its place or its size */
+    bool capture_asked = false;        /* else it is on where there is room */
     uint32_t capture_size = 16 * 1024; /* KiB */
     bool to_syslog = false;
     bool verbose = false;

@@ -175,6 +175,29 @@ TEST_F(recorded, the_rings_of_two_dead_processes_are_kept)
     EXPECT_TRUE(fs::exists(paths[1]) && fs::exists(paths[2]) && fs::exists(paths[3]));
 }
 
+/* Its size alone asks for no ring. */
+TEST_F(recorded, a_ring_is_made_on_a_full_disk_only_where_it_is_asked_for)
+{
+    const std::string file = m_dir.write("asks", "capture = on\n");
+    struct {
+        std::vector<std::string> options;
+        bool asks;
+    } const cases[] = {{{}, false}, {{"--capture=on"}, true}, {{"--config", file}, true}};
+    for (const auto &[options, asks] : cases) {
+        std::vector<std::string> arguments = {"--runtime-dir",  m_dir.path(), "--nodeid", "1",
+                                              "--capture-size", "64"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        system_test::child daemon(L2VPN_FULL_DAEMON, arguments);
+        ASSERT_TRUE(daemon.says("l2vpnd: ready on ")) << daemon.err();
+        EXPECT_EQ(ring().empty(), !asks);
+        daemon.send_signal(SIGTERM);
+        EXPECT_EQ(daemon.wait(), 0);
+        EXPECT_EQ(daemon.err(), asks ? ""
+                                     : "l2vpn: no capture ring: " + m_dir.path() +
+                                           ": not 4 times the 64 KiB that it takes are free\n");
+    }
+}
+
 TEST_F(recorded, a_ring_that_cannot_be_made_stops_nothing)
 {
     start({"--capture", m_dir.file("no/ring")});
