@@ -13,15 +13,6 @@ protected:
     /* Three ACs of class 4 fit one message. */
     creating() { world.set.mtu = 16 + 3 * 636; }
 
-    std::vector<std::uint32_t> flags_sent(std::uint32_t class_id = 4)
-    {
-        std::vector<std::uint32_t> result;
-        for (const header &h : sent_headers(class_id))
-            result.push_back(h.flags);
-        world.link_of(class_id).clear_sent();
-        return result;
-    }
-
     /* True when a batch is open: a create without marks is then sent as it is. */
     bool batch_is_open(l2vpn_ac_client_hd_t hd)
     {

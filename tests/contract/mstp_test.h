@@ -63,24 +63,6 @@ protected:
         return rc;
     }
 
-    std::vector<std::uint32_t> flags_sent(std::uint32_t class_id = 4)
-    {
-        std::vector<std::uint32_t> result;
-        for (const header &h : sent_headers(class_id))
-            result.push_back(h.flags);
-        world.link_of(class_id).clear_sent();
-        return result;
-    }
-
-    std::vector<std::uint32_t> bulks_sent(std::uint32_t class_id = 4)
-    {
-        std::vector<std::uint32_t> result;
-        for (const header &h : sent_headers(class_id))
-            result.push_back(h.bulk);
-        world.link_of(class_id).clear_sent();
-        return result;
-    }
-
     bool batch_is_open(const mstp_kind &kind, l2vpn_ac_client_hd_t hd)
     {
         world.link_of(4).clear_sent();

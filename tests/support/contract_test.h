@@ -188,6 +188,24 @@ protected:
     const std::vector<bytes> &sent(std::uint32_t class_id) { return world.link_of(class_id).sent(); }
     std::vector<header> sent_headers(std::uint32_t class_id) { return headers_of(sent(class_id)); }
 
+    /* The same word of every message sent since it was last asked. */
+    std::vector<std::uint32_t> flags_sent(std::uint32_t class_id = 4)
+    {
+        return take_sent(class_id, &header::flags);
+    }
+    std::vector<std::uint32_t> bulks_sent(std::uint32_t class_id = 4)
+    {
+        return take_sent(class_id, &header::bulk);
+    }
+    std::vector<std::uint32_t> take_sent(std::uint32_t class_id, std::uint32_t header::*word)
+    {
+        std::vector<std::uint32_t> result;
+        for (const header &h : sent_headers(class_id))
+            result.push_back(h.*word);
+        world.link_of(class_id).clear_sent();
+        return result;
+    }
+
     qerrno create(l2vpn_ac_client_hd_t hd, std::uint32_t flags, acs &a)
     {
         return lib.create(hd, flags, a.size(), a.ifh.data(), a.defns.data(), a.infos.data());
