@@ -6,6 +6,7 @@
 
 #include "capture/format.h"
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,7 +22,8 @@ public:
 struct captured {
     std::uint64_t time; /* nanoseconds since 1970 */
     record_head head;
-    std::vector<std::uint8_t> message; /* what was kept of it: head.length bytes or less */
+    std::vector<std::uint8_t> message;                 /* what was kept of it: head.length bytes or less */
+    std::shared_ptr<const std::string> interface = {}; /* of a pcapng file, its name; of a ring none */
 };
 
 /* From head and message as they are in files. False: it is damaged. Throws bad_file: it has another version

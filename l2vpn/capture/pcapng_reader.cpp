@@ -20,6 +20,7 @@ struct interface {
     std::uint64_t ticks = 1'000'000; /* a second */
     std::uint64_t lost = 0;
     bool has_statistics = false;
+    std::shared_ptr<const std::string> name;
 };
 
 } // namespace
@@ -195,6 +196,8 @@ private:
         }
         interface made;
         made.ours = number<std::uint16_t>(body.data()) == link_type;
+        const bytes name = option(body.subspan(8), if_name).value_or(bytes());
+        made.name = std::make_shared<const std::string>(name.begin(), name.end());
         if (const auto resolution = option(body.subspan(8), if_tsresol);
             resolution && resolution->size() == 1) {
             const std::uint8_t power = (*resolution)[0];
@@ -245,6 +248,7 @@ private:
         }
         const std::uint64_t ticks =
             std::uint64_t{number<std::uint32_t>(&body[4])} << 32 | number<std::uint32_t>(&body[8]);
+        found_.interface = from.name;
         found_.time = ticks * (1'000'000'000 / from.ticks);
         found_lost_ = lost;
         is_found_ = true;

@@ -54,11 +54,11 @@ const char *drop_code(const reading &message)
     return l2vpnd::drop_name(drop::direction);
 }
 
-chain::recorder_state &chain::recorder_of(size_t source, const record_head &head)
+chain::recorder_state &chain::recorder_of(size_t source, const captured &record)
 {
-    const recorders::place at = m_recorders.take(source, head);
+    const recorders::place at = m_recorders.take(source, record);
     if (at.is_new) {
-        m_states.push_back({.source = source, .by = head.by, .links = {}, .now = {}});
+        m_states.push_back({.source = source, .by = record.head.by, .links = {}, .now = {}});
     }
     recorder_state &of = m_states[at.recorder];
     if (at.missing > 0) {
@@ -75,7 +75,7 @@ chain::recorder_state &chain::recorder_of(size_t source, const record_head &head
 void chain::take(size_t source, const captured &record)
 {
     const record_head &head = record.head;
-    recorder_state &of = recorder_of(source, head);
+    recorder_state &of = recorder_of(source, record);
     switch (head.kind) {
     case record_kind::message:
         take_message(of, source, record);

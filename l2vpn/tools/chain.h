@@ -91,7 +91,7 @@ private:
         standing now;
     };
 
-    recorder_state &recorder_of(size_t source, const l2vpn::capture::record_head &head);
+    recorder_state &recorder_of(size_t source, const captured &record);
     void take_message(recorder_state &of, size_t source, const captured &record);
     void take_request(recorder_state &of, link_state &on, chain_step made);
     void take_told(recorder_state &of, link_state &on, chain_step made);

@@ -1,5 +1,7 @@
 #include "recorders.h"
 
+#include <algorithm>
+
 namespace l2vpnctl {
 
 using namespace l2vpn::capture;
@@ -7,6 +9,7 @@ using namespace l2vpn::capture;
 namespace {
 
 constexpr uint64_t late_most = 64;
+constexpr size_t at_once_most = 16; /* processes in one interface */
 
 } // namespace
 
@@ -32,44 +35,82 @@ uint64_t recorders::state::follow(uint64_t number, bool is_first)
     return missing;
 }
 
-/* The one that goes on with this number. */
-std::optional<size_t> recorders::find(const state &like, uint64_t number) const
+/* A link comes up once: where it was up before, this is another run's. */
+bool recorders::state::was_up(const record_head &head) const
+{
+    return head.kind == record_kind::link_up && head.number >= next && links.contains(head.link);
+}
+
+/* What a link has brought came when it was up; what is sent over it may be recorded before that. */
+void recorders::state::note_link(const record_head &head)
+{
+    const bool is_received = head.direction == (by == observer::process ? flow::to_process : flow::to_owner);
+    if (head.kind == record_kind::link_up || head.kind == record_kind::link_down || is_received) {
+        links.insert(head.link);
+    }
+}
+
+/* As far as their interfaces tell. */
+bool recorders::state::may_be(const state &like) const
+{
+    const bool are_named = has_name() && like.has_name();
+    return by == like.by && pid == like.pid && (!are_named || *from == *like.from);
+}
+
+/* The one that goes on with this number. Where some are missing, a number alone says too little: a ring may be that
+ * of a process that was started again. */
+std::optional<size_t> recorders::find_elsewhere(const state &like, uint64_t number) const
 {
     std::optional<size_t> nearest;
     for (size_t i = 0; i < m_all.size() && number > 0; i++) {
         const state &one = m_all[i];
-        if (one.by != like.by || one.pid != like.pid) {
+        if (!one.may_be(like)) {
             continue;
         }
         if (one.awaits(number)) {
             return i;
         }
-        if (m_join == join::with_gap && one.next < number && (!nearest || one.next > m_all[*nearest].next)) {
+        if (m_join == join::with_gap && one.has_name() && like.has_name() && one.next < number &&
+            (!nearest || one.next > m_all[*nearest].next)) {
             nearest = i;
         }
     }
     return nearest;
 }
 
-recorders::place recorders::take(size_t source, const record_head &head)
+/* Of several processes in one interface the one that this number is due of; else the latest, with a gap. */
+std::optional<size_t> recorders::find_among(const std::vector<size_t> &known, uint64_t number) const
 {
-    const state fresh{.by = head.by, .pid = head.by == observer::owner ? head.pid : 0};
-    const std::tuple key(source, fresh.by, fresh.pid);
-    const auto known = m_latest.find(key);
-    std::optional<size_t> found;
-    if (known == m_latest.end()) {
-        found = find(fresh, head.number);
-    } else if (const state &latest = m_all[known->second];
-               head.number >= latest.next || latest.awaits(head.number)) {
-        found = known->second;
+    const auto due = std::find_if(known.rbegin(), known.rend(),
+                                  [this, number](size_t index) { return m_all[index].awaits(number); });
+    if (due != known.rend()) {
+        return *due;
     }
-    const bool is_new = !found;
+    return m_all[known.back()].next < number ? std::optional(known.back()) : std::nullopt;
+}
+
+recorders::place recorders::take(size_t source, const captured &record)
+{
+    const record_head &head = record.head;
+    state fresh{.by = head.by, .pid = head.by == observer::owner ? head.pid : 0, .from = record.interface};
+    std::vector<size_t> &known = m_known[{source, fresh.from, fresh.by, fresh.pid}];
+    std::optional<size_t> found =
+        known.empty() ? find_elsewhere(fresh, head.number) : find_among(known, head.number);
+    const bool is_new = !found || m_all[*found].was_up(head);
     if (is_new) { /* or it has begun again */
         found = m_all.size();
-        m_all.push_back(fresh);
+        m_all.push_back(std::move(fresh));
     }
-    m_latest[key] = *found;
-    return {*found, is_new, m_all[*found].follow(head.number, is_new)};
+    if (known.empty() || known.back() != *found) {
+        std::erase(known, *found);
+        known.push_back(*found);
+    }
+    if (known.size() > at_once_most) {
+        known.erase(known.begin());
+    }
+    state &of = m_all[*found];
+    of.note_link(head);
+    return {*found, is_new, of.follow(head.number, is_new)};
 }
 
 } // namespace l2vpnctl

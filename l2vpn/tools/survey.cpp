@@ -16,7 +16,7 @@ bool survey::take(size_t source, const captured &record, uint64_t lost)
     searched_source &of = m_out.searched[source];
     of.from = of.records == 0 ? record.time : of.from;
     of.to = record.time;
-    const recorders::place at = m_recorders.take(source, record.head);
+    const recorders::place at = m_recorders.take(source, record);
     if (of.records > 0) {
         of.lost += lost;
     } else if (at.is_new) { /* else another part of the same capture has what was before */

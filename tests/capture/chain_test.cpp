@@ -156,6 +156,26 @@ TEST(chain, keeps_processes_apart_whose_records_do_not_go_on)
     EXPECT_TRUE(story.latest({})->batched);
 }
 
+/* Each has an interface of its own, and counts for itself. */
+TEST(chain, keeps_processes_apart_that_take_turns_in_one_file)
+{
+    const auto interface = std::make_shared<const std::string>("l2vpnd-1");
+    const auto other = std::make_shared<const std::string>("l2vpnd-2");
+    const auto in = [](const auto &which, captured record) {
+        record.interface = which;
+        return record;
+    };
+    chain story({7, 3, handle});
+    story.take(0, in(interface, received(0, create(3, {handle}, 0x1))));
+    story.take(0, in(other, received(0, create(3, {0x12}))));
+    story.take(0, in(interface, received(1, update(3, {handle}, 1))));
+    story.take(0, in(other, received(1, create(3, {0x13}, 0x2))));
+    story.take(0, in(other, received(2, remove({handle}))));
+    EXPECT_EQ(codes(story), "created updated delete-ignored");
+    EXPECT_EQ(story.latest({})->where, standing::place::held);
+    EXPECT_TRUE(story.latest({})->batched) << "the other's batch is another";
+}
+
 TEST(chain, forgets_open_batches_where_their_end_may_be_missing)
 {
     chain story({7, 3, handle});

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <set>
 #include <sstream>
 #include <sys/stat.h>
 #include <thread>
@@ -105,6 +106,32 @@ TEST_F(pcapng, what_is_written_is_read)
     EXPECT_EQ(got.summary.lost, 6U);
     EXPECT_EQ(got.summary.records, 3U);
     EXPECT_EQ(got.summary.ends_early, "");
+}
+
+/* Also where two have the same name, or the same place in one section and the next. */
+TEST_F(pcapng, each_record_has_the_interface_that_it_came_from)
+{
+    {
+        pcapng_writer writer(m_path, false, "test");
+        EXPECT_EQ(writer.add_interface("l2vpnd-1"), 0U);
+        EXPECT_EQ(writer.add_interface("l2vpnd-1"), 1U);
+        EXPECT_EQ(writer.add_interface(""), 2U);
+        for (uint32_t i = 0; i < 6; i++) {
+            writer.add(i % 3, record(i, 16), 0);
+        }
+        writer.place();
+    }
+    const std::string section = system_test::read_file(m_path);
+    const outcome got = read(section + section);
+    ASSERT_EQ(got.records.size(), 12U);
+    std::set<std::shared_ptr<const std::string>> all;
+    for (size_t i = 0; i < 12; i++) {
+        ASSERT_NE(got.records[i].interface, nullptr);
+        EXPECT_EQ(*got.records[i].interface, i % 3 == 2 ? "" : "l2vpnd-1") << i;
+        EXPECT_EQ(got.records[i].interface, got.records[i / 6 * 6 + i % 3].interface) << i;
+        all.insert(got.records[i].interface);
+    }
+    EXPECT_EQ(all.size(), 6U);
 }
 
 TEST_F(pcapng, a_file_cut_anywhere_gives_what_it_holds_and_says_where_it_ends)

@@ -41,10 +41,12 @@ def provision(numbers):
 
 
 class Capture:
-    def __init__(self):
-        self.time, self.count = BEGAN, 0
-        self.blocks = [block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1)),
-                       block(1, struct.pack("<HHI", 147, 0, 0) + struct.pack("<HHB3x", 9, 1, 9) + bytes(4))]
+    def __init__(self, interfaces=1):
+        self.time, self.count, self.interface = BEGAN, 0, 0
+        self.counts = [0] * interfaces
+        self.blocks = [block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1))]
+        self.blocks += interfaces * [
+            block(1, struct.pack("<HHI", 147, 0, 0) + struct.pack("<HHB3x", 9, 1, 9) + bytes(4))]
 
     def add(self, owner, kind, direction=NONE, content=b"", status=0, after=1000, lost=0, pid=None):
         self.time += after
@@ -53,13 +55,18 @@ class Capture:
                            self.count, status, len(content), b"portd-%d" % owner)
         data = head + content
         options = struct.pack("<HHQ", 4, 8, lost) + bytes(4) if lost else b""
-        self.blocks.append(block(6, struct.pack("<IIIII", 0, self.time >> 32, self.time & 0xFFFFFFFF, len(data),
+        self.blocks.append(block(6, struct.pack("<IIIII", self.interface, self.time >> 32, self.time & 0xFFFFFFFF, len(data),
                                                 len(data)) + data + bytes(-len(data) % 4) + options))
         self.count += 1
 
     def start_again(self):
         """The process: whatever it counts begins anew."""
         self.count = 0
+
+    def turn_to(self, interface):
+        """What comes is another process's: each counts for itself."""
+        self.counts[self.interface] = self.count
+        self.interface, self.count = interface, self.counts[interface]
 
     def said(self, owner, content, **more):
         self.add(owner, MESSAGE, TO_PROCESS, content, **more)

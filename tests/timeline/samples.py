@@ -62,6 +62,18 @@ def restarted(path):
     return made.write(path)
 
 
+def beside(path):
+    """Two processes that run at the same time."""
+    made = Capture(interfaces=2)
+    for interface in (0, 1):
+        made.turn_to(interface)
+        made.add(1, UP)
+    for number in range(20):
+        made.turn_to(number % 2)
+        made.said(1, create([(0x11 + number, f"port1/{number}")], 3))
+    return made.write(path)
+
+
 def strange(path):
     """More types than there are, and two links of one client."""
     made = Capture()

@@ -12,7 +12,7 @@ import sys
 import tempfile
 
 from browser import Browser
-from samples import MANY, large, restarted, small, strange
+from samples import MANY, beside, large, restarted, small, strange
 
 program = sys.argv[1]
 HEAD_HEIGHT = 46  # of the picture's own head, in pixels
@@ -325,6 +325,20 @@ def run_restarted(page, folder):
     page.check_quiet()
 
 
+def run_beside(page, folder):
+    """Records of two processes that take turns are of no more than two."""
+    path, html = make(folder, "beside", beside)
+    check_equal(len(monitor(path)), 22, "records")
+    page.show(html)
+    summary = page.text("#summary")
+    for part in ["22 records", "2 owners", "2 processes"]:
+        check(part in summary, f"'{part}' is not in '{summary}'")
+    for process in (1, 2):
+        page.choose("#owner", f"portd-1[4001], class 3, process {process}, owner 1")
+        page.wait(f"what process {process} was told", lambda: page.count() == 11)
+    page.check_quiet()
+
+
 def run_strange(page, folder):
     _, html = make(folder, "strange", strange)
     page.show(html)
@@ -377,6 +391,7 @@ def main():
         run_small(page, pathlib.Path(folder))
         run_strange(page, pathlib.Path(folder))
         run_restarted(page, pathlib.Path(folder))
+        run_beside(page, pathlib.Path(folder))
         run_large(page, pathlib.Path(folder))
 
 

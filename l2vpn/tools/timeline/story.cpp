@@ -183,7 +183,7 @@ void story::end_part()
 
 void story::take(size_t source, const captured &record, uint64_t lost)
 {
-    const recorders::place at = m_recorders.take(source, record.head);
+    const recorders::place at = m_recorders.take(source, record);
     take_run(at, record);
     const reading message = read(record);
     m_first_time = m_records == 0 ? record.time : m_first_time;
