@@ -1,10 +1,14 @@
 /*
  * l2vpnctl replay: what it is given to read, what it refuses, and its end.
  */
+#include "pcapng_reader.h"
+#include "pcapng_writer.h"
 #include "replayed.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 
 using namespace process_test;
 
@@ -29,6 +33,34 @@ TEST_F(replay, several_files_are_one_capture)
     EXPECT_EQ(told({file, file})["records"], told({file})["records"]) << "what is there twice is played once";
     const system_test::result rest = play({file});
     EXPECT_THAT(rest.out, HasSubstr("(the capture begins with record "));
+}
+
+/* As one has it that was put together of captures that overlap. */
+TEST_F(replay, what_one_file_holds_twice_is_played_once)
+{
+    make_history();
+    const std::string file = keep();
+    const std::string content = system_test::read_file(file);
+    const json once = told({file});
+    EXPECT_EQ(told({m_dir.write("twice.pcapng", content + content)}), once);
+
+    const std::string cut = m_dir.file("cut.pcapng");
+    {
+        namespace capture = l2vpn::capture;
+        std::ifstream whole(file, std::ios::binary);
+        capture::pcapng_reader reader(whole);
+        capture::pcapng_writer writer(cut, false, "test");
+        writer.add_interface("l2vpnd-1");
+        capture::captured record{};
+        for (uint64_t lost = 0; reader.next(record, lost);) {
+            record.message.resize(std::min<size_t>(record.message.size(), 20));
+            writer.add(0, record, lost);
+        }
+        writer.place();
+    }
+    const std::string cut_content = system_test::read_file(cut);
+    EXPECT_EQ(told({m_dir.write("both.pcapng", cut_content + content)}), once) << "as far as it is there";
+    EXPECT_EQ(told({m_dir.write("both.pcapng", content + cut_content)}), once);
 }
 
 TEST_F(replay, what_is_missing_is_told)

@@ -32,11 +32,15 @@ private:
     uint64_t m_lost = 0;
 };
 
-/* By number. Two of one number are of two processes. */
+/* By number. One that a single file holds twice is left out once: of one that was cut, the longest stays. Others of
+ * one number are of two processes. */
 void put_in_order(std::vector<captured> &records, uint32_t observer)
 {
     const auto number = [](const captured &of) { return of.head.number; };
-    std::ranges::stable_sort(records, {}, number);
+    std::ranges::stable_sort(records, {}, [](const captured &of) {
+        return std::pair(of.head.number, UINT64_MAX - of.message.size());
+    });
+    records.erase(std::unique(records.begin(), records.end(), is_same_record), records.end());
     const auto twice = std::ranges::adjacent_find(records, {}, number);
     if (twice != records.end()) {
         throw failure{exit_failed, "record " + std::to_string(twice->head.number) +
