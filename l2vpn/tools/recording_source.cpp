@@ -6,33 +6,26 @@ namespace l2vpnctl {
 
 namespace {
 
-constexpr size_t window = 64;
 constexpr int patient_looks = 5;
 
 } // namespace
 
-bool record_source::give(size_t index, record_consumer &to, uint64_t others_miss)
+bool record_source::give(size_t index, record_consumer &to, uint64_t lost)
 {
-    const uint64_t before = missing();
-    const bool wanted = to.take(index, *next(), std::min(before, others_miss));
-    m_told += before;
-    m_has_given = true;
-    pop();
+    const bool wanted = to.take(index, *next(), lost);
+    pass();
     return wanted;
 }
 
-uint64_t record_source::leave_out()
+void record_source::pass()
 {
-    const uint64_t before = missing();
-    m_told += before;
-    m_has_left_out = true;
+    m_told += missing();
     pop();
-    return before;
 }
 
 uint64_t record_source::lost_at_end() const
 {
-    const uint64_t all = m_has_left_out && !m_has_given ? 0 : lost();
+    const uint64_t all = lost();
     return all - std::min(all, m_told);
 }
 
@@ -57,8 +50,8 @@ void ring_source::look(bool is_last)
 
 const captured *ring_source::next()
 {
-    const bool due = !m_waiting.empty() &&
-                     (m_is_last || missing() == 0 || m_waiting.size() > window || m_looks > patient_looks);
+    const bool due = !m_waiting.empty() && (m_is_last || missing() == 0 ||
+                                            m_waiting.size() > overtaken_most || m_looks > patient_looks);
     return due ? &m_waiting.begin()->second : nullptr;
 }
 
@@ -83,18 +76,70 @@ pcapng_source::pcapng_source(const std::string &path)
 
 const captured *pcapng_source::next()
 {
-    if (!m_is_there && !m_is_over) {
-        try {
-            m_is_there = m_reader.next(m_record, m_missing);
-        } catch (const l2vpn::capture::bad_file &bad) {
-            if (m_reader.summary().records == 0) {
-                throw;
-            }
-            m_damage = bad.what();
-        }
-        m_is_over = !m_is_there;
+    while (m_waiting.size() <= overtaken_most && read()) {
     }
-    return m_is_there ? &m_record : nullptr;
+    return m_waiting.empty() ? nullptr : &m_waiting.front().record;
+}
+
+/* False: there is no more. */
+bool pcapng_source::read()
+{
+    waiting made{};
+    bool is_there = false;
+    try {
+        is_there = !m_is_over && m_reader.next(made.record, made.missing);
+    } catch (const l2vpn::capture::bad_file &bad) {
+        if (m_reader.summary().records == 0) {
+            throw;
+        }
+        m_damage = bad.what();
+    }
+    m_is_over = !is_there;
+    if (is_there) {
+        put_in_order(std::move(made));
+    }
+    return is_there;
+}
+
+/* Numbers that begin again were not overtaken: what was has its place between two of the same recorder. */
+void pcapng_source::put_in_order(waiting &&made)
+{
+    const captured &late = made.record;
+    const auto is_of_same = [&late](const waiting &other) {
+        const captured &one = other.record;
+        return one.interface == late.interface && one.head.by == late.head.by &&
+               (late.head.by == l2vpn::capture::observer::process || one.head.pid == late.head.pid);
+    };
+    auto place = m_waiting.end();
+    for (auto at = m_waiting.end(); at != m_waiting.begin();) {
+        --at;
+        const uint64_t number = at->record.head.number;
+        if (!is_of_same(*at)) {
+            continue;
+        }
+        if (number == late.head.number || number > late.head.number + overtaken_most) {
+            break;
+        }
+        if (number < late.head.number) {
+            const auto gap = std::find_if(place, m_waiting.end(), [&is_of_same](const waiting &behind) {
+                return behind.missing > 0 && is_of_same(behind);
+            });
+            if (gap != m_waiting.end()) {
+                gap->missing--;
+                m_overtaken++;
+            }
+            m_waiting.insert(place, std::move(made));
+            return;
+        }
+        place = at;
+    }
+    m_waiting.push_back(std::move(made));
+}
+
+uint64_t pcapng_source::lost() const
+{
+    const uint64_t all = m_reader.summary().lost;
+    return all - std::min(all, m_overtaken);
 }
 
 std::string pcapng_source::fault() const

@@ -9,9 +9,13 @@
 #include "recordings.h"
 #include "ring_reader.h"
 
+#include <deque>
 #include <fstream>
 
 namespace l2vpnctl {
+
+/* Records behind one that threads have overtaken while they recorded, too. */
+constexpr size_t overtaken_most = 64;
 
 /* All throw bad_file. */
 class record_source {
@@ -25,27 +29,24 @@ public:
     virtual std::string name() const = 0;
     /* The record to be given next, if there is one by now. */
     virtual const captured *next() = 0;
-    /* Gives it; `others_miss`: the least that other sources of the same record miss before it. False: no more is
-     * wanted. */
-    bool give(size_t index, record_consumer &to, uint64_t others_miss = UINT64_MAX);
-    /* Another source gives it. What this one misses before it. */
-    uint64_t leave_out();
-    /* Behind what was given, when everything was. Of a mere copy the other one tells. */
+    /* Before it. */
+    virtual uint64_t missing() const = 0;
+    /* Gives it, with what is missing before it. False: no more is wanted. */
+    bool give(size_t index, record_consumer &to, uint64_t lost);
+    /* It is over, given or not. */
+    void pass();
+    /* What is missing, beside what was before records that were passed. */
     uint64_t lost_at_end() const;
     /* What was found to be wrong with what was read; empty: nothing. */
     virtual std::string fault() const { return {}; }
 
 private:
-    /* Before the next one. */
-    virtual uint64_t missing() const = 0;
-    /* It was given. */
+    /* The next one is over. */
     virtual void pop() = 0;
     /* Of all that there was. */
     virtual uint64_t lost() const = 0;
 
-    uint64_t m_told = 0; /* that were said to be missing */
-    bool m_has_given = false;
-    bool m_has_left_out = false;
+    uint64_t m_told = 0; /* that were missing before those that were passed */
 };
 
 /* Gives the records of one ring by number. Threads that record at the same moment swap places: a gap counts only
@@ -56,12 +57,12 @@ public:
 
     std::string name() const override { return m_ring.process() + "-" + std::to_string(m_ring.pid()); }
     const captured *next() override;
+    uint64_t missing() const override;
     bool ended() const { return m_ring.writer_ended(); }
     /* Takes what is new. With `is_last`, nothing is waited for any more. */
     void look(bool is_last);
 
 private:
-    uint64_t missing() const override;
     void pop() override;
     uint64_t lost() const override { return m_ring.lost(); }
 
@@ -73,26 +74,33 @@ private:
     std::multimap<uint64_t, captured> m_waiting;
 };
 
-/* A file is read as it is asked for. */
+/* Gives the records of a file, which is read as it is asked for. A record that was overtaken, as where a ring was
+ * followed, is put back among those just behind it. */
 class pcapng_source : public record_source {
 public:
     explicit pcapng_source(const std::string &path);
 
     std::string name() const override { return m_name; }
     const captured *next() override;
+    uint64_t missing() const override { return m_waiting.front().missing; }
     std::string fault() const override;
 
 private:
-    uint64_t missing() const override { return m_missing; }
-    void pop() override { m_is_there = false; }
-    uint64_t lost() const override { return m_reader.summary().lost; }
+    struct waiting {
+        captured record;
+        uint64_t missing;
+    };
+
+    void pop() override { m_waiting.pop_front(); }
+    uint64_t lost() const override;
+    bool read();
+    void put_in_order(waiting &&made);
 
     std::string m_name;
     std::ifstream m_file;
     l2vpn::capture::pcapng_reader m_reader;
-    captured m_record{};
-    uint64_t m_missing = 0;
-    bool m_is_there = false;
+    std::deque<waiting> m_waiting;
+    uint64_t m_overtaken = 0; /* that the file takes for lost */
     bool m_is_over = false;
     std::string m_damage; /* where it ends, therefore */
 };

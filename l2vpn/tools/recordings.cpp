@@ -22,6 +22,7 @@ namespace {
 using l2vpn::capture::bad_file;
 
 constexpr int look_again_ms = 20;
+constexpr uint64_t a_moment = 1'000'000'000; /* nanoseconds */
 
 volatile sig_atomic_t s_stopped = 0;
 
@@ -49,7 +50,7 @@ void follow(const command_line &line, const std::string &path, record_consumer &
         is_last = ended || s_stopped != 0;
         from.look(is_last);
         while (wanted && from.next() != nullptr) {
-            wanted = from.give(0, to);
+            wanted = from.give(0, to, from.missing());
         }
         to.idle();
         if (wanted && !is_last) {
@@ -84,6 +85,8 @@ void follow_process(const command_line &line, record_consumer &to)
 struct opened_file {
     std::string path;
     std::unique_ptr<record_source> source;
+    uint64_t latest = 0;             /* which of all records it had last, counted from 1 on */
+    std::vector<size_t> beside = {}; /* the files that have that one */
 
     const captured *next() const
     {
@@ -122,32 +125,77 @@ bool comes_before(const captured &one, const captured &other)
     return rank(one) < rank(other);
 }
 
+/* One part of a capture begins where another ends, with records of the same moment: there the numbers say which was
+ * first. */
+bool must_wait(const opened_file &part, const opened_file &before)
+{
+    const captured &first = *part.next();
+    const captured &due = *before.next();
+    const auto is_named = [](const captured &of) { return of.interface && !of.interface->empty(); };
+    return part.latest == 0 && before.latest > 0 && is_named(first) && is_named(due) &&
+           *first.interface == *due.interface && first.head.by == due.head.by &&
+           (due.head.by == l2vpn::capture::observer::process || first.head.pid == due.head.pid) &&
+           first.head.number > due.head.number && first.head.number - due.head.number <= overtaken_most &&
+           first.time < due.time && due.time - first.time < a_moment;
+}
+
 std::optional<size_t> find_next(const std::vector<opened_file> &files)
 {
     std::optional<size_t> found;
-    const captured *first = nullptr;
     for (size_t i = 0; i < files.size(); i++) {
         const captured *next = files[i].next();
-        if (next != nullptr && (first == nullptr || comes_before(*next, *first))) {
-            first = next;
-            found = i;
+        if (next == nullptr) {
+            continue;
         }
+        const bool is_first =
+            !found || must_wait(files[*found], files[i]) ||
+            (comes_before(*next, *files[*found].next()) && !must_wait(files[i], files[*found]));
+        found = is_first ? i : *found;
     }
     return found;
 }
 
-/* Where others have the same record, too, it is given once, and is missing what all of them miss. */
-bool give_next(const std::vector<opened_file> &files, size_t index, record_consumer &to)
+/* Where others have the same record, too, it is given once. What all of them miss is missing before it; whoever begins
+ * with it does not know what was before. */
+bool give_next(std::vector<opened_file> &files, size_t index, uint64_t number, record_consumer &to)
 {
-    record_source &from = *files[index].source;
-    uint64_t others_miss = UINT64_MAX;
+    const captured &record = *files[index].next();
+    std::vector<size_t> holders;
+    std::optional<uint64_t> least;
+    uint64_t at_beginnings = 0;
     for (size_t i = 0; i < files.size(); i++) {
         const captured *next = files[i].next();
-        if (i != index && next != nullptr && is_same_record(*next, *from.next())) {
-            others_miss = std::min(others_miss, files[i].source->leave_out());
+        if (next == nullptr || !is_same_record(*next, record)) {
+            continue;
+        }
+        const uint64_t missing = files[i].source->missing();
+        if (files[i].latest > 0) {
+            least = std::min(least.value_or(missing), missing);
+        } else {
+            at_beginnings = std::max(at_beginnings, missing);
+        }
+        holders.push_back(i);
+    }
+    for (const size_t i : holders) {
+        files[i].latest = number;
+        files[i].beside = holders;
+        if (i != index) {
+            files[i].source->pass();
         }
     }
-    return from.give(index, to, others_miss);
+    return files[index].source->give(index, to, least.value_or(at_beginnings));
+}
+
+/* Of files that end with the same record, one tells what is missing then: whichever misses most. Where another goes
+ * on, that one has it, or says itself that it is missing. */
+uint64_t lost_at_end(const std::vector<opened_file> &files, size_t index)
+{
+    const uint64_t lost = files[index].source->lost_at_end();
+    const bool is_told = std::ranges::any_of(files[index].beside, [&](size_t other) {
+        const uint64_t also = files[other].source->lost_at_end();
+        return files[other].latest > files[index].latest || also > lost || (also == lost && other < index);
+    });
+    return is_told ? 0 : lost;
 }
 
 void read_files(const std::vector<std::string> &paths, record_consumer &to)
@@ -162,16 +210,16 @@ void read_files(const std::vector<std::string> &paths, record_consumer &to)
     stop_on_signals();
     to.begin(names);
     bool wanted = true;
-    while (wanted && s_stopped == 0) {
+    for (uint64_t number = 1; wanted && s_stopped == 0; number++) {
         const std::optional<size_t> index = find_next(files);
         if (!index) {
             break;
         }
-        wanted = give_next(files, *index, to);
+        wanted = give_next(files, *index, number, to);
     }
     wanted = wanted && s_stopped == 0;
     for (size_t i = 0; i < files.size(); i++) {
-        to.end(i, wanted ? files[i].source->lost_at_end() : 0);
+        to.end(i, wanted ? lost_at_end(files, i) : 0);
     }
     std::string faults;
     for (const opened_file &file : files) {

@@ -1,10 +1,13 @@
 /*
  * Files that hold the same records, all or some: each is read once, and none that only looks like another is left out.
  */
+#include "pcapng_reader.h"
+#include "pcapng_writer.h"
 #include "recorded.h"
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <numeric>
 
 using namespace process_test;
@@ -22,6 +25,46 @@ protected:
                                                  : row["number"].get<int64_t>());
         }
         return found;
+    }
+
+    static l2vpn::capture::captured refused(uint64_t number)
+    {
+        l2vpn::capture::captured made{};
+        made.time = 1'790'000'000'000'000'000 + number;
+        made.head.kind = l2vpn::capture::record_kind::link_refused;
+        made.head.by = l2vpn::capture::observer::process;
+        made.head.number = number;
+        return made;
+    }
+
+    /* A capture of one process's records; -N where N are missing, also at its end. */
+    std::string make(const std::string &name, const std::vector<int64_t> &numbers)
+    {
+        l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
+        writer.add_interface("l2vpnd-1");
+        uint64_t missing = 0;
+        uint64_t all_missing = 0;
+        for (const int64_t number : numbers) {
+            if (number < 0) {
+                missing = static_cast<uint64_t>(-number);
+                all_missing += missing;
+                continue;
+            }
+            writer.add(0, refused(static_cast<uint64_t>(number)), missing);
+            missing = 0;
+        }
+        writer.add_statistics(0, numbers.size(), all_missing);
+        writer.place();
+        return m_dir.file(name);
+    }
+    void expect_together(const std::vector<std::vector<int64_t>> &files, const std::vector<int64_t> &expected)
+    {
+        std::vector<std::string> arguments;
+        for (const std::vector<int64_t> &file : files) {
+            const std::string name = std::to_string(arguments.size()) + ".pcapng";
+            arguments.insert(arguments.end(), {"--read", make(name, file)});
+        }
+        EXPECT_EQ(numbers(arguments), expected);
     }
 };
 
@@ -76,6 +119,146 @@ TEST_F(overlapping, captures_that_overlap_make_one_without_a_gap)
         EXPECT_EQ(told["verdict"]["code"], "not-provisioned:not-told");
         EXPECT_EQ(told["notes"], json::array()) << "nothing is missing, or overwritten";
     }
+}
+
+/* What begins there does not know what was before. */
+TEST_F(overlapping, what_is_missing_before_the_beginning_of_another_file_is_told)
+{
+    const std::vector<int64_t> lossy = {0, 1, -5, 7, 8};
+    expect_together({lossy, {7, 8}}, lossy);
+    expect_together({{7, 8}, lossy}, lossy);
+    expect_together({{7, 8}, {-7, 7, 8}, lossy}, lossy);
+    expect_together({{7, 8}, {-7, 7, 8}}, {-7, 7, 8});
+    expect_together({{-7, 7, 8}, {7, 8}}, {-7, 7, 8});
+}
+
+TEST_F(overlapping, what_is_missing_at_the_end_is_told_once)
+{
+    const std::vector<int64_t> lossy = {0, 1, 2, -5};
+    expect_together({lossy, {0, 1, 2}}, lossy);
+    expect_together({{0, 1, 2}, lossy}, lossy);
+    expect_together({{0, 1, 2}, lossy, lossy}, lossy);
+    expect_together({lossy, lossy}, lossy);
+    expect_together({{1, 2, -5}, lossy}, lossy);
+    expect_together({{0, 1, 2, -2}, lossy}, lossy);
+    const std::vector<int64_t> longer = {0, 1, 2, 3, 4, 5, 6, 7, 8};
+    for (const std::vector<int64_t> &other : {longer, {2, 3, 4, 5, 6, 7, 8}}) {
+        expect_together({lossy, other}, longer);
+        expect_together({other, lossy}, longer);
+        expect_together({other, lossy, {1, 2}}, longer);
+    }
+    expect_together({lossy, {7, 8}}, {0, 1, 2, 7, 8, -5});
+    expect_together({{-5}, {0, 1}}, {0, 1, -5});
+}
+
+/* As where a ring was followed, and a thread was late: its record is missing in the file until it comes. */
+TEST_F(overlapping, what_was_overtaken_is_put_back_and_not_missing)
+{
+    const std::vector<int64_t> late = {0, -2, 3, 1, 2, 4};
+    const std::vector<int64_t> right = {0, 1, 2, 3, 4};
+    expect_together({late}, right);
+    expect_together({late, right}, right);
+    expect_together({right, late}, right);
+    expect_together({{0, 2, 1, 3, 4}, late}, right);
+    expect_together({{0, -2, 3, 2, 1, 4}}, right);
+    expect_together({{0, -3, 4, 2, 5, -2}}, {0, 2, -2, 4, 5, -2});
+    expect_together({{0, -2, 3, 2, -1, 5, 4}}, {0, 2, -1, 3, 4, 5});
+}
+
+TEST_F(overlapping, numbers_that_begin_again_are_not_put_back)
+{
+    for (const std::vector<int64_t> &again :
+         {std::vector<int64_t>{5, 6, 7, 0, 1, 2}, {0, 1, 2, 0, 1, 2}, {5, 6, 5, 6}, {2, 1, 0}}) {
+        expect_together({again}, again);
+    }
+    expect_together({{0, -99, 100, 9, 10}}, {0, -99, 100, 9, 10});
+}
+
+/* The last of one part and the first of the next were recorded at the same moment, and the clock read in between. */
+TEST_F(overlapping, parts_are_read_in_the_order_of_their_numbers)
+{
+    const auto part = [&](const std::string &name, const std::string &ring,
+                          const std::vector<std::pair<uint64_t, uint64_t>> &records) {
+        l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
+        writer.add_interface(ring);
+        for (const auto &[number, time] : records) {
+            l2vpn::capture::captured made = refused(number);
+            made.time = time;
+            writer.add(0, made, 0);
+        }
+        writer.place();
+    };
+    const auto expect_read = [&](const std::vector<int64_t> &expected) {
+        EXPECT_EQ(numbers({"--read", m_dir.file("1"), "--read", m_dir.file("2")}), expected);
+        EXPECT_EQ(numbers({"--read", m_dir.file("2"), "--read", m_dir.file("1")}), expected);
+    };
+    constexpr uint64_t second = 1'000'000'000;
+    part("1", "l2vpnd-1", {{0, 10}, {1, 14}, {2, 15}});
+    part("2", "l2vpnd-1", {{3, 12}, {4, 13}, {5, 20}});
+    expect_read({0, 1, 2, 3, 4, 5});
+    part("2", "l2vpnd-2", {{3, 12}, {4, 13}, {5, 20}});
+    expect_read({0, 3, 4, 1, 2, 5}); /* another process */
+    part("1", "l2vpnd-1", {{0, 10}, {1, 14 + second}});
+    part("2", "l2vpnd-1", {{3, 12}, {4, 13}});
+    expect_read({0, 3, 4, 1}); /* not at the same moment */
+    part("1", "l2vpnd-1", {{0, 10}, {1, 14}});
+    part("2", "l2vpnd-1", {{70, 12}, {71, 13}});
+    expect_read({0, 70, 71, 1});
+    part("1", "l2vpnd-1", {{40, 10}, {41, 14}});
+    part("2", "l2vpnd-1", {{0, 12}, {1, 15}});
+    expect_read({40, 0, 41, 1}); /* one that has begun again */
+}
+
+/* Each interface counts for itself. */
+TEST_F(overlapping, what_another_has_recorded_is_not_overtaken)
+{
+    const std::vector<std::pair<uint32_t, uint64_t>> written = {{0, 10}, {1, 20}, {0, 11}, {1, 21}, {0, 12}};
+    {
+        l2vpn::capture::pcapng_writer writer(m_dir.file("two.pcapng"), true, "test");
+        writer.add_interface("l2vpnd-1");
+        writer.add_interface("l2vpnd-1");
+        for (const auto &[interface, number] : written) {
+            writer.add(interface, refused(number), 0);
+        }
+        writer.place();
+    }
+    EXPECT_EQ(numbers({"--read", m_dir.file("two.pcapng")}), (std::vector<int64_t>{10, 20, 11, 21, 12}));
+}
+
+TEST_F(overlapping, explain_and_timeline_tell_the_same_where_a_record_was_overtaken)
+{
+    const std::string file = m_dir.file("x.pcapng");
+    const std::string page = m_dir.file("x.html");
+    const auto tell = [&] {
+        const system_test::result told = ctl({"explain", "0x11", "--read", file, "--json"});
+        EXPECT_EQ(told.status, 0) << told.err;
+        EXPECT_EQ(ctl({"timeline", file, "-o", page, "--force"}).status, 0);
+        return std::pair(json::parse(told.out), system_test::read_file(page));
+    };
+    ASSERT_EQ(ctl({"capture", "-w", file, "--from-ring", make_history()}).status, 0);
+    const auto right = tell();
+    std::vector<l2vpn::capture::captured> records;
+    {
+        std::ifstream whole(file, std::ios::binary);
+        l2vpn::capture::pcapng_reader reader(whole);
+        l2vpn::capture::captured record{};
+        for (uint64_t lost = 0; reader.next(record, lost);) {
+            records.push_back(record);
+        }
+    }
+    ASSERT_EQ(records.size(), 4U);
+    {
+        l2vpn::capture::pcapng_writer writer(file, true, "test");
+        writer.add_interface(*records[0].interface);
+        for (const size_t number : {0U, 2U, 1U, 3U}) {
+            writer.add(0, records[number], number == 2 ? 1 : 0);
+        }
+        writer.add_statistics(0, 4, 1);
+        writer.place();
+    }
+    const auto overtaken = tell();
+    EXPECT_EQ(overtaken.first, right.first);
+    EXPECT_EQ(overtaken.second, right.second);
 }
 
 /* One AC has another name there, one message is another link's: as of two processes. */
