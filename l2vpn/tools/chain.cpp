@@ -210,19 +210,19 @@ void chain::take_request(recorder_state &of, link_state &on, chain_step made)
         made.why = "its client has said it since over a newer link";
     } else if (is_create) {
         made.code = now.where != place::held ? "created" : now.link == link ? "created-anew" : "taken-over";
-        now = {.where = place::held, .link = link, .is_created = true};
+        now = {.where = place::held, .link = link, .since = made.time, .is_created = true};
         now.batched = strcmp(made.batch, "opens") == 0 || strcmp(made.batch, "inside") == 0;
     } else if (has) {
         made.code = is_delete ? "deleted" : "updated";
         now.where = is_delete ? place::deleted : place::held;
         now.link = link;
+        now.since = made.time;
         now.in_doubt = false;
     } else {
         made.code = is_delete ? "delete-ignored" : "update-ignored";
         made.is_fault = true;
         made.why = "the owner does not have it";
     }
-    now.since = made.time;
     tell(on, std::move(made));
 }
 

@@ -127,6 +127,7 @@ TEST(chain, leaves_an_ac_with_a_newer_link_of_its_client)
     EXPECT_EQ(codes(story), "created create-ignored update-ignored");
     EXPECT_EQ(story.latest({})->link, 2U);
     EXPECT_FALSE(story.steps()[1].is_fault) << "nothing is to be done";
+    EXPECT_EQ(story.latest({})->since, 1000U) << "nor has anything changed";
     story.take(0, ended(3, 2));
     story.take(0, over(1, received(4, create(3, {handle}))));
     EXPECT_EQ(codes(story), "created create-ignored update-ignored withdrawn created")
