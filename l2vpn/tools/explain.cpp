@@ -151,8 +151,10 @@ void explainer::find_rings(const std::string &folder, const std::string &own)
     found = distinct(found);
     const size_t most = most_rings();
     if (const size_t kept = most - std::min(most, named.size()); found.size() > kept) {
-        m_out.note("recording:unreadable", found[kept] + " and " + std::to_string(found.size() - kept - 1) +
-                                               " others: " + strerror(EMFILE));
+        const size_t others = found.size() - kept - 1;
+        m_out.note("recording:unreadable",
+                   found[kept] + (others > 0 ? " and " + std::to_string(others) + " others" : "") + ": " +
+                       strerror(EMFILE));
         found.resize(kept);
     }
     found.insert(found.end(), named.begin(), named.end());

@@ -88,13 +88,20 @@ TEST_F(explained, more_rings_than_files_may_be_open_are_said)
         EXPECT_EQ(done.status, 0) << done.err;
         return json::parse(done.out);
     };
+    const auto unreadable = [](const json &told) {
+        EXPECT_TRUE(has_note(told, "recording:unreadable"));
+        return told["notes"][0].value("text", "");
+    };
     const json raised = with_limits("ulimit -Sn 64");
     EXPECT_EQ(raised["searched"].size(), many + 1U) << "as many as can be";
     EXPECT_FALSE(has_note(raised, "recording:unreadable"));
     const json limited = with_limits("ulimit -n 64");
-    EXPECT_TRUE(has_note(limited, "recording:unreadable"));
+    EXPECT_THAT(unreadable(limited), HasSubstr(".ring and 68 others: "));
     EXPECT_EQ(limited["searched"].size(), 32U);
     EXPECT_FALSE(limited["now"].is_null()) << "what the process holds is told all the same";
+    const json but_one = with_limits("ulimit -n 132");
+    EXPECT_THAT(unreadable(but_one), HasSubstr(".ring: "));
+    EXPECT_EQ(but_one["searched"].size(), 100U);
 }
 
 /* As an owner has it that may not write to the process's folder. */
