@@ -154,8 +154,8 @@ void chain::take_message(recorder_state &of, size_t source, const captured &reco
             made.why = sound.fault;
             if (of.now.where == standing::place::unheard) {
                 of.now.where = standing::place::dropped;
+                of.now.since = record.time;
             }
-            of.now.since = record.time;
             tell(on, std::move(made));
         }
     } else {

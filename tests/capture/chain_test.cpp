@@ -137,6 +137,28 @@ TEST(chain, leaves_an_ac_with_a_newer_link_of_its_client)
         << "a newer one takes it";
 }
 
+TEST(chain, does_not_take_what_is_dropped_or_ignored_for_a_change)
+{
+    octets malformed = update(3, {handle}, 1);
+    malformed.pop_back();
+    chain story({7, 3, handle});
+    story.take(0, received(0, malformed));
+    EXPECT_EQ(story.latest({})->since, 1000U);
+    story.take(0, received(1, malformed));
+    EXPECT_EQ(story.latest({})->since, 1000U);
+    story.take(0, received(2, create(3, {handle})));
+    EXPECT_EQ(story.latest({})->since, 1002U);
+    story.take(0, received(3, malformed));
+    EXPECT_EQ(story.latest({})->since, 1002U);
+    story.take(0, received(4, update(3, {handle}, 1)));
+    EXPECT_EQ(story.latest({})->since, 1004U);
+    story.take(0, received(5, remove({handle})));
+    story.take(0, received(6, remove({handle})));
+    EXPECT_EQ(story.latest({})->since, 1005U);
+    EXPECT_EQ(codes(story),
+              "dropped:length dropped:length created dropped:length updated deleted delete-ignored");
+}
+
 TEST(chain, takes_over_from_a_newer_link_of_another_client)
 {
     for (const auto &[older, newer] : {std::pair(4711U, 4712U), std::pair(0U, 0U)}) {
