@@ -58,6 +58,11 @@ std::string control_path(const std::string &runtime_dir)
     return path.substr(0, path.rfind('/') + 1) + "L2VPN.ctl";
 }
 
+failure odd_answer(const std::string &path)
+{
+    return {exit_broken, "l2vpnd at " + path + ": its answer is not as it should be"};
+}
+
 control_link::control_link(std::string path, std::chrono::milliseconds patience)
     : m_path(std::move(path)), m_patience(patience), m_deadline(clock::now() + patience)
 {
@@ -155,15 +160,6 @@ json control_link::ask(const std::string &verb, const json &args,
                        const std::function<void(const json &row)> &row)
 {
     send(request_line(verb, args));
-    try {
-        return take_answer(row);
-    } catch (const json::exception &) {
-        broken(odd_answer);
-    }
-}
-
-json control_link::take_answer(const std::function<void(const json &row)> &row)
-{
     for (;;) {
         const json line = json::parse(read_line(), nullptr, false);
         if (!line.is_object()) {

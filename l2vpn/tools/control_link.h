@@ -32,7 +32,8 @@ struct failure {
 /* The control socket under a runtime directory; an empty one is the platform's default. */
 std::string control_path(const std::string &runtime_dir);
 
-constexpr const char *odd_answer = "its answer is not as it should be";
+/* To be thrown where json::exception tells that an answer of the process lacks something, or has it otherwise. */
+failure odd_answer(const std::string &path);
 
 class control_link {
 public:
@@ -45,18 +46,16 @@ public:
     control_link &operator=(const control_link &) = delete;
 
     /* Calls `row` for each row of the answer and returns its result. Throws failure, also when the process
-     * refuses the request. */
+     * refuses the request; and json::exception. */
     json ask(const std::string &verb, const json &args, const std::function<void(const json &row)> &row);
-    /* Throws failure: `why` is what is wrong with the process's answer. */
-    [[noreturn]] void broken(const std::string &why) const;
 
 private:
+    /* Throws failure: `why` is what is wrong with the process's answer. */
+    [[noreturn]] void broken(const std::string &why) const;
     [[nodiscard]] std::chrono::milliseconds time_left() const;
     void wait_for(short events);
     void send(const std::string &line);
     std::string read_line();
-    /* Throws json::exception, too. */
-    json take_answer(const std::function<void(const json &row)> &row);
 
     std::string m_path;
     std::chrono::milliseconds m_patience;

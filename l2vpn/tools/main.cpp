@@ -42,11 +42,15 @@ void ask_for_programs(control_link &link, const command_line &line)
 void ask(const command_line &line)
 {
     control_link link(control_path(line.runtime_dir), line.patience);
-    try {
-        (line.as_json ? ask_for_programs : ask_for_people)(link, line);
-    } catch (const json::exception &) {
-        link.broken(odd_answer);
-    }
+    (line.as_json ? ask_for_programs : ask_for_people)(link, line);
+}
+
+/* Wherever an answer of the process is looked at. */
+void run(const command_line &line)
+try {
+    (line.what.run != nullptr ? line.what.run : ask)(line);
+} catch (const json::exception &) {
+    throw odd_answer(control_path(line.runtime_dir));
 }
 
 /* Of rings there can be many. */
@@ -69,11 +73,7 @@ int main(int argc, char **argv)
         if (const auto status = read_command_line(argc, argv, line)) {
             return *status;
         }
-        if (line.what.run != nullptr) {
-            line.what.run(line);
-        } else {
-            ask(line);
-        }
+        run(line);
         flush_out();
         return exit_ok;
     } catch (const failure &why) {
@@ -81,9 +81,6 @@ int main(int argc, char **argv)
             fprintf(stderr, "l2vpnctl: %s\n", why.text.c_str());
         }
         return why.status;
-    } catch (const json::exception &) {
-        fprintf(stderr, "l2vpnctl: l2vpnd: %s\n", odd_answer);
-        return exit_broken;
     } catch (const std::exception &error) {
         fprintf(stderr, "l2vpnctl: %s\n", error.what());
         return exit_failed;

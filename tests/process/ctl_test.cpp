@@ -161,6 +161,38 @@ TEST(ctl, says_when_an_answer_is_not_as_it_should_be)
     }
 }
 
+/* Also where it is looked at later, by verbs that do more than print it. */
+TEST(ctl, says_when_an_answer_lacks_something_or_has_it_otherwise)
+{
+    struct odd {
+        std::vector<std::string> verb;
+        std::string row;
+        std::string result;
+    };
+    const std::vector<odd> all = {
+        {{"status"}, "", R"({"uptime":"long"})"},
+        {{"provision", "--all"}, "", "{}"},
+        {{"show", "acs"}, R"({"owner":"me"})", "{}"},
+        {{"monitor"}, "", R"({"capture":5})"},
+        {{"capture", "-w", "none.pcapng"}, "", R"({"capture":[]})"},
+        {{"explain", "some"}, R"({"name":"some"})", "{}"},
+        {{"explain", "some"}, R"({"node":"1","class":3,"handle":1,"name":"some","owner":1})", "{}"},
+        {{"top", "--once"}, R"({"owner":1,"changes":2})", "{}"},
+        {{"top", "--once", "--json"}, R"({"owner":"one"})", "{}"},
+    };
+    for (const odd &one : all) {
+        const system_test::temp_dir dir;
+        const std::string rows = one.row.empty() ? "" : R"({"rows":[)" + one.row + "]}\n";
+        const impostor other(dir.path(), rows + R"({"ok":true,"result":)" + one.result + "}\n",
+                             impostor::then::close);
+        SCOPED_TRACE(one.verb[0] + " " + one.row + one.result);
+        std::vector<std::string> arguments = one.verb;
+        arguments.insert(arguments.end(), {"--runtime-dir", dir.path()});
+        expect_failure(run_ctl(arguments), 4,
+                       "l2vpnd at " + dir.file("L2VPN.ctl") + ": its answer is not as it should be\n");
+    }
+}
+
 TEST_F(daemon_test, ctl_prints_one_json_document_for_every_verb)
 {
     start();

@@ -11,10 +11,13 @@ namespace l2vpnctl {
 
 using namespace l2vpn::capture;
 
+/* Of a process of its own, which may be another program. */
 json player::ask(const std::string &verb, const json &args, const std::function<void(const json &row)> &row)
-{
+try {
     control_link to(m_control, m_patience);
     return to.ask(verb, args, row);
+} catch (const json::exception &) {
+    throw odd_answer(m_control);
 }
 
 /* Of one client, node and class, the latest link has the highest number. */
