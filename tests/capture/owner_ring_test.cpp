@@ -7,6 +7,7 @@
 #include "ring_reader.h"
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <dlfcn.h>
@@ -187,7 +188,8 @@ protected:
         make_dead();
         const std::string older = std::string(program_invocation_short_name) + "-" + m_dead_pid + ".ring.1";
         leave_dead(older);
-        fs::last_write_time(m_dir.file(older), fs::file_time_type::min());
+        fs::last_write_time(m_dir.file(older),
+                            fs::last_write_time(m_dir.file(m_dead)) - std::chrono::hours(1));
         return older;
     }
 

@@ -83,6 +83,17 @@ TEST_F(service_test, a_ring_that_its_group_cannot_have_is_told_of)
               "l2vpnd: " + ring + ": only its owner may read it: no group no-such-group-here\n");
 }
 
+/* The one that it makes itself, it would have to give away. */
+TEST_F(service_test, a_group_that_the_control_socket_cannot_have_is_told_of)
+{
+    const bound_socket links(owners(), SOCK_SEQPACKET);
+    start_with({links.fd()}, {"--group", "no-such-group-here"});
+    EXPECT_EQ(m_daemon->wait(), 1);
+    EXPECT_EQ(m_daemon->err(), "l2vpnd: no such group for the control socket " + operators() +
+                                   ": No such file or directory\n");
+    EXPECT_NE(access(operators().c_str(), F_OK), 0) << "nobody finds it there";
+}
+
 TEST_F(service_test, a_second_process_serves_on_the_same_sockets)
 {
     const bound_socket links(owners(), SOCK_SEQPACKET);
