@@ -145,7 +145,8 @@ uint64_t pcapng_source::lost() const
 std::string pcapng_source::fault() const
 {
     const l2vpn::capture::pcapng_summary read = m_reader.summary();
-    if (!m_damage.empty() || !read.ends_early.empty()) {
+    const bool has_ended = m_waiting.empty(); /* else nobody has come there */
+    if (has_ended && (!m_damage.empty() || !read.ends_early.empty())) {
         return m_damage.empty() ? read.ends_early : m_damage;
     }
     return read.damaged + read.foreign == 0 ? ""

@@ -237,6 +237,8 @@ TEST_F(recorded, what_is_sound_before_a_damaged_block_is_kept)
     const std::string kept = m_dir.file("kept.pcapng");
     expect_one_line(ctl({"capture", "-w", kept, "--from-ring", damaged}), 1, why);
     EXPECT_EQ(rows({"--read", kept}), std::vector<json>(all.begin(), all.begin() + 2));
+    EXPECT_EQ(rows({"--read", damaged, "--count", "1"}), std::vector<json>(all.begin(), all.begin() + 1))
+        << "what is behind it is no matter";
     const std::string both = m_dir.file("both.pcapng");
     expect_one_line(ctl({"capture", "-w", both, "--from-ring", damaged, "--from-ring", path}), 1, why);
     EXPECT_EQ(rows({"--read", both}).back(), all.back()) << "and all of the other one";
