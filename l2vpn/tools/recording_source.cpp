@@ -106,9 +106,7 @@ void pcapng_source::put_in_order(waiting &&made)
 {
     const captured &late = made.record;
     const auto is_of_same = [&late](const waiting &other) {
-        const captured &one = other.record;
-        return one.interface == late.interface && one.head.by == late.head.by &&
-               (late.head.by == l2vpn::capture::observer::process || one.head.pid == late.head.pid);
+        return other.record.interface == late.interface && has_same_observer(other.record, late);
     };
     auto place = m_waiting.end();
     for (auto at = m_waiting.end(); at != m_waiting.begin();) {

@@ -133,8 +133,7 @@ bool must_wait(const opened_file &part, const opened_file &before)
     const captured &due = *before.next();
     const auto is_named = [](const captured &of) { return of.interface && !of.interface->empty(); };
     return part.latest == 0 && before.latest > 0 && is_named(first) && is_named(due) &&
-           *first.interface == *due.interface && first.head.by == due.head.by &&
-           (due.head.by == l2vpn::capture::observer::process || first.head.pid == due.head.pid) &&
+           *first.interface == *due.interface && has_same_observer(first, due) &&
            first.head.number > due.head.number && first.head.number - due.head.number <= overtaken_most &&
            first.time < due.time && due.time - first.time < a_moment;
 }
@@ -265,6 +264,12 @@ std::vector<std::string> distinct(const std::vector<std::string> &paths)
         }
     }
     return out;
+}
+
+bool has_same_observer(const captured &one, const captured &other)
+{
+    return one.head.by == other.head.by &&
+           (one.head.by == l2vpn::capture::observer::process || one.head.pid == other.head.pid);
 }
 
 bool is_same_record(const captured &one, const captured &other)

@@ -87,6 +87,9 @@ bool is_stopped();
 /* Each file once, however it is spelled. */
 std::vector<std::string> distinct(const std::vector<std::string> &paths);
 
+/* Both of the process, or of one owner; there may be several processes. */
+bool has_same_observer(const captured &one, const captured &other);
+
 /* Of the same recorder at the same moment; of the message, one may have kept less. */
 bool is_same_record(const captured &one, const captured &other);
 
