@@ -15,26 +15,30 @@ constexpr size_t arena_max = size_t{64} << 20;
 
 void slot_array::arena_delete::operator()(uint8_t *memory) const
 {
-    if (mapped > 0) {
-        munmap(memory, mapped);
+    if (mapping != nullptr) {
+        munmap(mapping, size);
     } else {
         ::operator delete(memory);
     }
 }
 
-/* A large one is a mapping of its own: an allocator would keep it when it goes. */
+/* A large one is a mapping of its own: an allocator would keep it when it goes. Not every kernel places a mapping
+ * where its huge pages begin; what is asked for more is never touched. */
 slot_array::arena slot_array::allocate(size_t bytes)
 {
     if (bytes < huge_page) {
-        return {static_cast<uint8_t *>(::operator new(bytes)), arena_delete{0}};
+        return {static_cast<uint8_t *>(::operator new(bytes)), arena_delete{nullptr, 0}};
     }
-    const size_t size = (bytes + huge_page - 1) / huge_page * huge_page;
-    void *const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
+    const size_t wanted = (bytes + huge_page - 1) / huge_page * huge_page;
+    const size_t size = wanted + huge_page;
+    void *const mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapping == MAP_FAILED) {
         throw std::bad_alloc();
     }
-    (void)madvise(memory, size, MADV_HUGEPAGE); /* refused, it only takes longer */
-    return {static_cast<uint8_t *>(memory), arena_delete{size}};
+    const uintptr_t behind = reinterpret_cast<uintptr_t>(mapping) % huge_page;
+    uint8_t *const begin = static_cast<uint8_t *>(mapping) + (behind > 0 ? huge_page - behind : 0);
+    (void)madvise(begin, wanted, MADV_HUGEPAGE); /* refused, it only takes longer */
+    return {begin, arena_delete{mapping, size}};
 }
 
 void slot_array::add_arena(size_t chunks)

@@ -35,7 +35,8 @@ private:
     static constexpr uint32_t chunk_slots = 256;
 
     struct arena_delete {
-        size_t mapped; /* bytes; 0: allocated */
+        void *mapping; /* null: allocated */
+        size_t size;   /* of the mapping */
         void operator()(uint8_t *memory) const;
     };
     using arena = std::unique_ptr<uint8_t, arena_delete>;

@@ -3,18 +3,19 @@
 #include <cstdint>
 #include <cstdlib>
 #include <sys/mman.h>
+#include <unistd.h>
 
 namespace l2vpn::platform_core {
 
 namespace {
 
 constexpr std::size_t huge_from = std::size_t{4} << 20;
-constexpr std::uintptr_t page = 4096; // where it is more the advice is refused
 
-// Large arrays are better off on huge pages: first touched a page of 4 KiB each, they cost more than what is
-// written into them. Advice only: without such pages, or where it is refused, nothing changes.
+// Large arrays are better off on huge pages: first touched a small page each, they cost more than what is written
+// into them. Advice only: without such pages, or where it is refused, nothing changes.
 void advise_huge_pages(void *memory, std::size_t bytes) noexcept
 {
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE)); // 4 to 64 KiB
     const auto begin = reinterpret_cast<std::uintptr_t>(memory);
     const std::uintptr_t first = (begin + page - 1) / page * page;
     static_cast<void>(

@@ -1,5 +1,5 @@
 /*
- * What large allocations ask of the kernel. This program stands in front of madvise().
+ * What large allocations ask of the kernel. This program stands in front of madvise() and sysconf().
  */
 #include <platform/platform.h>
 
@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -21,6 +22,7 @@ struct advice {
 
 std::vector<advice> *s_given;
 bool s_refuses;
+long s_page_size; /* 0: the machine's own */
 
 constexpr std::size_t mebibyte = std::size_t{1} << 20;
 
@@ -64,9 +66,17 @@ extern "C" __attribute__((visibility("default"))) int madvise(void *at, size_t s
     return 0;
 }
 
+/* The C library's own, by its other name. */
+extern "C" long __sysconf(int name) noexcept;
+
+extern "C" __attribute__((visibility("default"))) long sysconf(int name) noexcept
+{
+    return name == _SC_PAGESIZE && s_page_size != 0 ? s_page_size : __sysconf(name);
+}
+
 namespace {
 
-TEST(large_memory, asks_for_huge_pages_from_4_mebibytes_on)
+void expect_whole_pages(std::size_t page)
 {
     for (const std::size_t size : {4 * mebibyte, 4 * mebibyte + 1, 23 * mebibyte}) {
         SCOPED_TRACE(size);
@@ -74,12 +84,28 @@ TEST(large_memory, asks_for_huge_pages_from_4_mebibytes_on)
         const std::vector<advice> given = advice_for(size, 1, begin);
         ASSERT_EQ(given.size(), 1u);
         EXPECT_EQ(given[0].kind, MADV_HUGEPAGE);
-        EXPECT_EQ(given[0].begin % 4096, 0u) << "whole pages only";
-        EXPECT_EQ(given[0].size % 4096, 0u) << "whole pages only";
+        EXPECT_EQ(given[0].begin % page, 0u) << "whole pages only";
+        EXPECT_EQ(given[0].size % page, 0u) << "whole pages only";
         EXPECT_GE(given[0].begin, begin);
         EXPECT_LE(given[0].begin + given[0].size, begin + size) << "not of memory that is others'";
-        EXPECT_GT(given[0].size, size - 2 * std::size_t{4096}) << "all of it";
+        EXPECT_GT(given[0].size, size - 2 * page) << "all of it";
     }
+}
+
+TEST(large_memory, asks_for_huge_pages_from_4_mebibytes_on)
+{
+    expect_whole_pages(static_cast<std::size_t>(sysconf(_SC_PAGESIZE)));
+}
+
+/* As some processors have them. */
+TEST(large_memory, asks_for_whole_pages_where_they_are_larger)
+{
+    for (const long page : {16L << 10, 64L << 10}) {
+        SCOPED_TRACE(page);
+        s_page_size = page;
+        expect_whole_pages(static_cast<std::size_t>(page));
+    }
+    s_page_size = 0;
 }
 
 TEST(large_memory, counts_elements_times_their_size)
