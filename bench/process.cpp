@@ -1,12 +1,13 @@
 /*
  * l2vpn_bench_process L2VPND [OWNERSx]ACS FILE: an owner on the Linux platform hands ACs to the L2VPN process, changes
- * and withdraws them; a few times, to a fresh process each. Adds what that cost both, the memory of both, and what the
- * ring of the owner's latest messages adds to a small request, to the figures in FILE. With OWNERS that is what so many
- * of them cost, each a process of its own with so many ACs, all at once.
+ * and withdraws them; a few times, to a fresh process each. Adds what that cost both, the memory of both, what the
+ * ring of the owner's latest messages adds to a small request, and what the platform adds to a sendmsg(), to the figures
+ * in FILE. With OWNERS that is what so many of them cost, each a process of its own with so many ACs, all at once.
  */
 #include "crowd.h"
 #include "l2vpnd.h"
 #include "measure.h"
+#include "sends.h"
 
 #include <platform/config.h>
 
@@ -74,6 +75,7 @@ struct costs {
 nlohmann::ordered_json measure_process(const char *program, uint32_t acs)
 {
     const folder runtime;
+    nlohmann::ordered_json sends = measure_sends(acs <= 300 ? 0 : 1);
     create_job job(0, 65536, acs);
     linked_owner owner;
     const std::span<const operation> all = operations();
@@ -100,7 +102,10 @@ nlohmann::ordered_json measure_process(const char *program, uint32_t acs)
     nlohmann::ordered_json requests;
     for (size_t i = 0; i < all.size(); ++i)
         requests.push_back(measured[i].low(all[i]));
-    return {{"acs", acs}, {"requests", std::move(requests)}, {"ring", std::move(ring)}};
+    return {{"acs", acs},
+            {"requests", std::move(requests)},
+            {"ring", std::move(ring)},
+            {"sends", std::move(sends)}};
 }
 
 } // namespace

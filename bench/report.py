@@ -143,6 +143,17 @@ def ahead_table(run):
     return table(["job", "who is ahead", "library's time / its", "most so at: ACs, MTU", "jobs"], rows)
 
 
+def sends_table(run):
+    """The Linux platform's send beside a sendmsg loop."""
+    for figure in run.all.get("process", [])[:1]:
+        if "sends" in figure:
+            rows = [[f"create of {of['acs']:,}", f"{of['messages']:,}", f"{of['bytes']:,}", number(of["platform_ns"]),
+                     number(of["sendmsg_ns"]), number(of["platform_ns"] / of["sendmsg_ns"])] for of in figure["sends"]]
+            yield ("The messages of a create, made before, through a link of the Linux platform's and through a socket of "
+                   "the same kind by a loop of `sendmsg`, of the same pieces, each to a process that takes all:")
+            yield table(["sent", "messages", "bytes", "platform, ns", "sendmsg, ns", "platform / sendmsg"], rows)
+
+
 def owners_text(run):
     for figure in run.all.get("owners", []):
         yield (f"{figure['owners']} owners in one process, each a client with a thread of its own, create, update "
@@ -183,6 +194,7 @@ def measured(run):
     parts += ["### Where others are ahead", "Of the whole requests above, every ratio beyond 1 to another way of doing all of it. Why is told "
               "[above](#what-limits-it).", ahead_table(run)]
     parts += ["### Small requests", pieces_table(run)]
+    parts += sends_table(run)
     scale = list(owners_text(run)) + list(ring_text(run))
     if "process" in run.all:
         scale += ["Requests of class 0 to l2vpnd, of one owner and of many at once, each a process of its own: until "
