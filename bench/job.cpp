@@ -32,6 +32,8 @@ uint32_t info_size_of(uint32_t class_id)
     switch (class_id) {
     case 0:
         return 20;
+    case 6:
+        return 200;
     case 7:
         return 56;
     case 8:

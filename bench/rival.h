@@ -21,6 +21,8 @@ void with_class(uint32_t class_id, What what)
     switch (class_id) {
     case 0:
         return what(std::integral_constant<uint32_t, 0>());
+    case 6:
+        return what(std::integral_constant<uint32_t, 6>());
     case 7:
         return what(std::integral_constant<uint32_t, 7>());
     default:

@@ -3,6 +3,23 @@
 using Cxx = import "/capnp/c++.capnp";
 $Cxx.namespace("bench_capnproto");
 
+struct Class6 {
+  half @0 :UInt16;
+  octets @1 :UInt16;
+  word @2 :UInt32;
+  bits @3 :UInt8;
+  octet @4 :UInt8;
+  half2 @5 :UInt16;
+  word2 @6 :UInt32;
+  word3 @7 :UInt32;
+  octets2 @8 :UInt32;
+  quad @9 :UInt64;
+  opaque @10 :Data;
+  quad2 @11 :UInt64;
+  opaque2 @12 :Data;
+  word4 @13 :UInt32;
+}
+
 struct Ac {
   handle @0 :UInt32;
   word @1 :UInt32;
@@ -33,6 +50,7 @@ struct Ac {
       tail4 @22 :UInt32;
     }
     class8 @23 :Data;
+    class6 @24 :Class6; # of its own: as a group it would make those of other classes larger
   }
 }
 

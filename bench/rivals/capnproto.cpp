@@ -55,6 +55,42 @@ void get(cp::Ac::Reader from, l2vpn_ac_defn_t &to)
     to.word5 = from.getWord5();
 }
 
+void put(cp::Class6::Builder to, const l2vpn_ac_info_class6_t &from)
+{
+    to.setHalf(from.half);
+    to.setOctets(raw<uint16_t>(from.octets));
+    to.setWord(from.word);
+    to.setBits(bits_of(from));
+    to.setOctet(from.octet);
+    to.setHalf2(from.half2);
+    to.setWord2(from.word2);
+    to.setWord3(from.word3);
+    to.setOctets2(raw<uint32_t>(from.octets2));
+    to.setQuad(from.quad);
+    to.setOpaque(data_of(from.opaque));
+    to.setQuad2(from.quad2);
+    to.setOpaque2(data_of(from.opaque2));
+    to.setWord4(from.word4);
+}
+
+void get(cp::Class6::Reader from, l2vpn_ac_info_class6_t &to)
+{
+    to.half = from.getHalf();
+    unraw(to.octets, from.getOctets());
+    to.word = from.getWord();
+    set_bits(to, from.getBits());
+    to.octet = from.getOctet();
+    to.half2 = from.getHalf2();
+    to.word2 = from.getWord2();
+    to.word3 = from.getWord3();
+    unraw(to.octets2, from.getOctets2());
+    to.quad = from.getQuad();
+    get(to.opaque, from.getOpaque());
+    to.quad2 = from.getQuad2();
+    get(to.opaque2, from.getOpaque2());
+    to.word4 = from.getWord4();
+}
+
 template <uint32_t class_id>
 void put(cp::Ac::Builder to, const l2vpn_ac_info_t &from)
 {
@@ -66,6 +102,8 @@ void put(cp::Ac::Builder to, const l2vpn_ac_info_t &from)
         auto part = to.getByClass().initClass0();
         part.setOctets(raw<uint16_t>(from.by_class.class0.octets));
         part.setHalf(from.by_class.class0.half);
+    } else if constexpr (class_id == 6) {
+        put(to.getByClass().initClass6(), from.by_class.class6);
     } else if constexpr (class_id == 7) {
         auto part = to.getByClass().initClass7();
         part.setOpaque(raw<uint64_t>(from.by_class.class7.opaque));
@@ -90,6 +128,8 @@ void get(cp::Ac::Reader from, l2vpn_ac_info_t &to)
     if (by_class.isClass0()) {
         unraw(to.by_class.class0.octets, by_class.getClass0().getOctets());
         to.by_class.class0.half = by_class.getClass0().getHalf();
+    } else if (by_class.isClass6()) {
+        get(by_class.getClass6(), to.by_class.class6);
     } else if (by_class.isClass7()) {
         const auto part = by_class.getClass7();
         unraw(to.by_class.class7.opaque, part.getOpaque());

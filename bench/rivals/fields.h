@@ -5,6 +5,7 @@
 #ifndef BENCH_FIELDS_H
 #define BENCH_FIELDS_H
 
+#include "octets.h"
 #include "rival.h"
 
 #include <cstring>
@@ -17,6 +18,11 @@ inline uint16_t turned(uint16_t value)
 inline uint32_t turned(uint32_t value)
 {
     return __builtin_bswap32(value);
+}
+
+inline uint64_t turned(uint64_t value)
+{
+    return __builtin_bswap64(value);
 }
 
 template <typename writer, typename number>
@@ -42,7 +48,10 @@ void put(writer &to, const l2vpn_ac_defn_t &from)
     put_number(to, from.word);
     put_number(to, from.word2);
     put_number(to, from.word3);
-    to.octets(from.by_class.octets, sizeof from.by_class.octets);
+    if constexpr (class_id == 6)
+        put_number(to, from.by_class.word);
+    else
+        to.octets(from.by_class.octets, sizeof from.by_class.octets);
     if constexpr (class_id == 0)
         put_number(to, from.by_class2.half);
     else
@@ -59,7 +68,10 @@ void get(reader &from, l2vpn_ac_defn_t &to)
     get_number(from, to.word);
     get_number(from, to.word2);
     get_number(from, to.word3);
-    from.octets(to.by_class.octets, sizeof to.by_class.octets);
+    if constexpr (class_id == 6)
+        get_number(from, to.by_class.word);
+    else
+        from.octets(to.by_class.octets, sizeof to.by_class.octets);
     if constexpr (class_id == 0)
         get_number(from, to.by_class2.half);
     else
@@ -67,6 +79,47 @@ void get(reader &from, l2vpn_ac_defn_t &to)
     from.octets(to.opaque2, sizeof to.opaque2);
     get_number(from, to.word4);
     get_number(from, to.word5);
+}
+
+template <typename writer>
+void put(writer &to, const l2vpn_ac_info_class6_t &from)
+{
+    const uint8_t bits = bits_of(from);
+    put_number(to, from.half);
+    to.octets(from.octets, sizeof from.octets);
+    put_number(to, from.word);
+    to.octets(&bits, sizeof bits);
+    to.octets(&from.octet, sizeof from.octet);
+    put_number(to, from.half2);
+    put_number(to, from.word2);
+    put_number(to, from.word3);
+    to.octets(from.octets2, sizeof from.octets2);
+    put_number(to, from.quad);
+    to.octets(from.opaque, sizeof from.opaque);
+    put_number(to, from.quad2);
+    to.octets(from.opaque2, sizeof from.opaque2);
+    put_number(to, from.word4);
+}
+
+template <typename reader>
+void get(reader &from, l2vpn_ac_info_class6_t &to)
+{
+    uint8_t bits = 0;
+    get_number(from, to.half);
+    from.octets(to.octets, sizeof to.octets);
+    get_number(from, to.word);
+    from.octets(&bits, sizeof bits);
+    set_bits(to, bits);
+    from.octets(&to.octet, sizeof to.octet);
+    get_number(from, to.half2);
+    get_number(from, to.word2);
+    get_number(from, to.word3);
+    from.octets(to.octets2, sizeof to.octets2);
+    get_number(from, to.quad);
+    from.octets(to.opaque, sizeof to.opaque);
+    get_number(from, to.quad2);
+    from.octets(to.opaque2, sizeof to.opaque2);
+    get_number(from, to.word4);
 }
 
 template <uint32_t class_id, typename writer>
@@ -77,6 +130,8 @@ void put(writer &to, const l2vpn_ac_info_t &from)
     if constexpr (class_id == 0) {
         to.octets(from.by_class.class0.octets, sizeof from.by_class.class0.octets);
         put_number(to, from.by_class.class0.half);
+    } else if constexpr (class_id == 6) {
+        put(to, from.by_class.class6);
     } else if constexpr (class_id == 7) {
         to.octets(from.by_class.class7.opaque, sizeof from.by_class.class7.opaque);
         put_number(to, from.by_class.class7.word);
@@ -96,6 +151,8 @@ void get(reader &from, l2vpn_ac_info_t &to)
     if constexpr (class_id == 0) {
         from.octets(to.by_class.class0.octets, sizeof to.by_class.class0.octets);
         get_number(from, to.by_class.class0.half);
+    } else if constexpr (class_id == 6) {
+        get(from, to.by_class.class6);
     } else if constexpr (class_id == 7) {
         from.octets(to.by_class.class7.opaque, sizeof to.by_class.class7.opaque);
         get_number(from, to.by_class.class7.word);

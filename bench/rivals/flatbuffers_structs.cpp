@@ -51,6 +51,35 @@ void make(fb::InfoClass0 *at, const l2vpn_ac_info_t &from)
     new (at) fb::InfoClass0(span_of(from.words), raw<uint16_t>(part.octets), part.half);
 }
 
+void make(fb::InfoClass6 *at, const l2vpn_ac_info_t &from)
+{
+    const l2vpn_ac_info_class6_t &part = from.by_class.class6;
+    new (at)
+        fb::InfoClass6(span_of(from.words), part.half, raw<uint16_t>(part.octets), part.word, bits_of(part),
+                       part.octet, part.half2, part.word2, part.word3, raw<uint32_t>(part.octets2), part.quad,
+                       span_of(part.opaque), part.quad2, span_of(part.opaque2), part.word4);
+}
+
+void get(const fb::InfoClass6 &from, l2vpn_ac_info_t &to)
+{
+    l2vpn_ac_info_class6_t &part = to.by_class.class6;
+    copy_to(to.words, from.words());
+    part.half = from.half();
+    unraw(part.octets, from.octets());
+    part.word = from.word();
+    set_bits(part, from.bits());
+    part.octet = from.octet();
+    part.half2 = from.half2();
+    part.word2 = from.word2();
+    part.word3 = from.word3();
+    unraw(part.octets2, from.octets2());
+    part.quad = from.quad();
+    copy_to(part.opaque, from.opaque());
+    part.quad2 = from.quad2();
+    copy_to(part.opaque2, from.opaque2());
+    part.word4 = from.word4();
+}
+
 void make(fb::InfoClass7 *at, const l2vpn_ac_info_t &from)
 {
     const l2vpn_ac_info_class7_t &part = from.by_class.class7;
@@ -126,6 +155,9 @@ public:
         if (job.class_id == 0) {
             const auto parts = vector_of<fb::InfoClass0>(builder_, infos, count);
             builder_.Finish(fb::CreateCreate(builder_, 0, handles, definitions, parts));
+        } else if (job.class_id == 6) {
+            const auto parts = vector_of<fb::InfoClass6>(builder_, infos, count);
+            builder_.Finish(fb::CreateCreate(builder_, 0, handles, definitions, 0, 0, 0, parts));
         } else if (job.class_id == 7) {
             const auto parts = vector_of<fb::InfoClass7>(builder_, infos, count);
             builder_.Finish(fb::CreateCreate(builder_, 0, handles, definitions, 0, parts));
@@ -149,6 +181,8 @@ public:
                 copy_to(info.words, part.words());
                 unraw(info.by_class.class0.octets, part.octets());
                 info.by_class.class0.half = part.half();
+            } else if (read.class_id == 6) {
+                get(*root->class6()->Get(i), info);
             } else if (read.class_id == 7) {
                 const fb::InfoClass7 &part = *root->class7()->Get(i);
                 copy_to(info.words, part.words());

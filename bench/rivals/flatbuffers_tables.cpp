@@ -30,6 +30,33 @@ void get(T (&to)[size], const Vector<T> *from)
         memcpy(to, from->data(), std::min<size_t>(size, from->size()) * sizeof(T));
 }
 
+Offset<fb::Class6> make(FlatBufferBuilder &builder, const l2vpn_ac_info_class6_t &part)
+{
+    const auto opaque = vector_of(builder, part.opaque);
+    const auto opaque2 = vector_of(builder, part.opaque2);
+    return fb::CreateClass6(builder, part.half, raw<uint16_t>(part.octets), part.word, bits_of(part),
+                            part.octet, part.half2, part.word2, part.word3, raw<uint32_t>(part.octets2),
+                            part.quad, opaque, part.quad2, opaque2, part.word4);
+}
+
+void get(const fb::Class6 &from, l2vpn_ac_info_class6_t &to)
+{
+    to.half = from.half();
+    unraw(to.octets, from.octets());
+    to.word = from.word();
+    set_bits(to, from.bits());
+    to.octet = from.octet();
+    to.half2 = from.half2();
+    to.word2 = from.word2();
+    to.word3 = from.word3();
+    unraw(to.octets2, from.octets2());
+    to.quad = from.quad();
+    get(to.opaque, from.opaque());
+    to.quad2 = from.quad2();
+    get(to.opaque2, from.opaque2());
+    to.word4 = from.word4();
+}
+
 /* An AC's table. Its vectors come first: nothing else may be made while a table is. */
 template <uint32_t class_id>
 Offset<fb::Ac> make(FlatBufferBuilder &builder, ifhtype handle, const l2vpn_ac_defn_t &defn,
@@ -38,11 +65,14 @@ Offset<fb::Ac> make(FlatBufferBuilder &builder, ifhtype handle, const l2vpn_ac_d
     const auto opaque = vector_of(builder, defn.opaque);
     const auto opaque2 = vector_of(builder, defn.opaque2);
     uint16_t octets = 0, half = 0;
+    Offset<fb::Class6> class6;
     Offset<fb::Class7> class7;
     Offset<Vector<uint8_t>> class8;
     if constexpr (class_id == 0) {
         octets = raw<uint16_t>(info.by_class.class0.octets);
         half = info.by_class.class0.half;
+    } else if constexpr (class_id == 6) {
+        class6 = make(builder, info.by_class.class6);
     } else if constexpr (class_id == 7) {
         const l2vpn_ac_info_class7_t &part = info.by_class.class7;
         const auto part_opaque2 = vector_of(builder, part.opaque2);
@@ -54,7 +84,7 @@ Offset<fb::Ac> make(FlatBufferBuilder &builder, ifhtype handle, const l2vpn_ac_d
     return fb::CreateAc(builder, handle, opaque, defn.word, defn.word2, defn.word3,
                         raw<uint32_t>(defn.by_class.octets), defn.by_class2.half, opaque2, defn.word4,
                         defn.word5, info.words[0], info.words[1], info.words[2], info.words[3], octets, half,
-                        class7, class8);
+                        class7, class8, class6);
 }
 
 void get(const fb::Ac &from, l2vpn_ac_defn_t &to)
@@ -76,7 +106,9 @@ void get(const fb::Ac &from, l2vpn_ac_info_t &to)
     to.words[1] = from.head2();
     to.words[2] = from.head3();
     to.words[3] = from.head4();
-    if (const fb::Class7 *const part = from.class7()) {
+    if (from.class6() != nullptr) {
+        get(*from.class6(), to.by_class.class6);
+    } else if (const fb::Class7 *const part = from.class7()) {
         unraw(to.by_class.class7.opaque, part->opaque());
         to.by_class.class7.word = part->word();
         get(to.by_class.class7.opaque2, part->opaque2());

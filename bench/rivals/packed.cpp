@@ -2,6 +2,7 @@
  * What one writes for speed: records are copied whole into a message that is used again, and swapped there.
  * The wire is the library's own.
  */
+#include "octets.h"
 #include "rival.h"
 
 #include <cstring>
@@ -15,6 +16,8 @@ void swap_at(std::byte *at)
     memcpy(&value, at, sizeof value);
     if constexpr (sizeof value == 2)
         value = __builtin_bswap16(value);
+    else if constexpr (sizeof value == 8)
+        value = __builtin_bswap64(value);
     else
         value = __builtin_bswap32(value);
     memcpy(at, &value, sizeof value);
@@ -28,17 +31,28 @@ void swap_words(std::byte *at, size_t count)
 
 void swap_definition(std::byte *at, uint32_t class_id)
 {
-    swap_words(at + offsetof(l2vpn_ac_defn_t, word), 3);
+    swap_words(at + offsetof(l2vpn_ac_defn_t, word), class_id == 6 ? 4 : 3);
     if (class_id == 0)
         swap_at<uint16_t>(at + offsetof(l2vpn_ac_defn_t, by_class2));
     swap_words(at + offsetof(l2vpn_ac_defn_t, word4), 2);
 }
+
+constexpr size_t bits_at = 24; /* of class 6; these are no number */
 
 void swap_info(std::byte *at, uint32_t class_id)
 {
     swap_words(at, 4);
     if (class_id == 0)
         swap_at<uint16_t>(at + 18);
+    if (class_id == 6) {
+        swap_at<uint16_t>(at + 16);
+        swap_words(at + 20, 1);
+        swap_at<uint16_t>(at + 26);
+        swap_words(at + 28, 2);
+        swap_at<uint64_t>(at + 40);
+        swap_at<uint64_t>(at + 120);
+        swap_words(at + 196, 1);
+    }
     if (class_id == 7) {
         swap_words(at + 24, 1);
         swap_words(at + 40, 4);
@@ -92,10 +106,12 @@ std::byte *put_definitions(std::byte *at, const create_job &job, uint32_t first,
 template <uint32_t class_id>
 std::byte *put_infos(std::byte *at, const create_job &job, uint32_t first, uint32_t end)
 {
-    constexpr size_t info_size = class_id == 0 ? 20 : class_id == 7 ? 56 : 2356;
+    constexpr size_t info_size = class_id == 0 ? 20 : class_id == 6 ? 200 : class_id == 7 ? 56 : 2356;
     for (uint32_t i = first; i < end; ++i, at += info_size) {
         memcpy(at, &job.infos[i], info_size);
         swap_info(at, class_id);
+        if constexpr (class_id == 6)
+            at[bits_at] = std::byte{bits_of(job.infos[i].by_class.class6)};
     }
     return at;
 }
@@ -155,6 +171,8 @@ public:
         for (uint32_t i = 0; i < hdr.bulk; ++i, at += read.info_size) {
             swap_info(at, read.class_id);
             memcpy(&read.infos[first + i], at, read.info_size);
+            if (read.class_id == 6)
+                set_bits(read.infos[first + i].by_class.class6, static_cast<uint8_t>(at[bits_at]));
         }
     }
 

@@ -56,6 +56,42 @@ void get(const pb::Half &from, l2vpn_ac_info_half_t &to)
     to.half = static_cast<uint16_t>(from.half());
 }
 
+void put(pb::InfoClass6 &to, const l2vpn_ac_info_class6_t &from)
+{
+    to.set_half(from.half);
+    to.set_octets(raw<uint16_t>(from.octets));
+    to.set_word(from.word);
+    to.set_bits(bits_of(from));
+    to.set_octet(from.octet);
+    to.set_half2(from.half2);
+    to.set_word2(from.word2);
+    to.set_word3(from.word3);
+    to.set_octets2(raw<uint32_t>(from.octets2));
+    to.set_quad(from.quad);
+    to.set_opaque(from.opaque, sizeof from.opaque);
+    to.set_quad2(from.quad2);
+    to.set_opaque2(from.opaque2, sizeof from.opaque2);
+    to.set_word4(from.word4);
+}
+
+void get(const pb::InfoClass6 &from, l2vpn_ac_info_class6_t &to)
+{
+    to.half = static_cast<uint16_t>(from.half());
+    unraw(to.octets, static_cast<uint16_t>(from.octets()));
+    to.word = from.word();
+    set_bits(to, static_cast<uint8_t>(from.bits()));
+    to.octet = static_cast<uint8_t>(from.octet());
+    to.half2 = static_cast<uint16_t>(from.half2());
+    to.word2 = from.word2();
+    to.word3 = from.word3();
+    unraw(to.octets2, from.octets2());
+    to.quad = from.quad();
+    copy_octets(to.opaque, sizeof to.opaque, from.opaque());
+    to.quad2 = from.quad2();
+    copy_octets(to.opaque2, sizeof to.opaque2, from.opaque2());
+    to.word4 = from.word4();
+}
+
 template <uint32_t class_id>
 void put(pb::Info &to, const l2vpn_ac_info_t &from)
 {
@@ -65,6 +101,8 @@ void put(pb::Info &to, const l2vpn_ac_info_t &from)
     to.set_word4(from.words[3]);
     if constexpr (class_id == 0) {
         put(*to.mutable_class0(), from.by_class.class0);
+    } else if constexpr (class_id == 6) {
+        put(*to.mutable_class6(), from.by_class.class6);
     } else if constexpr (class_id == 7) {
         const l2vpn_ac_info_class7_t &part = from.by_class.class7;
         pb::InfoClass7 &out = *to.mutable_class7();
@@ -85,6 +123,8 @@ void get(const pb::Info &from, l2vpn_ac_info_t &to)
     to.words[3] = from.word4();
     if (from.has_class0()) {
         get(from.class0(), to.by_class.class0);
+    } else if (from.has_class6()) {
+        get(from.class6(), to.by_class.class6);
     } else if (from.has_class7()) {
         l2vpn_ac_info_class7_t &part = to.by_class.class7;
         unraw(part.opaque, from.class7().opaque());
