@@ -4,8 +4,7 @@
  * another process fills. A rival's records are used again for the next message; the library's are allocated, zeroed, for each.
  */
 #include "client.h"
-#include "counting_platform.h"
-#include "filler.h"
+#include "deliveries.h"
 #include "job.h"
 #include "results.h"
 #include "rival.h"
@@ -35,53 +34,31 @@ private:
     provision_job whole_, last_;
 };
 
-/* The library converts a message where it lies; delivered again with the header that it came with, its payload is
- * what differs, and the work is the same. */
-class library_stream {
-public:
-    void add(const provision_job &job)
-    {
-        size_t size = 0;
-        std::vector<uint64_t> message = packed_rival()->provision(job, size);
-        messages_.add(message, size);
-        l2vpn_ac_msg_hdr_t header;
-        memcpy(&header, message.data(), sizeof header);
-        headers_.push_back(header);
-        verify(job, message, size);
-    }
+/* The library decodes to what the message was made of. */
+void verify(const provision_job &job, std::vector<uint64_t> &message, size_t size)
+{
+    struct {
+        const provision_job &expected;
+        bool right;
+    } seen = {job, false};
+    on_provisioned(
+        [](void *context, uint32_t count, const ifhtype *handles, const l2vpn_ac_xcid_data_t *data) {
+            auto &of = *static_cast<decltype(seen) *>(context);
+            of.right = of.expected.is(count, handles, data);
+        },
+        &seen);
+    counting::deliver(message.data(), static_cast<uint32_t>(size));
+    on_provisioned(nullptr, nullptr);
+    must_decode(seen.right, "library", job.class_id);
+}
 
-    stream &messages() { return messages_; }
-
-    void deliver_all()
-    {
-        for (size_t i = 0; i < headers_.size(); ++i) {
-            const std::span<std::byte> message = messages_[i];
-            memcpy(message.data(), &headers_[i], sizeof headers_[i]);
-            counting::deliver(message.data(), static_cast<uint32_t>(message.size()));
-        }
-    }
-
-private:
-    static void verify(const provision_job &job, std::vector<uint64_t> &message, size_t size)
-    {
-        struct {
-            const provision_job &expected;
-            bool right;
-        } seen = {job, false};
-        on_provisioned(
-            [](void *context, uint32_t count, const ifhtype *handles, const l2vpn_ac_xcid_data_t *data) {
-                auto &of = *static_cast<decltype(seen) *>(context);
-                of.right = of.expected.is(count, handles, data);
-            },
-            &seen);
-        counting::deliver(message.data(), static_cast<uint32_t>(size));
-        on_provisioned(nullptr, nullptr);
-        must_decode(seen.right, "library", job.class_id);
-    }
-
-    stream messages_;
-    std::vector<l2vpn_ac_msg_hdr_t> headers_;
-};
+void add(deliveries &to, const provision_job &job)
+{
+    size_t size = 0;
+    std::vector<uint64_t> message = packed_rival()->provision(job, size);
+    to.add(message, size);
+    verify(job, message, size);
+}
 
 /* A rival with its own messages. */
 struct rival_stream {
@@ -132,14 +109,27 @@ void verify_received(filler &by, stream &expected)
     }
 }
 
+/* And comes to the owner: what the library drops is soon done. */
+void verify_delivered(filler &by, uint32_t messages, uint32_t acs, uint32_t class_id)
+{
+    uint32_t seen = 0;
+    on_provisioned([](void *context, uint32_t count, const ifhtype *,
+                      const l2vpn_ac_xcid_data_t *) { *static_cast<uint32_t *>(context) += count; },
+                   &seen);
+    for (uint32_t i = 0; i < messages; ++i)
+        deliveries::deliver(by.take());
+    on_provisioned(nullptr, nullptr);
+    must_decode(seen == acs, "library", class_id);
+}
+
 /* One message, again and again. */
 void measure_message(results &to, uint32_t class_id, uint32_t mtu, uint32_t data_size)
 {
     const bench_client client(class_id, mtu);
     const provision_job job(class_id, provision_job::acs_a_message(class_id, mtu));
     provision_job read(class_id, job.count);
-    library_stream library;
-    library.add(job);
+    deliveries library;
+    add(library, job);
     std::vector<std::byte> room(library.messages().longest());
     std::vector<candidate> candidates = {
         {"library", [&] { library.deliver_all(); }},
@@ -166,11 +156,11 @@ void measure_stream(results &to, uint32_t class_id, uint32_t mtu, uint32_t acs, 
     const bench_client client(class_id, mtu);
     const uint32_t each = provision_job::acs_a_message(class_id, mtu);
     records read(class_id, each, acs);
-    library_stream library;
+    deliveries library;
     std::vector<rival_stream> rivals = rival_streams();
     for (uint32_t i = 0; i < read.messages(); ++i) {
         const provision_job job(class_id, read.of(i).count, i * each);
-        library.add(job);
+        add(library, job);
         for (rival_stream &by : rivals)
             by.add(job, read.of(i));
     }
@@ -190,8 +180,10 @@ void measure_stream(results &to, uint32_t class_id, uint32_t mtu, uint32_t acs, 
 
     /* Each is filled in a process of its own, which sends what is there when it begins. Not before: what the library
      * converts in place would be copied page by page, and what others only read would not. */
+    library.restore();
     filler received(library.messages());
     verify_received(received, library.messages());
+    verify_delivered(received, read.messages(), acs, class_id);
     std::vector<std::unique_ptr<filler>> rivals_received;
     for (rival_stream &by : rivals) {
         rivals_received.push_back(std::make_unique<filler>(by.messages));
@@ -204,9 +196,7 @@ void measure_stream(results &to, uint32_t class_id, uint32_t mtu, uint32_t acs, 
                             }};
     const candidate library_received = {"library and recv", [&] {
                                             for (uint32_t i = 0; i < read.messages(); ++i) {
-                                                const auto message = received.take();
-                                                counting::deliver(message.data(),
-                                                                  static_cast<uint32_t>(message.size()));
+                                                deliveries::deliver(received.take());
                                             }
                                         }};
     std::vector<candidate> from_socket = {library_received, recv};
