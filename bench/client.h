@@ -26,6 +26,10 @@ using provisioned_fn = void (*)(void *context, uint32_t count, const ifhtype *ha
                                 const l2vpn_ac_xcid_data_t *data);
 void on_provisioned(provisioned_fn call, void *context);
 
+/* The same for the records of an unprovision or of a notice; a header notice is one without a record. */
+using records_fn = void (*)(void *context, uint32_t count, const void *records);
+void on_records(records_fn call, void *context);
+
 /* Ends the program unless a request was accepted. */
 void must(qerrno status, const char *what);
 

@@ -32,6 +32,9 @@ private:
     std::vector<place> places_;
 };
 
+/* The limit of whatever copies: each message into one place. */
+void copy_all(stream &from, std::span<std::byte> room);
+
 class filler {
 public:
     /* The process sends the stream as it is now. */

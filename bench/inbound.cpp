@@ -89,14 +89,6 @@ std::vector<rival_stream> rival_streams()
     return all;
 }
 
-void copy_all(stream &from, std::vector<std::byte> &room)
-{
-    for (size_t i = 0; i < from.count(); ++i) {
-        memcpy(room.data(), from[i].data(), from[i].size());
-        asm volatile("" : : "r"(room.data()) : "memory");
-    }
-}
-
 /* What is received is what was to be sent, in its order. */
 void verify_received(filler &by, stream &expected)
 {

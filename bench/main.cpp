@@ -30,6 +30,7 @@ int main(int argc, char **argv)
         measure_owners(all); /* before what needs more memory: the most that was used is asked for */
     measure_outbound(all, socket);
     measure_inbound(all);
+    measure_told(all);
     if (all.thorough()) {
         measure_growth(all, socket);
         measure_million(all);

@@ -10,6 +10,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <arpa/inet.h>
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -131,6 +133,35 @@ void connect_and_disconnect(benchmark::State &state)
         const bench_client client(0, mtu);
 }
 
+void connect_nodeid_and_disconnect(benchmark::State &state)
+{
+    const bench_client first(0, mtu);
+    l2vpn_ac_callback_vector_t callbacks = {};
+    callbacks.status_cb = [](l2vpn_ac_client_hd_t, uint32_t, uint32_t) { return qerrno{EOK}; };
+    for (auto _ : state) {
+        l2vpn_ac_client_hd_t client = nullptr;
+        must(l2vpn_ac_process_connect_nodeid(counting::evm(), 0, 0, &callbacks, 7, &client), "connect");
+        must(l2vpn_ac_process_disconnect(client), "disconnect");
+    }
+}
+
+/* A message of the L2VPN process's that is a header, or tells of one AC; each time as it came. */
+void one_told(benchmark::State &state, uint32_t msg_type, size_t size)
+{
+    const bench_client client(0, mtu);
+    static uint32_t told;
+    told = 0;
+    on_records([](void *, uint32_t count, const void *) { told += count; }, nullptr);
+    const uint32_t wire[] = {htonl(L2VPN_AC_HDR_MARK), htonl(msg_type), htonl(1), 0};
+    alignas(8) std::byte message[L2VPN_AC_HDR_LEN + sizeof(l2vpn_ac_bulk_notify_t)] = {};
+    for (auto _ : state) {
+        memcpy(message, wire, sizeof wire);
+        counting::deliver(message, static_cast<uint32_t>(size));
+    }
+    on_records(nullptr, nullptr);
+    must(told == state.iterations() ? EOK : EPROTO, "telling");
+}
+
 void one_send(benchmark::State &state, drain &socket, size_t size)
 {
     socket.fit(mtu);
@@ -156,6 +187,14 @@ int main(int argc, char **argv)
     RegisterBenchmark("delete of one/library", one_delete)->Arg(1);
     RegisterBenchmark("protect/library", protect)->Arg(1);
     RegisterBenchmark("connect and disconnect/library", connect_and_disconnect)->Arg(1);
+    RegisterBenchmark("connect with a node id and disconnect/library", connect_nodeid_and_disconnect)->Arg(1);
+    const auto told = [](uint32_t msg_type, size_t record) {
+        return [=](State &state) { one_told(state, msg_type, L2VPN_AC_HDR_LEN + record); };
+    };
+    RegisterBenchmark("unprovision of one/library", told(L2VPN_AC_MSG_UNPROV, sizeof(ifhtype)))->Arg(1);
+    RegisterBenchmark("notice of one/library", told(L2VPN_AC_MSG_BULK_NOTIFY, sizeof(l2vpn_ac_bulk_notify_t)))
+        ->Arg(1);
+    RegisterBenchmark("header notice/library", told(L2VPN_AC_MSG_HDR_NOTIFY, 0))->Arg(1);
     const auto send = [&socket](size_t size) {
         return [&socket, size](State &state) { one_send(state, socket, size); };
     };

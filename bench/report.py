@@ -102,7 +102,8 @@ def spread(entry, acs):
 
 # Of each kind of job: what the others are compared with.
 BASES = {"create": "library", "update": "library", "delete": "library", "provision": "library",
-         "provisions": "library", "provisions received": "library and recv"}
+         "provisions": "library", "provisions received": "library and recv", "unprovision": "library",
+         "notices": "library"}
 
 
 def ratio_tables(run):

@@ -45,6 +45,7 @@ private:
 class drain;
 void measure_outbound(results &to, drain &socket);
 void measure_inbound(results &to);
+void measure_told(results &to);
 void measure_growth(results &to, drain &socket);
 void measure_million(results &to);
 void measure_owners(results &to);
