@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -124,10 +123,12 @@ bool ring::write_slot(std::uint64_t number, const slot &made) noexcept
         return false;
     }
     // Others read meanwhile: every access is atomic, and none is seen before the ones above it.
-    const auto words = std::bit_cast<std::array<std::uint64_t, sizeof(slot) / 8>>(made);
     auto *target = reinterpret_cast<std::uint64_t *>(&to);
-    for (std::size_t word = 1; word < words.size(); ++word) {
-        std::atomic_ref(target[word]).store(words[word], std::memory_order_release);
+    const auto *from = reinterpret_cast<const std::byte *>(&made);
+    for (std::size_t word = 1; word < sizeof(slot) / sizeof *target; ++word) {
+        std::uint64_t value = 0;
+        std::memcpy(&value, from + word * sizeof value, sizeof value);
+        std::atomic_ref(target[word]).store(value, std::memory_order_release);
     }
     std::atomic_ref(to.sequence).store(2 * number + 2, std::memory_order_release);
     return true;
