@@ -21,7 +21,7 @@ def ratios(limit_300, limit_10000, limit_200000):
 
 
 # Each reason has its paragraph in docs/performance.md.
-MEMORY, PAGES, CLOSE, STORE = "memory", "fresh pages", "instructions", "storing"
+MEMORY, PAGES, CLOSE, STORE, GROWN = "memory", "fresh pages", "instructions", "storing", "growth"
 
 OUTBOUND = (
     Goal("create / send of the same messages", ratios(0.10, 0.22, 0.50), "create", "send", why=MEMORY),
@@ -90,7 +90,7 @@ def judged(run):
     if growth:
         library, memcpy = (growth[f"{what} at 1,000,000"]["ns"] / growth[f"{what} at 10,000"]["ns"]
                            for what in ("library", "memcpy"))
-        yield "growth of create's cost of an AC / memcpy's", "1,000,000", library / memcpy, GROWTH, MEMORY
+        yield "growth of create's cost of an AC / memcpy's", "1,000,000", library / memcpy, GROWTH, GROWN
     for figure in run.all.get("process", []):
         if figure["acs"] == STORED:
             create = next(of for of in figure["requests"] if of["what"] == "create")
