@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <poll.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -23,6 +24,33 @@ constexpr uint32_t class_id = 0, mtu = 65536;
 constexpr size_t greeting_size = 24, kind_at = 7; /* the low byte of a greeting's kind */
 constexpr char answer_kind = 2;
 constexpr int patience_ms = 10000;
+
+/* While it lives, this thread and what it forks run on one of the processors that they may run on. Who sends is on the
+ * first and who takes on the last, or it would depend on where the kernel puts them how often each waits. */
+class place {
+public:
+    place() { sched_getaffinity(0, sizeof before_, &before_); }
+    ~place() { sched_setaffinity(0, sizeof before_, &before_); }
+    place(const place &) = delete;
+    place &operator=(const place &) = delete;
+
+    void on_first() const { stay(0); }
+    void on_last() const { stay(CPU_COUNT(&before_) - 1); }
+
+private:
+    void stay(int nth) const
+    {
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        for (int processor = 0; processor < CPU_SETSIZE; ++processor) {
+            if (CPU_ISSET(processor, &before_) && nth-- == 0)
+                CPU_SET(processor, &one);
+        }
+        sched_setaffinity(0, sizeof one, &one);
+    }
+
+    cpu_set_t before_ = {};
+};
 
 /* The other end of one socket, in a process of its own: answers a greeting with itself, takes whatever else comes. */
 class sink {
@@ -175,7 +203,10 @@ private:
 
 nlohmann::ordered_json measure_sends(double seconds)
 {
+    const place here;
+    here.on_last();
     const sink linked("platform"), plain("plain");
+    here.on_first();
     const platform_link link;
     const bare_socket bare(plain);
     nlohmann::ordered_json rows;
