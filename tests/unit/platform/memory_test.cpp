@@ -69,7 +69,9 @@ extern "C" __attribute__((visibility("default"))) int madvise(void *at, size_t s
 /* The C library's own, by its other name. */
 extern "C" long __sysconf(int name) noexcept;
 
-extern "C" __attribute__((visibility("default"))) long sysconf(int name) noexcept
+/* Also called before a sanitizer has begun its work, which it must not ask for then. */
+extern "C" __attribute__((visibility("default"), no_sanitize("address", "undefined", "thread"))) long
+sysconf(int name) noexcept
 {
     return name == _SC_PAGESIZE && s_page_size != 0 ? s_page_size : __sysconf(name);
 }
