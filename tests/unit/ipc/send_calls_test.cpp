@@ -6,19 +6,14 @@
 #include "../../support/ac_classes.h"
 #include "../../support/forked.h"
 #include "harness.h"
+#include "tracer.h"
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <l2vpn/l2vpn_ac_api.h>
 #include <numeric>
 #include <platform/config.h>
-#include <sys/ptrace.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -27,124 +22,11 @@ using system_test::forked;
 
 const test_environment s_environment;
 
-constexpr uint32_t header_size = 16;
-
-/* A system call; of a sendmsg(), what it was told to send. */
-struct call {
-    uint64_t number = 0;
-    std::vector<iovec> pieces;
-    int64_t result = 0;
-};
-
-struct traffic {
-    std::vector<call> calls;
-    std::vector<int64_t> arrived; /* sizes of the messages */
-};
-
-/* In the sender: the calls between two of these are looked at. It is one that nobody else makes. */
-void mark()
-{
-    syscall(SYS_getpgid, 0);
-}
-
-/* Stops the sender for its tracer. */
-bool be_traced()
-{
-    return ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 && raise(SIGSTOP) == 0;
-}
-
 /* Dispatches until `is_up`: false after half a minute. */
 bool come_up(const loop &on, const bool &is_up)
 {
     return on.until([&] { return is_up; });
 }
-
-/* The tracer, and the link's other end. */
-class tracer {
-public:
-    tracer(pid_t sender, const raw_socket &peer) : sender_(sender), peer_(peer) {}
-
-    /* Waits for the sender to stop itself, with all that it has sent so far taken. */
-    bool begin()
-    {
-        const bool stopped =
-            wait() && WSTOPSIG(status_) == SIGSTOP &&
-            ptrace(PTRACE_SETOPTIONS, sender_, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) == 0;
-        take_arrived(nullptr);
-        return stopped;
-    }
-
-    /* What happens between the next two marks. */
-    traffic between_marks()
-    {
-        traffic seen;
-        int marks = 0;
-        call made;
-        while (marks < 2 && next_stop()) {
-            __ptrace_syscall_info info{};
-            if (ptrace(PTRACE_GET_SYSCALL_INFO, sender_, sizeof info, &info) < 0)
-                break;
-            if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
-                made = {info.entry.nr, {}, 0};
-                if (made.number == SYS_sendmsg)
-                    made.pieces = pieces_of(info.entry.args[1]);
-                continue;
-            }
-            made.result = info.exit.rval;
-            if (made.number == SYS_getpgid) {
-                ++marks;
-            } else if (marks == 1 && made.number != SYS_clock_gettime) { /* on most machines it is none */
-                seen.calls.push_back(made);
-                take_arrived(&seen.arrived);
-            }
-        }
-        EXPECT_EQ(marks, 2) << "the sender has ended: " << status_;
-        return seen;
-    }
-
-    /* Lets it run to its end: its exit status. */
-    int end()
-    {
-        while (WIFSTOPPED(status_) && ptrace(PTRACE_CONT, sender_, nullptr, nullptr) == 0 && wait())
-            ;
-        return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
-    }
-
-private:
-    /* False when there is nothing to stop any more. */
-    bool wait() { return waitpid(sender_, &status_, 0) == sender_ && WIFSTOPPED(status_); }
-
-    bool next_stop() { return ptrace(PTRACE_SYSCALL, sender_, nullptr, nullptr) == 0 && wait(); }
-
-    template <typename Record>
-    void read_there(uint64_t from, Record *to, size_t count) const
-    {
-        const iovec here{to, count * sizeof *to}, there{reinterpret_cast<void *>(from), here.iov_len};
-        EXPECT_EQ(process_vm_readv(sender_, &here, 1, &there, 1, 0), static_cast<ssize_t>(here.iov_len));
-    }
-
-    std::vector<iovec> pieces_of(uint64_t message) const
-    {
-        msghdr header{};
-        read_there(message, &header, 1);
-        std::vector<iovec> pieces(header.msg_iovlen);
-        read_there(reinterpret_cast<uint64_t>(header.msg_iov), pieces.data(), pieces.size());
-        return pieces;
-    }
-
-    void take_arrived(std::vector<int64_t> *to) const
-    {
-        std::array<char, header_size> header{};
-        ssize_t size = 0;
-        while ((size = recv(peer_.fd(), header.data(), header_size, MSG_DONTWAIT | MSG_TRUNC)) > 0)
-            if (to != nullptr)
-                to->push_back(size);
-    }
-
-    pid_t sender_;
-    const raw_socket &peer_;
-    int status_ = 0;
-};
 
 /* Every message is a sendmsg() that sent the whole of it; before the first and behind the last one there are calls
  * about memory at most. */
@@ -352,7 +234,7 @@ TEST(send_calls, of_pieces_take_one_each_and_name_the_callers_own_memory)
     forked sender([&](int) { return send_pieces(room); });
     ASSERT_TRUE(server.take_hello());
     ASSERT_TRUE(server.answer({.kind = 2, .class_id = class_id, .nodeid = 42}));
-    tracer watching(sender.pid(), server.peer);
+    tracer watching(sender.pid(), server.peer.fd());
     ASSERT_TRUE(watching.begin());
     const traffic seen = watching.between_marks();
     expect_one_call_a_message(seen);
@@ -367,7 +249,8 @@ TEST(send_calls, of_pieces_take_one_each_and_name_the_callers_own_memory)
     }
     ASSERT_EQ(seen.calls.back().pieces.size(), 1u);
     EXPECT_EQ(seen.calls.back().pieces[0].iov_base, room.data());
-    EXPECT_EQ(watching.end(), 0);
+    watching.end();
+    EXPECT_EQ(sender.wait(), 0);
 }
 
 /* With the ring of the latest messages off and on. */
@@ -383,7 +266,7 @@ TEST_P(sends, of_ten_thousand_acs_take_one_call_a_message_from_the_owners_own_ar
         forked sender([&](int) { return make_requests(of_class, GetParam(), own); });
         ASSERT_TRUE(server.take_hello());
         ASSERT_TRUE(server.answer({.kind = 2, .class_id = of_class, .nodeid = 42}));
-        tracer watching(sender.pid(), server.peer);
+        tracer watching(sender.pid(), server.peer.fd());
         ASSERT_TRUE(watching.begin());
         for (const request &each : requests_of(of_class, own)) {
             SCOPED_TRACE(each.name);
@@ -393,7 +276,8 @@ TEST_P(sends, of_ten_thousand_acs_take_one_call_a_message_from_the_owners_own_ar
             expect_own_memory(each, seen);
             ASSERT_FALSE(HasFailure());
         }
-        EXPECT_EQ(watching.end(), 0);
+        watching.end();
+        EXPECT_EQ(sender.wait(), 0);
     }
 }
 
