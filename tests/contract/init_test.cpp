@@ -133,7 +133,7 @@ TEST_F(init_death, aborts_on_another_event_manager)
 
 /* --- a step that fails --- */
 
-struct failure {
+struct failed_init {
     const char *name;
     fn function;
     qerrno cause;
@@ -141,16 +141,16 @@ struct failure {
     std::string log; /* empty: nothing is logged */
 };
 
-void PrintTo(const failure &f, std::ostream *os)
+void PrintTo(const failed_init &f, std::ostream *os)
 {
     *os << f.name;
 }
 
-class failing_init : public contract, public testing::WithParamInterface<failure> {};
+class failing_init : public contract, public testing::WithParamInterface<failed_init> {};
 
 TEST_P(failing_init, ends_the_connect_with_its_status_and_text)
 {
-    const failure &f = GetParam();
+    const failed_init &f = GetParam();
     world.fail(f.function, 1, f.cause);
     l2vpn_ac_client_hd_t hd = nullptr;
     EXPECT_EQ(lib.connect(world.evm(), 0, 4, &callbacks, &hd), f.result);
@@ -230,14 +230,15 @@ TEST_P(failing_init, leaves_the_library_uninitialised)
 INSTANTIATE_TEST_SUITE_P(
     steps, failing_init,
     testing::Values(
-        failure{"debug", fn::l2vpn_debug_init, 5, 5, ""},
-        failure{"nodeid", fn::platform_get_my_nodeid, 6, 6, "Failed to get nodeid:No such device or address"},
-        failure{"ipc", fn::l2vpn_ipc_client_init, 13, 13, "Failed to init IPC DLL:Permission denied"},
-        failure{"attach", fn::event_async_attach_event, 11, 11,
-                "event_async_attach Resource temporarily unavailable"},
-        failure{"tree", fn::mgd_timer_tree_new, 5, 2, "Failed to init root timer Success"},
-        failure{"parent", fn::mgd_timer_parent_new, 5, 12, "Failed to init parent timer Success"},
-        failure{"wavl", fn::wavl_init, 28, 28, "Failed to init client wavl:No space left on device"}),
+        failed_init{"debug", fn::l2vpn_debug_init, 5, 5, ""},
+        failed_init{"nodeid", fn::platform_get_my_nodeid, 6, 6,
+                    "Failed to get nodeid:No such device or address"},
+        failed_init{"ipc", fn::l2vpn_ipc_client_init, 13, 13, "Failed to init IPC DLL:Permission denied"},
+        failed_init{"attach", fn::event_async_attach_event, 11, 11,
+                    "event_async_attach Resource temporarily unavailable"},
+        failed_init{"tree", fn::mgd_timer_tree_new, 5, 2, "Failed to init root timer Success"},
+        failed_init{"parent", fn::mgd_timer_parent_new, 5, 12, "Failed to init parent timer Success"},
+        failed_init{"wavl", fn::wavl_init, 28, 28, "Failed to init client wavl:No space left on device"}),
     [](const auto &param) { return std::string(param.param.name); });
 
 TEST_F(init, frees_the_tree_when_there_is_no_parent)

@@ -51,13 +51,13 @@ const std::map<std::string, std::set<std::string>> debug_messages = {
 };
 
 /* Error reports. */
-const std::map<std::string, std::set<std::string>> reports = {
+const std::map<std::string, std::set<std::string>> known_reports = {
     {"Cannot allocate memory for info msg array", {"l2vpn_ac_info_to_msg"}},
     {"Failed to unicast: %s", {"l2vpn_mstp_root", "l2vpn_mstp_port_request", "l2vpn_msti_vid_map"}},
 };
 
 /* Traces: by their ids. The readers of recordings tell entries by them. */
-const std::map<std::uint64_t, std::set<std::string>> traces = {
+const std::map<std::uint64_t, std::set<std::string>> known_traces = {
     {1079, {"l2vpn_ac_create"}},
     {1080, {"l2vpn_ac_update"}},
     {1081, {"l2vpn_ac_delete"}},
@@ -172,12 +172,12 @@ TEST_F(said, in_debug_messages_names_the_function)
 
 TEST_F(said, in_error_reports_names_the_function)
 {
-    EXPECT_EQ(by<std::string>(fn::l2vpn_generic_gen_dbg_ltrace_ctx, format_of), reports);
+    EXPECT_EQ(by<std::string>(fn::l2vpn_generic_gen_dbg_ltrace_ctx, format_of), known_reports);
 }
 
 TEST_F(said, in_traces_names_the_function)
 {
-    EXPECT_EQ(by<std::uint64_t>(fn::gen_dbg_ltrace_ctx, id_of), traces);
+    EXPECT_EQ(by<std::uint64_t>(fn::gen_dbg_ltrace_ctx, id_of), known_traces);
 }
 
 /* A trace goes to both traces, with the same id and text. */

@@ -8,15 +8,6 @@
 using namespace l2vpnd;
 using namespace process_test;
 
-namespace {
-
-uint64_t dropped(const owner &o, drop reason)
-{
-    return o.count.dropped[static_cast<size_t>(reason)];
-}
-
-} // namespace
-
 /* One client process, three classes; its library knows one batch for all of them. */
 TEST(batches_of_a_client, end_together_on_all_its_links)
 {

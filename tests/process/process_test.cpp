@@ -10,11 +10,6 @@ using namespace process_test;
 
 namespace {
 
-uint64_t dropped(const owner &o, drop reason)
-{
-    return o.count.dropped[static_cast<size_t>(reason)];
-}
-
 octets info_of(const bench &b, uint32_t class_id, uint32_t handle)
 {
     const bytes info = b.process.acs().store(class_id).info(b.slot(class_id, handle));

@@ -110,6 +110,11 @@ inline octets remove(const std::vector<uint32_t> &handles, uint32_t flags = 0x30
     return message.bytes();
 }
 
+inline uint64_t dropped(const l2vpnd::owner &o, l2vpnd::drop reason)
+{
+    return o.count.dropped[static_cast<size_t>(reason)];
+}
+
 inline std::vector<uint32_t> handles_from(uint32_t first, uint32_t count)
 {
     std::vector<uint32_t> handles(count);

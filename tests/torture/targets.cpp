@@ -20,7 +20,7 @@ target of(fn function, failing how, const std::vector<int> &statuses)
     return {name, how, statuses, function};
 }
 
-const std::vector<target> all = {
+const std::vector<target> all_targets = {
     of(fn::l2vpn_debug_init, failing::fails, some_status),
     of(fn::platform_get_my_nodeid, failing::fails, some_status),
     of(fn::l2vpn_ipc_client_init, failing::fails, some_status),
@@ -81,7 +81,7 @@ const fn cannot_fail[] = {
 
 std::span<const target> targets()
 {
-    return all;
+    return all_targets;
 }
 
 std::span<const fn> infallible()
@@ -93,7 +93,7 @@ const target &target_of(fn function)
 {
     static const auto by_function = [] {
         std::array<const target *, l2vpn::sim::fn_count> table{};
-        for (const target &one : all) {
+        for (const target &one : all_targets) {
             if (one.function)
                 table.at(static_cast<std::size_t>(*one.function)) = &one;
         }
@@ -107,8 +107,8 @@ const target &target_of(fn function)
 
 const target &target_named(std::string_view name)
 {
-    const auto found = std::ranges::find(all, name, &target::name);
-    if (found == all.end())
+    const auto found = std::ranges::find(all_targets, name, &target::name);
+    if (found == all_targets.end())
         throw std::invalid_argument("no call that can fail: " + std::string(name));
     return *found;
 }

@@ -35,9 +35,9 @@ TEST_F(callbacks, never_come_from_inside_a_call)
     send_ten();
     server.stop();
     const auto before = one.records;
-    uint32_t mtu = 0;
+    uint32_t room = 0;
     EXPECT_EQ(one.send(message(1)), qerrno{ENOTCONN});
-    EXPECT_EQ(l2vpn_ipc_transport_mtu_get(client, 1, &mtu), qerrno{EOK});
+    EXPECT_EQ(l2vpn_ipc_transport_mtu_get(client, 1, &room), qerrno{EOK});
     owner other(client, 2);
     EXPECT_EQ(other.start(), qerrno{EOK});
     EXPECT_EQ(one.start(), qerrno{EEXIST});

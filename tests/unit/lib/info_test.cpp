@@ -153,15 +153,15 @@ TEST_F(info, class_0_converts_the_second_half_and_class_2_both)
     const std::uint8_t memory[4] = {1, 2, 3, 4};
     std::memcpy(&record.by_class, memory, 4);
     std::vector<l2vpn_ac_info_t> infos = {record};
-    const bool little = std::endian::native == std::endian::little;
+    const bool swapped = std::endian::native == std::endian::little;
     const std::vector<std::uint8_t> as_is = {1, 2, 3, 4}, second = {1, 2, 4, 3}, both = {2, 1, 4, 3};
     const auto tail = [&](std::uint32_t class_id) {
         const auto wire = convert(class_id, infos);
         return std::vector<std::uint8_t>(wire.begin() + 16, wire.end());
     };
     for (const std::uint32_t class_id : {0u, 1u, 16u})
-        EXPECT_EQ(tail(class_id), little ? second : as_is) << class_id;
-    EXPECT_EQ(tail(2), little ? both : as_is);
+        EXPECT_EQ(tail(class_id), swapped ? second : as_is) << class_id;
+    EXPECT_EQ(tail(2), swapped ? both : as_is);
 }
 
 TEST_F(info, class_7_elements_are_packed_and_records_are_read_at_their_stride)
