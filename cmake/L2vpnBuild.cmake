@@ -95,14 +95,19 @@ function(l2vpn_version_script target file)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${file})
 endfunction()
 
-# l2vpn_unity(TARGET [EXCEPT SOURCES...]): the sources may be compiled together, but for those whose names would
-# meet others' there. Overloads of two files meet without a word, so what is run is never built like this.
+# l2vpn_unity(TARGET [EXCEPT SOURCES...] [GROUPS LISTS...]): the sources may be compiled together, or those of each list,
+# but for those whose names would meet others' there. Overloads of two files meet without a word, so what is run is
+# never built like this.
 function(l2vpn_unity target)
-    cmake_parse_arguments(ARG "" "" "EXCEPT" ${ARGN})
+    cmake_parse_arguments(ARG "" "" "EXCEPT;GROUPS" ${ARGN})
     set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_BATCH_SIZE 0)
     if(ARG_EXCEPT)
         set_source_files_properties(${ARG_EXCEPT} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
     endif()
+    foreach(group IN LISTS ARG_GROUPS)
+        set_source_files_properties(${${group}} PROPERTIES UNITY_GROUP ${group})
+        set_target_properties(${target} PROPERTIES UNITY_BUILD_MODE GROUP)
+    endforeach()
 endfunction()
 
 # l2vpn_tool_code(TARGET [HEADERS...]): how a tool is compiled: the large headers once, and where a sanitizer looks on
