@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 
 namespace {
 
@@ -71,13 +72,14 @@ void plain_loops(const kind &of, stream &messages)
     }
 }
 
-/* The messages of so many records, no two of which are alike. */
+/* The messages of so many records. */
 class telling {
 public:
     telling(const kind &of, uint32_t mtu, uint32_t count) : records_(count * of.record)
     {
-        for (size_t i = 0; i < records_.size(); ++i)
-            records_[i] = static_cast<std::byte>(i * 2654435761u >> 24);
+        std::mt19937 random(count);
+        for (std::byte &each : records_)
+            each = static_cast<std::byte>(random() & 0xff);
         const auto each = static_cast<uint32_t>((mtu - L2VPN_AC_HDR_LEN) / of.record);
         for (uint32_t first = 0; first < count; first += each) {
             const uint32_t in_message = std::min(each, count - first);

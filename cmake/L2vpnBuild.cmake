@@ -5,7 +5,7 @@ set(L2VPN_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: addre
 option(L2VPN_COVERAGE "Count lines and branches, with clang" OFF)
 set(L2VPN_PROGRAM_OPTIONS "" CACHE STRING "More compiler options for programs, not libraries: -g1 compiles sooner")
 option(L2VPN_UNITY "Compile the sources of a part together, for checks that run nothing: large headers once" OFF)
-option(L2VPN_TESTS_TOGETHER "Compile tests in batches: the whole of them in half of the time, one of them in twice" OFF)
+option(L2VPN_TESTS_TOGETHER "Compile tests in batches: all of them in half of the time, one of them in twice" OFF)
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
@@ -96,8 +96,8 @@ function(l2vpn_version_script target file)
 endfunction()
 
 # l2vpn_unity(TARGET [EXCEPT SOURCES...] [GROUPS LISTS...]): the sources may be compiled together, or those of each list,
-# but for those whose names would meet others' there. Overloads of two files meet without a word, so what is run is
-# never built like this.
+# but for those whose names would meet others' there. Overloads of two files meet without a word, so what is installed
+# is never built like this.
 function(l2vpn_unity target)
     cmake_parse_arguments(ARG "" "" "EXCEPT;GROUPS" ${ARGN})
     set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_BATCH_SIZE 0)
@@ -121,6 +121,18 @@ function(l2vpn_tool_code target)
     endif()
 endfunction()
 
+# l2vpn_test_batches(TARGET): the sources of a test program may be compiled in batches; what is tested is compiled as it
+# always is.
+function(l2vpn_test_batches target)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_TESTS_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
+    get_target_property(sources ${target} SOURCES)
+    list(FILTER sources INCLUDE REGEX "/l2vpn/|[.]c$")
+    set_source_files_properties(${sources} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    if(L2VPN_TESTS_TOGETHER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # it takes each file for a header
+        target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+    endif()
+endfunction()
+
 # l2vpn_test_code(TARGET): how code of tests is compiled. More often than it is run: no optimisation, and the
 # large headers once for all of them.
 function(l2vpn_test_code target)
@@ -133,13 +145,7 @@ function(l2vpn_test_code target)
     endif()
     target_compile_options(${target} PRIVATE -O0 -fPIE ${L2VPN_TEST_OPTIONS}) # -fPIE: libraries, too, share the headers
     target_precompile_headers(${target} REUSE_FROM l2vpn_test_headers)
-    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_TESTS_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
-    get_target_property(sources ${target} SOURCES)
-    list(FILTER sources INCLUDE REGEX "/l2vpn/|[.]c$") # what is tested is compiled as it always is
-    set_source_files_properties(${sources} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
-    if(L2VPN_TESTS_TOGETHER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # it takes each file for a header
-        target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
-    endif()
+    l2vpn_test_batches(${target})
 endfunction()
 
 # l2vpn_gtest(NAME SOURCES... [LIBS...] [TIMEOUT SECONDS] [LABELS...] [COST N]): a GoogleTest program, each of its

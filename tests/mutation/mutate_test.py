@@ -119,6 +119,12 @@ build bin/inside: exe inside.dir/test.o lib/libl2vpn_ac_objects.a
         self.assertEqual(verdicts['+ -> -'], ('killed', 'inside fails'))
         self.assertEqual(verdicts['return a + b; -> return {};'], ('killed', 'inside fails'))
 
+    def test_a_batch_which_hides_what_is_included_is_refused(self):
+        commands = self.root / 'build' / 'compile_commands.json'
+        commands.write_text(commands.read_text().replace('/test.cpp"', '/unity_0_cxx.cxx"'))
+        with mock.patch.multiple(workshop, INSIDE=('inside',)), self.assertRaisesRegex(workshop.Broken, 'batch'):
+            Build(self.root / 'build', self.root / 'src')
+
 
 if __name__ == '__main__':
     unittest.main()

@@ -78,6 +78,8 @@ class Build:
                 self.options = [o for o in options if not re.match('-g|-W', o)]
             for name in INSIDE:
                 if f'{name}.dir' in output:
+                    if Path(entry['file']).name.startswith('unity_'):
+                        raise Broken(f'{directory}: {name} is compiled in a batch, which hides what its sources include')
                     self.tests[name][Path(entry['file'])] = output, options
         if not self.units:
             raise Broken(f'{directory}: does not build the library')

@@ -106,7 +106,8 @@ TEST_F(large_arenas, stand_on_whole_huge_pages_wherever_the_kernel_has_placed_th
     }
     std::size_t inside = 0;
     for (uint32_t slot = 0; slot < slots; slot++) {
-        memset(array.at(slot), 0xac, slot_size);
+        if (slot % 512 == 0 || slot == slots - 1) /* some of them are written: all would be 190 MB */
+            memset(array.at(slot), 0xac, slot_size);
         inside += std::ranges::any_of(seen.advised,
                                       [&](const range &of) { return of.has(array.at(slot), slot_size); });
     }

@@ -32,6 +32,7 @@ bool come_up(const loop &on, const bool &is_up)
  * about memory at most. */
 void expect_one_call_a_message(const traffic &seen)
 {
+    ASSERT_FALSE(seen.calls.empty());
     constexpr std::array about_memory{SYS_mmap, SYS_munmap, SYS_mremap, SYS_madvise, SYS_brk};
     const auto sends = [](const call &of) { return of.number == SYS_sendmsg; };
     const auto first = std::ranges::find_if(seen.calls, sends);
@@ -77,7 +78,8 @@ int send_pieces(bytes &room)
     owner one(client, class_id);
     bool is_up = false;
     one.event_hook = [&](l2vpn_ipc_evt_t event) { is_up = event == L2VPN_IPC_EVT_CONNECTED; };
-    if (one.start() != EOK || !come_up(on, is_up) || !be_traced())
+    if (one.start() != EOK || !come_up(on, is_up) || platform_capture_set("off", 256, 160) != EOK ||
+        !be_traced())
         return 1;
     const std::array<iovec, pieces_max> pieces = pieces_in(room);
     qerrno status = EOK;
@@ -270,8 +272,10 @@ TEST_P(sends, of_ten_thousand_acs_take_one_call_a_message_from_the_owners_own_ar
         ASSERT_TRUE(watching.begin());
         for (const request &each : requests_of(of_class, own)) {
             SCOPED_TRACE(each.name);
-            const traffic seen = watching.between_marks();
-            ASSERT_FALSE(HasFatalFailure());
+            traffic seen = watching.between_marks();
+            ASSERT_FALSE(HasFailure());
+            if (GetParam()) /* records have times, which not every machine tells without a call */
+                std::erase_if(seen.calls, [](const call &of) { return of.number == SYS_clock_gettime; });
             expect_one_call_a_message(seen);
             expect_own_memory(each, seen);
             ASSERT_FALSE(HasFailure());
