@@ -121,18 +121,6 @@ function(l2vpn_tool_code target)
     endif()
 endfunction()
 
-# l2vpn_test_batches(TARGET): the sources of a test program may be compiled in batches; what is tested is compiled as it
-# always is.
-function(l2vpn_test_batches target)
-    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_TESTS_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
-    get_target_property(sources ${target} SOURCES)
-    list(FILTER sources INCLUDE REGEX "/l2vpn/|[.]c$")
-    set_source_files_properties(${sources} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
-    if(L2VPN_TESTS_TOGETHER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # it takes each file for a header
-        target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
-    endif()
-endfunction()
-
 # l2vpn_test_code(TARGET): how code of tests is compiled. More often than it is run: no optimisation, and the
 # large headers once for all of them.
 function(l2vpn_test_code target)
@@ -145,7 +133,13 @@ function(l2vpn_test_code target)
     endif()
     target_compile_options(${target} PRIVATE -O0 -fPIE ${L2VPN_TEST_OPTIONS}) # -fPIE: libraries, too, share the headers
     target_precompile_headers(${target} REUSE_FROM l2vpn_test_headers)
-    l2vpn_test_batches(${target})
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_TESTS_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
+    get_target_property(sources ${target} SOURCES)
+    list(FILTER sources INCLUDE REGEX "/l2vpn/|[.]c$") # what is tested is compiled as it always is
+    set_source_files_properties(${sources} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    if(L2VPN_TESTS_TOGETHER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # it takes each file for a header
+        target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+    endif()
 endfunction()
 
 # l2vpn_gtest(NAME SOURCES... [LIBS...] [TIMEOUT SECONDS] [LABELS...] [COST N]): a GoogleTest program, each of its
