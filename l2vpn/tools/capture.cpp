@@ -35,7 +35,7 @@ public:
     void begin(const std::vector<std::string> &sources) override
     {
         for (const std::string &source : sources) {
-            m_sources.push_back({source, 0, 0});
+            m_sources.push_back({source, nullptr});
         }
         guarded([this] { open(m_how.force); });
     }
@@ -43,9 +43,11 @@ public:
     bool take(size_t source, const captured &record, uint64_t lost) override
     {
         guarded([&] {
-            m_file->add(static_cast<uint32_t>(source), record, lost);
-            m_sources[source].received += 1 + lost;
-            m_sources[source].lost += lost;
+            m_sources[source].latest = record.interface;
+            const uint32_t number = interface_of(source);
+            m_file->add(number, record, lost);
+            m_interfaces[number].received += 1 + lost;
+            m_interfaces[number].lost += lost;
             m_total++;
             if (m_file->size() >= m_size) {
                 rotate();
@@ -63,18 +65,26 @@ public:
 
     void end(size_t source, uint64_t lost) override
     {
-        const source_row &of = m_sources[source];
         guarded([&] {
-            m_file->add_statistics(static_cast<uint32_t>(source), of.received + lost, of.lost + lost);
+            interface_row &latest = m_interfaces[interface_of(source)];
+            latest.received += lost;
+            latest.lost += lost;
+            add_statistics([source](const interface_row &of) { return of.source == source; });
             m_file->place();
         });
     }
 
 private:
+    using interface = std::shared_ptr<const std::string>;
+
     struct source_row {
         std::string name;
-        uint64_t received; /* in the present file, those lost included */
-        uint64_t lost;
+        interface latest; /* that a record of it had; a ring's have none */
+    };
+    struct interface_row {
+        size_t source;
+        uint64_t received = 0; /* those lost included */
+        uint64_t lost = 0;
     };
 
     [[noreturn]] static void refuse(const std::string &path, const std::string &why)
@@ -120,10 +130,35 @@ private:
     void open(bool replace)
     {
         m_file = std::make_unique<pcapng_writer>(m_how.write, replace, "l2vpnctl " L2VPN_VERSION, is_stopped);
-        for (const source_row &source : m_sources) {
-            m_file->add_interface(source.name);
+        m_interfaces.clear();
+        m_numbers.clear();
+        if (m_how.files.empty()) {
+            interface_of(0); /* of the process that is followed, be it silent */
         }
         m_file->flush();
+    }
+
+    /* Where records of the source go that are as its latest. One that was read from a file keeps the name that it has
+     * there: it says whose they are. */
+    uint32_t interface_of(size_t source)
+    {
+        const source_row &of = m_sources[source];
+        const auto [place, is_new] = m_numbers.try_emplace({source, of.latest}, 0);
+        if (is_new) {
+            place->second = m_file->add_interface(of.latest ? *of.latest : of.name);
+            m_interfaces.push_back({source});
+        }
+        return place->second;
+    }
+
+    template <typename Wanted>
+    void add_statistics(const Wanted &wanted)
+    {
+        for (uint32_t i = 0; i < m_interfaces.size(); i++) {
+            if (wanted(m_interfaces[i])) {
+                m_file->add_statistics(i, m_interfaces[i].received, m_interfaces[i].lost);
+            }
+        }
     }
 
     /* The present file gets the number 1, the others the next one; the oldest goes. */
@@ -133,10 +168,7 @@ private:
         if (m_full) {
             return;
         }
-        for (uint32_t i = 0; i < m_sources.size(); i++) {
-            m_file->add_statistics(i, m_sources[i].received, m_sources[i].lost);
-            m_sources[i].received = m_sources[i].lost = 0;
-        }
+        add_statistics([](const interface_row &) { return true; });
         m_file->place();
         m_file.reset();
         for (uint32_t i = m_how.written_files - 1; i > 0; i--) {
@@ -154,6 +186,8 @@ private:
     uint64_t m_size;
     uint64_t m_total = 0;
     std::vector<source_row> m_sources;
+    std::vector<interface_row> m_interfaces; /* of the present file */
+    std::map<std::pair<size_t, interface>, uint32_t> m_numbers;
 };
 
 } // namespace

@@ -1,9 +1,8 @@
 /*
  * Files that hold the same records, all or some: each is read once, and none that only looks like another is left out.
  */
+#include "overlapping.h"
 #include "pcapng_reader.h"
-#include "pcapng_writer.h"
-#include "recorded.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -11,64 +10,6 @@
 #include <numeric>
 
 using namespace process_test;
-
-namespace {
-
-class overlapping : public recorded {
-protected:
-    /* Of the records that are shown; -N where N are said to be missing. */
-    std::vector<int64_t> numbers(const std::vector<std::string> &files) const
-    {
-        std::vector<int64_t> found;
-        for (const json &row : rows(files)) {
-            found.push_back(row.contains("lost") ? -row["lost"].get<int64_t>()
-                                                 : row["number"].get<int64_t>());
-        }
-        return found;
-    }
-
-    static l2vpn::capture::captured refused(uint64_t number)
-    {
-        l2vpn::capture::captured made{};
-        made.time = 1'790'000'000'000'000'000 + number;
-        made.head.kind = l2vpn::capture::record_kind::link_refused;
-        made.head.by = l2vpn::capture::observer::process;
-        made.head.number = number;
-        return made;
-    }
-
-    /* A capture of one process's records; -N where N are missing, also at its end. */
-    std::string make(const std::string &name, const std::vector<int64_t> &numbers)
-    {
-        l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
-        writer.add_interface("l2vpnd-1");
-        uint64_t missing = 0;
-        uint64_t all_missing = 0;
-        for (const int64_t number : numbers) {
-            if (number < 0) {
-                missing = static_cast<uint64_t>(-number);
-                all_missing += missing;
-                continue;
-            }
-            writer.add(0, refused(static_cast<uint64_t>(number)), missing);
-            missing = 0;
-        }
-        writer.add_statistics(0, numbers.size(), all_missing);
-        writer.place();
-        return m_dir.file(name);
-    }
-    void expect_together(const std::vector<std::vector<int64_t>> &files, const std::vector<int64_t> &expected)
-    {
-        std::vector<std::string> arguments;
-        for (const std::vector<int64_t> &file : files) {
-            const std::string name = std::to_string(arguments.size()) + ".pcapng";
-            arguments.insert(arguments.end(), {"--read", make(name, file)});
-        }
-        EXPECT_EQ(numbers(arguments), expected);
-    }
-};
-
-} // namespace
 
 /* The ring itself, a link to it, a copy, and what was captured of it. */
 TEST_F(overlapping, a_record_of_several_files_is_there_once)
@@ -172,41 +113,6 @@ TEST_F(overlapping, numbers_that_begin_again_are_not_put_back)
         expect_together({again}, again);
     }
     expect_together({{0, -99, 100, 9, 10}}, {0, -99, 100, 9, 10});
-}
-
-/* The last of one part and the first of the next were recorded at the same moment, and the clock read in between. */
-TEST_F(overlapping, parts_are_read_in_the_order_of_their_numbers)
-{
-    const auto part = [&](const std::string &name, const std::string &ring,
-                          const std::vector<std::pair<uint64_t, uint64_t>> &records) {
-        l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
-        writer.add_interface(ring);
-        for (const auto &[number, time] : records) {
-            l2vpn::capture::captured made = refused(number);
-            made.time = time;
-            writer.add(0, made, 0);
-        }
-        writer.place();
-    };
-    const auto expect_read = [&](const std::vector<int64_t> &expected) {
-        EXPECT_EQ(numbers({"--read", m_dir.file("1"), "--read", m_dir.file("2")}), expected);
-        EXPECT_EQ(numbers({"--read", m_dir.file("2"), "--read", m_dir.file("1")}), expected);
-    };
-    constexpr uint64_t second = 1'000'000'000;
-    part("1", "l2vpnd-1", {{0, 10}, {1, 14}, {2, 15}});
-    part("2", "l2vpnd-1", {{3, 12}, {4, 13}, {5, 20}});
-    expect_read({0, 1, 2, 3, 4, 5});
-    part("2", "l2vpnd-2", {{3, 12}, {4, 13}, {5, 20}});
-    expect_read({0, 3, 4, 1, 2, 5}); /* another process */
-    part("1", "l2vpnd-1", {{0, 10}, {1, 14 + second}});
-    part("2", "l2vpnd-1", {{3, 12}, {4, 13}});
-    expect_read({0, 3, 4, 1}); /* not at the same moment */
-    part("1", "l2vpnd-1", {{0, 10}, {1, 14}});
-    part("2", "l2vpnd-1", {{70, 12}, {71, 13}});
-    expect_read({0, 70, 71, 1});
-    part("1", "l2vpnd-1", {{40, 10}, {41, 14}});
-    part("2", "l2vpnd-1", {{0, 12}, {1, 15}});
-    expect_read({40, 0, 41, 1}); /* one that has begun again */
 }
 
 /* Each interface counts for itself. */

@@ -47,6 +47,7 @@ class Capture:
         self.blocks = [block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1))]
         self.blocks += interfaces * [
             block(1, struct.pack("<HHI", 147, 0, 0) + struct.pack("<HHB3x", 9, 1, 9) + bytes(4))]
+        self.beginning = len(self.blocks)
 
     def add(self, owner, kind, direction=NONE, content=b"", status=0, after=1000, lost=0, pid=None):
         self.time += after
@@ -58,6 +59,10 @@ class Capture:
         self.blocks.append(block(6, struct.pack("<IIIII", self.interface, self.time >> 32, self.time & 0xFFFFFFFF, len(data),
                                                 len(data)) + data + bytes(-len(data) % 4) + options))
         self.count += 1
+
+    def cut(self):
+        """What comes is in another file."""
+        del self.blocks[self.beginning:]
 
     def start_again(self):
         """The process: whatever it counts begins anew."""

@@ -74,6 +74,17 @@ def beside(path):
     return made.write(path)
 
 
+def parts(first, second):
+    """Of one capture."""
+    made = Capture()
+    made.add(1, UP)
+    made.said(1, create([(0x11, "port1/1")], 1))
+    made.write(first)
+    made.cut()
+    made.said(1, create([(0x12, "port1/2")], 2))
+    made.write(second)
+
+
 def strange(path):
     """More types than there are, and two links of one client."""
     made = Capture()

@@ -12,7 +12,7 @@ import sys
 import tempfile
 
 from browser import Browser
-from samples import MANY, beside, large, restarted, small, strange
+from samples import MANY, beside, large, parts, restarted, small, strange
 
 program = sys.argv[1]
 HEAD_HEIGHT = 46  # of the picture's own head, in pixels
@@ -339,6 +339,22 @@ def run_beside(page, folder):
     page.check_quiet()
 
 
+def run_put_together(page, folder):
+    """Parts of one capture that were written to one file are of one process."""
+    first, second, both = (folder / name for name in ("part.pcapng.1", "part.pcapng", "both.pcapng"))
+    parts(first, second)
+    subprocess.run([program, "capture", "-w", str(both), "--from-ring", str(first), "--from-ring", str(second)],
+                   timeout=300, check=True)
+    _, html = make(folder, "put-together", lambda _: both)
+    page.show(html)
+    summary = page.text("#summary")
+    for part in ["3 records", "1 owners"]:
+        check(part in summary, f"'{part}' is not in '{summary}'")
+    check("processes" not in summary, f"'{summary}' of one process")
+    check_equal(page.pixels("begin"), 0, "another process, and there is one")
+    page.check_quiet()
+
+
 def run_strange(page, folder):
     _, html = make(folder, "strange", strange)
     page.show(html)
@@ -392,6 +408,7 @@ def main():
         run_strange(page, pathlib.Path(folder))
         run_restarted(page, pathlib.Path(folder))
         run_beside(page, pathlib.Path(folder))
+        run_put_together(page, pathlib.Path(folder))
         run_large(page, pathlib.Path(folder))
 
 

@@ -1,0 +1,142 @@
+/*
+ * Parts of one capture: they are read, and written together, as the one that they are.
+ */
+#include "overlapping.h"
+#include "pcapng_reader.h"
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+
+using namespace process_test;
+
+namespace {
+
+using l2vpn::capture::captured;
+
+std::vector<captured> records_of(const std::string &file)
+{
+    std::ifstream from(file, std::ios::binary);
+    l2vpn::capture::pcapng_reader reader(from);
+    std::vector<captured> found;
+    captured record{};
+    for (uint64_t lost = 0; reader.next(record, lost);) {
+        found.push_back(record);
+    }
+    return found;
+}
+
+/* What an interface's statistics say: its number, what was recorded, what of it was lost. */
+using statistics = std::array<uint64_t, 3>;
+
+std::vector<statistics> statistics_of(const std::string &file)
+{
+    const std::string content = system_test::read_file(file);
+    const auto number_at = [&content](size_t at, auto value) {
+        content.copy(reinterpret_cast<char *>(&value), sizeof value, at);
+        return value;
+    };
+    std::vector<statistics> found;
+    for (size_t at = 0; at < content.size(); at += number_at(at + 4, uint32_t{})) {
+        constexpr uint32_t interface_statistics = 5;
+        if (number_at(at, uint32_t{}) == interface_statistics) { /* two options of 8 bytes behind its time */
+            found.push_back({number_at(at + 8, uint32_t{}), number_at(at + 24, uint64_t{}),
+                             number_at(at + 36, uint64_t{})});
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+/* The last of one part and the first of the next were recorded at the same moment, and the clock read in between. */
+TEST_F(overlapping, parts_are_read_in_the_order_of_their_numbers)
+{
+    const auto part = [&](const std::string &name, const std::string &ring,
+                          const std::vector<std::pair<uint64_t, uint64_t>> &records) {
+        l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
+        writer.add_interface(ring);
+        for (const auto &[number, time] : records) {
+            l2vpn::capture::captured made = refused(number);
+            made.time = time;
+            writer.add(0, made, 0);
+        }
+        writer.place();
+    };
+    const auto expect_read = [&](const std::vector<int64_t> &expected) {
+        EXPECT_EQ(numbers({"--read", m_dir.file("1"), "--read", m_dir.file("2")}), expected);
+        EXPECT_EQ(numbers({"--read", m_dir.file("2"), "--read", m_dir.file("1")}), expected);
+    };
+    constexpr uint64_t second = 1'000'000'000;
+    part("1", "l2vpnd-1", {{0, 10}, {1, 14}, {2, 15}});
+    part("2", "l2vpnd-1", {{3, 12}, {4, 13}, {5, 20}});
+    expect_read({0, 1, 2, 3, 4, 5});
+    part("2", "l2vpnd-2", {{3, 12}, {4, 13}, {5, 20}});
+    expect_read({0, 3, 4, 1, 2, 5}); /* another process */
+    part("1", "l2vpnd-1", {{0, 10}, {1, 14 + second}});
+    part("2", "l2vpnd-1", {{3, 12}, {4, 13}});
+    expect_read({0, 3, 4, 1}); /* not at the same moment */
+    part("1", "l2vpnd-1", {{0, 10}, {1, 14}});
+    part("2", "l2vpnd-1", {{70, 12}, {71, 13}});
+    expect_read({0, 70, 71, 1});
+    part("1", "l2vpnd-1", {{40, 10}, {41, 14}});
+    part("2", "l2vpnd-1", {{0, 12}, {1, 15}});
+    expect_read({40, 0, 41, 1}); /* one that has begun again */
+}
+
+/* Each interface goes on as one: the process, and not the file that it was read from, has recorded. */
+TEST_F(overlapping, parts_that_are_written_to_one_file_are_one_process_s)
+{
+    const std::string whole = m_dir.file("whole.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", whole, "--from-ring", make_history()}).status, 0);
+    const std::vector<captured> records = records_of(whole);
+    ASSERT_EQ(records.size(), 4U);
+    const auto write = [&](const std::string &name, size_t first) {
+        l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
+        writer.add_interface(*records[0].interface);
+        writer.add(0, records[first], 0);
+        writer.add(0, records[first + 1], 0);
+        writer.place();
+        return m_dir.file(name);
+    };
+    const std::string first = write("x.pcapng.1", 0);
+    const std::string second = write("x.pcapng", 2);
+    const std::string all = m_dir.file("all.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", all, "--from-ring", first, "--from-ring", second}).status, 0);
+    const auto told_of = [&](const std::vector<std::string> &files) {
+        std::vector<std::string> arguments = {"explain", "0x11", "--json"};
+        for (const std::string &file : files) {
+            arguments.insert(arguments.end(), {"--read", file});
+        }
+        json told = json::parse(ctl(arguments).out);
+        for (json &step : told["steps"]) {
+            step.erase("source");
+        }
+        return json({told["steps"], told["verdict"], told["notes"]});
+    };
+    EXPECT_EQ(told_of({all}), told_of({first, second}));
+    EXPECT_EQ(told_of({all}), told_of({whole}));
+    EXPECT_EQ(rows({"--read", all}), rows({"--read", whole}));
+}
+
+/* Files of two processes can have one name. */
+TEST_F(overlapping, what_is_written_again_keeps_the_names_of_its_interfaces)
+{
+    std::filesystem::create_directory(m_dir.file("a"));
+    std::filesystem::create_directory(m_dir.file("b"));
+    const std::string one = make("a/x.pcapng", {0, 1, -2, 4}, "l2vpnd-1");
+    const std::string other = make("b/x.pcapng", {7, 8, -3}, "l2vpnd-2");
+    const std::string both = m_dir.file("both.pcapng");
+    const std::string all = m_dir.file("all.pcapng");
+    ASSERT_EQ(ctl({"capture", "-w", both, "--from-ring", other, "--from-ring", one}).status, 0);
+    EXPECT_EQ(statistics_of(both), (std::vector<statistics>{{1, 5, 3}, {0, 5, 2}}));
+    const std::string its = make_history();
+    ASSERT_EQ(ctl({"capture", "-w", all, "--from-ring", both, "--from-ring", its}).status, 0);
+    std::map<std::string, std::vector<uint64_t>> found;
+    for (const captured &record : records_of(all)) {
+        found[*record.interface].push_back(record.head.number);
+    }
+    const std::map<std::string, std::vector<uint64_t>> expected = {
+        {"l2vpnd-1", {0, 1, 4}}, {"l2vpnd-2", {7, 8}}, {std::filesystem::path(its).stem(), {0, 1, 2, 3}}};
+    EXPECT_EQ(found, expected);
+}
