@@ -96,6 +96,8 @@ bool pcapng_source::read()
     }
     m_is_over = !is_there;
     if (is_there) {
+        const uint64_t number = made.record.head.number;
+        made.first = number - std::min(number, made.missing);
         put_in_order(std::move(made));
     }
     return is_there;
@@ -132,6 +134,17 @@ void pcapng_source::put_in_order(waiting &&made)
         place = at;
     }
     m_waiting.push_back(std::move(made));
+}
+
+/* Where a capture goes on in another file, a late one may be there. */
+void pcapng_source::note_elsewhere(const captured &record)
+{
+    waiting &due = m_waiting.front();
+    const uint64_t number = record.head.number;
+    if (due.missing > 0 && number >= due.first && are_neighbours(record, due.record)) {
+        due.missing--;
+        m_overtaken++;
+    }
 }
 
 uint64_t pcapng_source::lost() const

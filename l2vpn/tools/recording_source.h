@@ -35,6 +35,8 @@ public:
     bool give(size_t index, record_consumer &to, uint64_t lost);
     /* It is over, given or not. */
     void pass();
+    /* This one has come from elsewhere: it may be one of those that are missing before the next. */
+    virtual void note_elsewhere(const captured & /*record*/) {}
     /* What is missing, beside what was before records that were passed. */
     uint64_t lost_at_end() const;
     /* What was found to be wrong with what was read; empty: nothing. */
@@ -83,12 +85,14 @@ public:
     std::string name() const override { return m_name; }
     const captured *next() override;
     uint64_t missing() const override { return m_waiting.front().missing; }
+    void note_elsewhere(const captured &record) override;
     std::string fault() const override;
 
 private:
     struct waiting {
         captured record;
-        uint64_t missing;
+        uint64_t missing; /* before it, */
+        uint64_t first;   /* and the number from which on */
     };
 
     void pop() override { m_waiting.pop_front(); }

@@ -131,11 +131,7 @@ bool must_wait(const opened_file &part, const opened_file &before)
 {
     const captured &first = *part.next();
     const captured &due = *before.next();
-    const auto is_named = [](const captured &of) { return of.interface && !of.interface->empty(); };
-    return part.latest == 0 && before.latest > 0 && is_named(first) && is_named(due) &&
-           *first.interface == *due.interface && has_same_observer(first, due) &&
-           first.head.number > due.head.number && first.head.number - due.head.number <= overtaken_most &&
-           first.time < due.time && due.time - first.time < a_moment;
+    return part.latest == 0 && before.latest > 0 && first.time < due.time && are_neighbours(due, first);
 }
 
 std::optional<size_t> find_next(const std::vector<opened_file> &files)
@@ -164,7 +160,11 @@ bool give_next(std::vector<opened_file> &files, size_t index, uint64_t number, r
     uint64_t at_beginnings = 0;
     for (size_t i = 0; i < files.size(); i++) {
         const captured *next = files[i].next();
-        if (next == nullptr || !is_same_record(*next, record)) {
+        if (next == nullptr) {
+            continue;
+        }
+        if (!is_same_record(*next, record)) {
+            files[i].source->note_elsewhere(record);
             continue;
         }
         const uint64_t missing = files[i].source->missing();
@@ -270,6 +270,15 @@ bool has_same_observer(const captured &one, const captured &other)
 {
     return one.head.by == other.head.by &&
            (one.head.by == l2vpn::capture::observer::process || one.head.pid == other.head.pid);
+}
+
+bool are_neighbours(const captured &before, const captured &after)
+{
+    const uint64_t apart = std::max(before.time, after.time) - std::min(before.time, after.time);
+    return before.interface && after.interface && !before.interface->empty() &&
+           *before.interface == *after.interface && has_same_observer(before, after) &&
+           before.head.number < after.head.number &&
+           after.head.number - before.head.number <= overtaken_most && apart < a_moment;
 }
 
 bool is_same_record(const captured &one, const captured &other)

@@ -90,6 +90,9 @@ std::vector<std::string> distinct(const std::vector<std::string> &paths);
 /* Both of the process, or of one owner; there may be several processes. */
 bool has_same_observer(const captured &one, const captured &other);
 
+/* Recorded about the same moment, one behind the other: by one, as far as the names of their interfaces tell. */
+bool are_neighbours(const captured &before, const captured &after);
+
 /* Of the same recorder at the same moment; of the message, one may have kept less. */
 bool is_same_record(const captured &one, const captured &other);
 

@@ -14,6 +14,12 @@ namespace {
 
 using l2vpn::capture::captured;
 
+struct part_record {
+    uint64_t number;
+    uint64_t time;
+    uint64_t missing = 0;
+};
+
 std::vector<captured> records_of(const std::string &file)
 {
     std::ifstream from(file, std::ios::binary);
@@ -47,45 +53,75 @@ std::vector<statistics> statistics_of(const std::string &file)
     return found;
 }
 
+class parts : public overlapping {
+protected:
+    static constexpr uint64_t second = 1'000'000'000;
+
+    void part(const std::string &name, const std::vector<part_record> &records,
+              const std::string &process = "l2vpnd-1")
+    {
+        l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
+        writer.add_interface(process);
+        uint64_t missing = 0;
+        for (const part_record &record : records) {
+            captured made = refused(record.number);
+            made.time = record.time;
+            writer.add(0, made, record.missing);
+            missing += record.missing;
+        }
+        writer.add_statistics(0, records.size() + missing, missing);
+        writer.place();
+    }
+    void expect_read(const std::vector<int64_t> &expected) const
+    {
+        EXPECT_EQ(numbers({"--read", m_dir.file("1"), "--read", m_dir.file("2")}), expected);
+        EXPECT_EQ(numbers({"--read", m_dir.file("2"), "--read", m_dir.file("1")}), expected);
+    }
+};
+
 } // namespace
 
 /* The last of one part and the first of the next were recorded at the same moment, and the clock read in between. */
-TEST_F(overlapping, parts_are_read_in_the_order_of_their_numbers)
+TEST_F(parts, are_read_in_the_order_of_their_numbers)
 {
-    const auto part = [&](const std::string &name, const std::string &ring,
-                          const std::vector<std::pair<uint64_t, uint64_t>> &records) {
-        l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
-        writer.add_interface(ring);
-        for (const auto &[number, time] : records) {
-            l2vpn::capture::captured made = refused(number);
-            made.time = time;
-            writer.add(0, made, 0);
-        }
-        writer.place();
-    };
-    const auto expect_read = [&](const std::vector<int64_t> &expected) {
-        EXPECT_EQ(numbers({"--read", m_dir.file("1"), "--read", m_dir.file("2")}), expected);
-        EXPECT_EQ(numbers({"--read", m_dir.file("2"), "--read", m_dir.file("1")}), expected);
-    };
-    constexpr uint64_t second = 1'000'000'000;
-    part("1", "l2vpnd-1", {{0, 10}, {1, 14}, {2, 15}});
-    part("2", "l2vpnd-1", {{3, 12}, {4, 13}, {5, 20}});
+    part("1", {{0, 10}, {1, 14}, {2, 15}});
+    part("2", {{3, 12}, {4, 13}, {5, 20}});
     expect_read({0, 1, 2, 3, 4, 5});
-    part("2", "l2vpnd-2", {{3, 12}, {4, 13}, {5, 20}});
+    part("2", {{3, 12}, {4, 13}, {5, 20}}, "l2vpnd-2");
     expect_read({0, 3, 4, 1, 2, 5}); /* another process */
-    part("1", "l2vpnd-1", {{0, 10}, {1, 14 + second}});
-    part("2", "l2vpnd-1", {{3, 12}, {4, 13}});
+    part("1", {{0, 10}, {1, 14 + second}});
+    part("2", {{3, 12}, {4, 13}});
     expect_read({0, 3, 4, 1}); /* not at the same moment */
-    part("1", "l2vpnd-1", {{0, 10}, {1, 14}});
-    part("2", "l2vpnd-1", {{70, 12}, {71, 13}});
+    part("1", {{0, 10}, {1, 14}});
+    part("2", {{70, 12}, {71, 13}});
     expect_read({0, 70, 71, 1});
-    part("1", "l2vpnd-1", {{40, 10}, {41, 14}});
-    part("2", "l2vpnd-1", {{0, 12}, {1, 15}});
+    part("1", {{40, 10}, {41, 14}});
+    part("2", {{0, 12}, {1, 15}});
     expect_read({40, 0, 41, 1}); /* one that has begun again */
 }
 
+/* It was overtaken, and the capture has gone on in the next part by then. */
+TEST_F(parts, what_came_late_into_the_next_one_is_not_missing)
+{
+    part("1", {{0, 10}, {2, 12, 1}});
+    part("2", {{1, 11}, {3, 13}});
+    expect_read({0, 1, 2, 3});
+    part("1", {{0, 10}, {4, 14, 3}, {5, 15}, {7, 17, 1}});
+    part("2", {{3, 11}, {1, 12}, {6, 16}, {8, 18}});
+    expect_read({0, 1, 3, -1, 4, 5, 6, 7, 8});
+    part("2", {{1, 11}, {3, 13}}, "l2vpnd-2");
+    part("1", {{0, 10}, {2, 12, 1}});
+    expect_read({0, 1, -1, 2, 3}); /* another process has the number */
+    part("1", {{0, 10}, {2, 12 + second, 1}});
+    part("2", {{1, 11}});
+    expect_read({0, 1, -1, 2}); /* or this one, long before */
+    part("1", {{0, 10}, {10, 12, 1}});
+    part("2", {{8, 11}});
+    expect_read({0, 8, -1, 10}); /* which was not missing */
+}
+
 /* Each interface goes on as one: the process, and not the file that it was read from, has recorded. */
-TEST_F(overlapping, parts_that_are_written_to_one_file_are_one_process_s)
+TEST_F(parts, that_are_written_to_one_file_are_one_process_s)
 {
     const std::string whole = m_dir.file("whole.pcapng");
     ASSERT_EQ(ctl({"capture", "-w", whole, "--from-ring", make_history()}).status, 0);
@@ -120,7 +156,7 @@ TEST_F(overlapping, parts_that_are_written_to_one_file_are_one_process_s)
 }
 
 /* Files of two processes can have one name. */
-TEST_F(overlapping, what_is_written_again_keeps_the_names_of_its_interfaces)
+TEST_F(parts, of_two_processes_keep_the_names_of_their_interfaces)
 {
     std::filesystem::create_directory(m_dir.file("a"));
     std::filesystem::create_directory(m_dir.file("b"));
