@@ -115,12 +115,13 @@ opened_file open_file(const std::string &path)
     return made;
 }
 
-/* What comes next: the oldest, and of the same one in several files the longest. Each file keeps its own order, be its
- * clock set back or not. */
-bool comes_before(const captured &one, const captured &other)
+/* What comes next: the oldest, and of the same one in several files the longest; of those, one that has given before
+ * and so knows what is missing. Each file keeps its own order, be its clock set back or not. */
+bool comes_before(const opened_file &one, const opened_file &other)
 {
-    const auto rank = [](const captured &of) {
-        return std::tuple(of.time, of.head.number, UINT64_MAX - of.message.size());
+    const auto rank = [](const opened_file &of) {
+        const captured &next = *of.next();
+        return std::tuple(next.time, next.head.number, UINT64_MAX - next.message.size(), of.latest == 0);
     };
     return rank(one) < rank(other);
 }
@@ -142,9 +143,8 @@ std::optional<size_t> find_next(const std::vector<opened_file> &files)
         if (next == nullptr) {
             continue;
         }
-        const bool is_first =
-            !found || must_wait(files[*found], files[i]) ||
-            (comes_before(*next, *files[*found].next()) && !must_wait(files[i], files[*found]));
+        const bool is_first = !found || must_wait(files[*found], files[i]) ||
+                              (comes_before(files[i], files[*found]) && !must_wait(files[i], files[*found]));
         found = is_first ? i : *found;
     }
     return found;

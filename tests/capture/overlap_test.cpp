@@ -73,6 +73,21 @@ TEST_F(overlapping, what_is_missing_before_the_beginning_of_another_file_is_told
     expect_together({{-7, 7, 8}, {7, 8}}, {-7, 7, 8});
 }
 
+TEST_F(overlapping, explain_tells_the_same_loss_in_either_order)
+{
+    const std::string lossy = make("lossy.pcapng", {0, 1, -5, 7, 8});
+    const std::string begins = make("begins.pcapng", {7, 8});
+    for (const auto &[one, other] : {std::pair(lossy, begins), std::pair(begins, lossy)}) {
+        const system_test::result done = ctl({"explain", "0x11", "--read", one, "--read", other, "--json"});
+        const json told = json::parse(done.out);
+        std::map<std::string, uint64_t> lost;
+        for (const json &source : told.at("searched")) {
+            lost[source.at("path")] = source.at("lost");
+        }
+        EXPECT_EQ(lost, (std::map<std::string, uint64_t>{{lossy, 5}, {begins, 0}})) << one;
+    }
+}
+
 TEST_F(overlapping, what_is_missing_at_the_end_is_told_once)
 {
     const std::vector<int64_t> lossy = {0, 1, 2, -5};
