@@ -71,8 +71,30 @@ TEST_F(replay, what_is_missing_is_told)
         ASSERT_TRUE(owner.send(header(0, 0, 0).bytes()));
     }
     ASSERT_TRUE(is_handled(300));
-    expect_same(keep(), "(45 records are missing in the capture: what they did is not told)\n");
+    const std::string file = keep();
+    expect_same(file, "(45 records are missing in the capture: what they did is not told)\n");
     EXPECT_EQ(told({ring()})["lost"], 45);
+
+    const std::string holey = m_dir.file("holey.pcapng");
+    {
+        namespace capture = l2vpn::capture;
+        std::ifstream whole(file, std::ios::binary);
+        capture::pcapng_reader reader(whole);
+        capture::pcapng_writer writer(holey, false, "test");
+        writer.add_interface("l2vpnd-1");
+        capture::captured record{};
+        for (uint64_t lost = 0; reader.next(record, lost);) {
+            if (record.head.number < 100 || record.head.number > 104) {
+                writer.add(0, record, record.head.number == 105 ? 5 : lost);
+            }
+        }
+        writer.place();
+    }
+    EXPECT_EQ(told({holey})["lost"], 50);
+    for (const auto &[path, missing] : {std::pair(file, 45), std::pair(holey, 50)}) {
+        const std::string content = system_test::read_file(path);
+        EXPECT_EQ(told({m_dir.write("twice.pcapng", content + content)})["lost"], missing) << "once";
+    }
 }
 
 /* An owner's ring keeps the beginnings of messages, unless it is told to keep more. */

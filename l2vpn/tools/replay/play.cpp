@@ -11,26 +11,43 @@ namespace {
 
 using namespace l2vpn::capture;
 
+struct recording {
+    std::vector<captured> records;
+    uint64_t first = UINT64_MAX; /* the lowest number */
+    uint64_t before = 0;         /* records that are said to be missing before it */
+};
+
 /* Of each observer, by its pid or, the process's, 0. */
-using by_observer = std::map<uint32_t, std::vector<captured>>;
+using by_observer = std::map<uint32_t, recording>;
 
 class collector : public record_consumer {
 public:
     bool take(size_t /*source*/, const captured &record, uint64_t lost) override
     {
-        m_lost += lost;
-        m_found[link_of(record).observer].push_back(record);
+        recording &of = m_found[link_of(record).observer];
+        const uint64_t number = record.head.number;
+        if (number <= of.first) {
+            of.before = std::max(number < of.first ? 0 : of.before, std::min(lost, number));
+            of.first = number;
+        }
+        of.records.push_back(record);
         return true;
     }
-    void end(size_t /*source*/, uint64_t lost) override { m_lost += lost; }
+    void end(size_t /*source*/, uint64_t lost) override { m_lost_at_end += lost; }
 
     by_observer &found() { return m_found; }
-    uint64_t lost() const { return m_lost; }
+    uint64_t lost_at_end() const { return m_lost_at_end; }
 
 private:
     by_observer m_found;
-    uint64_t m_lost = 0;
+    uint64_t m_lost_at_end = 0;
 };
+
+/* In order. What a file says of gaps, it says again where it holds them twice; the numbers do not. */
+uint64_t lost_of(const recording &of)
+{
+    return of.before + (of.records.back().head.number - of.first - (of.records.size() - 1));
+}
 
 /* By number. One that a single file holds twice is left out once: of one that was cut, the longest stays. Others of
  * one number are of two processes. */
@@ -59,9 +76,9 @@ std::vector<captured> merge(by_observer &&found)
     };
     std::vector<queue> queues;
     size_t all = 0;
-    for (auto &[observer, records] : found) {
-        queues.push_back({&records});
-        all += records.size();
+    for (auto &[observer, of] : found) {
+        queues.push_back({&of.records});
+        all += of.records.size();
     }
     std::vector<captured> out;
     out.reserve(all);
@@ -99,17 +116,18 @@ play read_play(const command_line &line)
     collector all;
     read_recordings(line, all);
     play out;
-    out.lost = all.lost();
+    out.lost = all.lost_at_end();
     by_observer &found = all.found();
-    for (auto &[observer, records] : found) {
-        put_in_order(records, observer);
+    const bool has_process = found.contains(0);
+    for (auto &[observer, of] : found) {
+        put_in_order(of.records, observer);
+        const bool is_played = !has_process || observer == 0;
+        out.lost += is_played ? lost_of(of) : 0;
+        out.left_out += is_played ? 0 : of.records.size();
     }
-    if (const auto process = found.find(0); process != found.end()) {
-        out.before = process->second.front().head.number;
-        for (const auto &[observer, records] : found) {
-            out.left_out += observer == 0 ? 0 : records.size();
-        }
-        out.records = std::move(process->second);
+    if (has_process) {
+        out.before = found[0].first;
+        out.records = std::move(found[0].records);
     } else {
         out.records = merge(std::move(found));
     }

@@ -40,9 +40,9 @@ inline bool has_arrived(const captured &record, l2vpn::capture::flow direction)
 
 struct play {
     std::vector<captured> records; /* in the order in which they are to be played */
-    uint64_t lost = 0;             /* records that the capture says are missing */
-    uint64_t before = 0;           /* records of the process before the first one here */
-    uint64_t left_out = 0;         /* of owners, beside those of the process, which say the same */
+    uint64_t lost = 0;     /* records that are missing among these, or said to be before or behind them */
+    uint64_t before = 0;   /* records of the process before the first one here */
+    uint64_t left_out = 0; /* of owners, beside those of the process, which say the same */
 };
 
 /* Throws failure: a file cannot be read, holds records of two processes, or a message of which a part is missing. */
