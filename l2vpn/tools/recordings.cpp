@@ -130,22 +130,23 @@ bool comes_before(const opened_file &one, const opened_file &other)
  * first. */
 bool must_wait(const opened_file &part, const opened_file &before)
 {
-    const captured &first = *part.next();
-    const captured &due = *before.next();
-    return part.latest == 0 && before.latest > 0 && first.time < due.time && are_neighbours(due, first);
+    return before.latest > 0 && before.next() != nullptr && part.next()->time < before.next()->time &&
+           are_neighbours(*before.next(), *part.next());
 }
 
+/* Those that wait, at their beginnings, wait for others that have begun: one of these is always next. */
 std::optional<size_t> find_next(const std::vector<opened_file> &files)
 {
     std::optional<size_t> found;
     for (size_t i = 0; i < files.size(); i++) {
-        const captured *next = files[i].next();
-        if (next == nullptr) {
+        const opened_file &file = files[i];
+        if (file.next() == nullptr || (found && !comes_before(file, files[*found]))) {
             continue;
         }
-        const bool is_first = !found || must_wait(files[*found], files[i]) ||
-                              (comes_before(files[i], files[*found]) && !must_wait(files[i], files[*found]));
-        found = is_first ? i : *found;
+        const auto is_due = [&file](const opened_file &before) { return must_wait(file, before); };
+        if (file.latest > 0 || std::ranges::none_of(files, is_due)) {
+            found = i;
+        }
     }
     return found;
 }

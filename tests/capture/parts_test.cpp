@@ -4,6 +4,7 @@
 #include "overlapping.h"
 #include "pcapng_reader.h"
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -98,6 +99,22 @@ TEST_F(parts, are_read_in_the_order_of_their_numbers)
     part("1", {{40, 10}, {41, 14}});
     part("2", {{0, 12}, {1, 15}});
     expect_read({40, 0, 41, 1}); /* one that has begun again */
+}
+
+/* What comes next is the same however they are given. */
+TEST_F(parts, wait_for_one_another_and_others_do_not)
+{
+    part("1", {{0, 5}, {1, 14}});
+    part("2", {{2, 10}});
+    part("3", {{100, 12}}, "l2vpnd-2");
+    std::vector<std::string> files = {"1", "2", "3"};
+    do {
+        std::vector<std::string> arguments;
+        for (const std::string &file : files) {
+            arguments.insert(arguments.end(), {"--read", m_dir.file(file)});
+        }
+        EXPECT_EQ(numbers(arguments), (std::vector<int64_t>{0, 100, 1, 2})) << testing::PrintToString(files);
+    } while (std::ranges::next_permutation(files).found);
 }
 
 /* It was overtaken, and the capture has gone on in the next part by then. */
