@@ -90,7 +90,7 @@ TEST_F(explained, more_rings_than_files_may_be_open_are_said)
     };
     const auto unreadable = [](const json &told) {
         EXPECT_TRUE(has_note(told, "recording:unreadable"));
-        return told["notes"][0].value("text", "");
+        return told.at("notes").at(0).value("text", "");
     };
     const json raised = with_limits("ulimit -Sn 64");
     EXPECT_EQ(raised["searched"].size(), many + 1U) << "as many as can be";

@@ -39,7 +39,9 @@ private:
 
 TEST_F(control_group, that_is_not_there_is_told)
 {
-    EXPECT_EQ(open(), qerrno{ENOENT});
+    qerrno status = EOK;
+    EXPECT_EQ(failing::fail_call("getgrnam_r", ENOENT, [&] { status = open(); }).cause, ENOENT);
+    EXPECT_EQ(status, qerrno{ENOENT});
     expect_told("no such group for", "No such file or directory");
 }
 

@@ -219,12 +219,12 @@ int lstat(const char *path, struct stat *found) noexcept
     return fail_or_pass_on("lstat", path, found);
 }
 
-/* These two return their cause. */
+/* These two return their cause. That a group is not there is none. */
 int getgrnam_r(const char *name, group *entry, char *room, size_t size, group **found)
 {
     if (const int cause = cause_of("getgrnam_r"); cause != 0) {
         *found = nullptr;
-        return cause;
+        return cause == ENOENT ? 0 : cause;
     }
     return pass_on<int>("getgrnam_r", name, entry, room, size, found);
 }
