@@ -56,8 +56,9 @@ class Capture:
                            self.count, status, len(content), b"portd-%d" % owner)
         data = head + content
         options = struct.pack("<HHQ", 4, 8, lost) + bytes(4) if lost else b""
-        self.blocks.append(block(6, struct.pack("<IIIII", self.interface, self.time >> 32, self.time & 0xFFFFFFFF, len(data),
-                                                len(data)) + data + bytes(-len(data) % 4) + options))
+        when = (self.time >> 32, self.time & 0xFFFFFFFF)
+        about = struct.pack("<IIIII", self.interface, *when, len(data), len(data))
+        self.blocks.append(block(6, about + data + bytes(-len(data) % 4) + options))
         self.count += 1
 
     def cut(self):
