@@ -56,7 +56,7 @@ std::vector<statistics> statistics_of(const std::string &file)
 
 class parts : public overlapping {
 protected:
-    static constexpr uint64_t second = 1'000'000'000;
+    static constexpr uint64_t a_second = 1'000'000'000;
 
     void part(const std::string &name, const std::vector<part_record> &records,
               const std::string &process = "l2vpnd-1")
@@ -90,7 +90,7 @@ TEST_F(parts, are_read_in_the_order_of_their_numbers)
     expect_read({0, 1, 2, 3, 4, 5});
     part("2", {{3, 12}, {4, 13}, {5, 20}}, "l2vpnd-2");
     expect_read({0, 3, 4, 1, 2, 5}); /* another process */
-    part("1", {{0, 10}, {1, 14 + second}});
+    part("1", {{0, 10}, {1, 14 + a_second}});
     part("2", {{3, 12}, {4, 13}});
     expect_read({0, 3, 4, 1}); /* not at the same moment */
     part("1", {{0, 10}, {1, 14}});
@@ -124,12 +124,12 @@ TEST_F(parts, what_came_late_into_the_next_one_is_not_missing)
     part("2", {{1, 11}, {3, 13}});
     expect_read({0, 1, 2, 3});
     part("1", {{0, 10}, {4, 14, 3}, {5, 15}, {7, 17, 1}});
-    part("2", {{3, 11}, {1, 12}, {6, 16}, {8, 18}});
+    part("2", {{1, 11}, {3, 12}, {6, 16}, {8, 18}});
     expect_read({0, 1, 3, -1, 4, 5, 6, 7, 8});
     part("2", {{1, 11}, {3, 13}}, "l2vpnd-2");
     part("1", {{0, 10}, {2, 12, 1}});
     expect_read({0, 1, -1, 2, 3}); /* another process has the number */
-    part("1", {{0, 10}, {2, 12 + second, 1}});
+    part("1", {{0, 10}, {2, 12 + a_second, 1}});
     part("2", {{1, 11}});
     expect_read({0, 1, -1, 2}); /* or this one, long before */
     part("1", {{0, 10}, {10, 12, 1}});
@@ -137,39 +137,45 @@ TEST_F(parts, what_came_late_into_the_next_one_is_not_missing)
     expect_read({0, 8, -1, 10}); /* which was not missing */
 }
 
-/* Each interface goes on as one: the process, and not the file that it was read from, has recorded. */
+/* The process, and not the file that it was read from, has recorded: a batch that is open in one is closed in the other. */
 TEST_F(parts, that_are_written_to_one_file_are_one_process_s)
 {
+    start();
+    raw_peer owner = peer(3);
+    ASSERT_TRUE(owner.send(create(3, {0x11}, 0x1)) && owner.send(create(3, {0x12}, 0x2)));
+    ASSERT_TRUE(holds(2));
     const std::string whole = m_dir.file("whole.pcapng");
-    ASSERT_EQ(ctl({"capture", "-w", whole, "--from-ring", make_history()}).status, 0);
+    ASSERT_EQ(ctl({"capture", "-w", whole, "--from-ring", ring()}).status, 0);
     const std::vector<captured> records = records_of(whole);
-    ASSERT_EQ(records.size(), 4U);
-    const auto write = [&](const std::string &name, size_t first) {
+    ASSERT_EQ(records.size(), 3U);
+    const auto write = [&](const std::string &name, size_t from, size_t upto) {
         l2vpn::capture::pcapng_writer writer(m_dir.file(name), true, "test");
         writer.add_interface(*records[0].interface);
-        writer.add(0, records[first], 0);
-        writer.add(0, records[first + 1], 0);
+        for (size_t i = from; i < upto; i++) {
+            writer.add(0, records[i], 0);
+        }
         writer.place();
         return m_dir.file(name);
     };
-    const std::string first = write("x.pcapng.1", 0);
-    const std::string second = write("x.pcapng", 2);
+    const std::string first = write("x.pcapng.1", 0, 2);
+    const std::string second = write("x.pcapng", 2, 3);
     const std::string all = m_dir.file("all.pcapng");
     ASSERT_EQ(ctl({"capture", "-w", all, "--from-ring", first, "--from-ring", second}).status, 0);
+    EXPECT_EQ(rows({"--read", all}), rows({"--read", whole}));
     const auto told_of = [&](const std::vector<std::string> &files) {
         std::vector<std::string> arguments = {"explain", "0x11", "--json"};
         for (const std::string &file : files) {
             arguments.insert(arguments.end(), {"--read", file});
         }
         json told = json::parse(ctl(arguments).out);
-        for (json &step : told["steps"]) {
+        for (json &step : told.at("steps")) {
             step.erase("source");
         }
-        return json({told["steps"], told["verdict"], told["notes"]});
+        return json({told.at("steps"), told.at("verdict"), told.at("notes")});
     };
-    EXPECT_EQ(told_of({all}), told_of({first, second}));
+    EXPECT_THAT(told_of({whole}).dump(), HasSubstr("batch-closed"));
+    EXPECT_EQ(told_of({first, second}), told_of({whole}));
     EXPECT_EQ(told_of({all}), told_of({whole}));
-    EXPECT_EQ(rows({"--read", all}), rows({"--read", whole}));
 }
 
 /* Files of two processes can have one name. */
