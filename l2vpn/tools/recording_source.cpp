@@ -137,14 +137,16 @@ void pcapng_source::put_in_order(waiting &&made)
 }
 
 /* Where a capture goes on in another file, a late one may be there. */
-void pcapng_source::note_elsewhere(const captured &record)
+bool pcapng_source::misses(const captured &record) const
 {
-    waiting &due = m_waiting.front();
-    const uint64_t number = record.head.number;
-    if (due.missing > 0 && number >= due.first && are_neighbours(record, due.record)) {
-        due.missing--;
-        m_overtaken++;
-    }
+    const waiting &due = m_waiting.front();
+    return due.missing > 0 && record.head.number >= due.first && are_neighbours(record, due.record);
+}
+
+void pcapng_source::note_found()
+{
+    m_waiting.front().missing--;
+    m_overtaken++;
 }
 
 uint64_t pcapng_source::lost() const

@@ -35,8 +35,10 @@ public:
     bool give(size_t index, record_consumer &to, uint64_t lost);
     /* It is over, given or not. */
     void pass();
-    /* This one has come from elsewhere: it may be one of those that are missing before the next. */
-    virtual void note_elsewhere(const captured & /*record*/) {}
+    /* This one is one of those that are missing before the next. */
+    virtual bool misses(const captured & /*record*/) const { return false; }
+    /* One of those has come from elsewhere. */
+    virtual void note_found() {}
     /* What is missing, beside what was before records that were passed. */
     uint64_t lost_at_end() const;
     /* What was found to be wrong with what was read; empty: nothing. */
@@ -85,7 +87,8 @@ public:
     std::string name() const override { return m_name; }
     const captured *next() override;
     uint64_t missing() const override { return m_waiting.front().missing; }
-    void note_elsewhere(const captured &record) override;
+    bool misses(const captured &record) const override;
+    void note_found() override;
     std::string fault() const override;
 
 private:

@@ -126,15 +126,18 @@ bool comes_before(const opened_file &one, const opened_file &other)
     return rank(one) < rank(other);
 }
 
-/* One part of a capture begins where another ends, with records of the same moment: there the numbers say which was
- * first. */
+/* One part of a capture begins where another ends, with records of the same moment, and one that was late is in the
+ * next: there the numbers say which was first. */
 bool must_wait(const opened_file &part, const opened_file &before)
 {
-    return before.latest > 0 && before.next() != nullptr && part.next()->time < before.next()->time &&
-           are_neighbours(*before.next(), *part.next());
+    if (before.next() == nullptr || part.next()->time >= before.next()->time) {
+        return false;
+    }
+    return part.latest == 0 ? before.latest > 0 && are_neighbours(*before.next(), *part.next())
+                            : part.source->misses(*before.next());
 }
 
-/* Those that wait, at their beginnings, wait for others that have begun: one of these is always next. */
+/* Whoever waits does so for a lower number: not all of them do. */
 std::optional<size_t> find_next(const std::vector<opened_file> &files)
 {
     std::optional<size_t> found;
@@ -144,7 +147,8 @@ std::optional<size_t> find_next(const std::vector<opened_file> &files)
             continue;
         }
         const auto is_due = [&file](const opened_file &before) { return must_wait(file, before); };
-        if (file.latest > 0 || std::ranges::none_of(files, is_due)) {
+        const bool may_wait = file.latest == 0 || file.source->missing() > 0;
+        if (!may_wait || std::ranges::none_of(files, is_due)) {
             found = i;
         }
     }
@@ -165,7 +169,9 @@ bool give_next(std::vector<opened_file> &files, size_t index, uint64_t number, r
             continue;
         }
         if (!is_same_record(*next, record)) {
-            files[i].source->note_elsewhere(record);
+            if (files[i].source->misses(record)) {
+                files[i].source->note_found();
+            }
             continue;
         }
         const uint64_t missing = files[i].source->missing();

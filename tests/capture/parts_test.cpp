@@ -123,6 +123,8 @@ TEST_F(parts, what_came_late_into_the_next_one_is_not_missing)
     part("1", {{0, 10}, {2, 12, 1}});
     part("2", {{1, 11}, {3, 13}});
     expect_read({0, 1, 2, 3});
+    part("2", {{1, 13}, {3, 14}});
+    expect_read({0, 1, 2, 3}); /* the clock was read in between */
     part("1", {{0, 10}, {4, 14, 3}, {5, 15}, {7, 17, 1}});
     part("2", {{1, 11}, {3, 12}, {6, 16}, {8, 18}});
     expect_read({0, 1, 3, -1, 4, 5, 6, 7, 8});
