@@ -74,13 +74,14 @@ folder::~folder()
     std::filesystem::remove_all(name_, ignored);
 }
 
-process::process(const char *program) : id_(fork())
+process::process(const char *program, bool records) : id_(fork())
 {
     if (id_ < 0)
         fail("fork: " + std::string(strerror(errno)));
     if (id_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGTERM); /* whatever ends the benchmark */
-        execl(program, program, "--max-acs", std::to_string(acs_max).c_str(), static_cast<char *>(nullptr));
+        execl(program, program, "--max-acs", std::to_string(acs_max).c_str(), "--capture",
+              records ? "on" : "off", static_cast<char *>(nullptr));
         warn("%s", program);
         _exit(1);
     }

@@ -35,7 +35,7 @@ private:
 /* l2vpnd, until the end of this object. */
 class process {
 public:
-    explicit process(const char *program);
+    explicit process(const char *program, bool records = true);
     ~process();
     process(const process &) = delete;
     process &operator=(const process &) = delete;

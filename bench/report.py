@@ -88,12 +88,14 @@ def pieces_table(run):
     return table(["ns", "library", *others], sorted(rows))
 
 
-def ring_text(run):
+def rings_table(run):
+    """What it costs to keep the latest messages."""
     for figure in run.all.get("process", [])[:1]:
-        if "ring" in figure:
-            off, on = figure["ring"]["off_ns"], figure["ring"]["on_ns"]
-            yield (f"The ring of an owner's latest messages (`L2VPN_CAPTURE`) makes an update of one AC, sent to "
-                   f"l2vpnd, cost {on:,.0f} ns of the owner's time instead of {off:,.0f}.")
+        rows = [[of["what"], f"{of['off_ns']:,.0f}", f"{of['on_ns']:,.0f}", number(of["on_ns"] / of["off_ns"])]
+                for of in figure["rings"]]
+        yield (f"The rings of the latest messages, with {figure['acs']:,} ACs: the owner's (`L2VPN_CAPTURE`) and l2vpnd's "
+               "(`--capture`).")
+        yield table(["what", "without, ns", "with, ns", "with / without"], rows)
 
 
 def spread(entry, acs):
@@ -196,7 +198,7 @@ def measured(run):
               "[above](#what-limits-it).", ahead_table(run)]
     parts += ["### Small requests", pieces_table(run)]
     parts += sends_table(run)
-    scale = list(owners_text(run)) + list(ring_text(run))
+    scale = list(owners_text(run)) + list(rings_table(run))
     if "process" in run.all:
         scale += ["Requests of class 0 to l2vpnd, of one owner and of many at once, each a process of its own: until "
                   "all have returned, the longest of them, and the processors' time of all owners and of l2vpnd. An "
