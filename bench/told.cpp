@@ -5,6 +5,7 @@
 #include "client.h"
 #include "deliveries.h"
 #include "results.h"
+#include "swap.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -14,30 +15,18 @@
 
 namespace {
 
-template <typename number>
-void turn(std::byte *at)
-{
-    number value;
-    memcpy(&value, at, sizeof value);
-    if constexpr (sizeof value == 2)
-        value = __builtin_bswap16(value);
-    else
-        value = __builtin_bswap32(value);
-    memcpy(at, &value, sizeof value);
-}
-
 void turn_handle(std::byte *record)
 {
-    turn<uint32_t>(record);
+    swap_at<uint32_t>(record);
 }
 
 void turn_notice(std::byte *record)
 {
-    turn<uint32_t>(record + offsetof(l2vpn_ac_bulk_notify_t, word));
-    turn<uint16_t>(record + offsetof(l2vpn_ac_bulk_notify_t, half));
+    swap_at<uint32_t>(record + offsetof(l2vpn_ac_bulk_notify_t, word));
+    swap_at<uint16_t>(record + offsetof(l2vpn_ac_bulk_notify_t, half));
     for (size_t i = 0; i < 4; ++i)
-        turn<uint32_t>(record + offsetof(l2vpn_ac_bulk_notify_t, words) + 4 * i);
-    turn<uint32_t>(record + offsetof(l2vpn_ac_bulk_notify_t, word2));
+        swap_at<uint32_t>(record + offsetof(l2vpn_ac_bulk_notify_t, words) + 4 * i);
+    swap_at<uint32_t>(record + offsetof(l2vpn_ac_bulk_notify_t, word2));
 }
 
 struct kind {
@@ -90,7 +79,7 @@ public:
             memcpy(at, header, sizeof header);
             memcpy(at + sizeof header, &records_[first * of.record], in_message * of.record);
             for (size_t i = 0; i < std::size(header); ++i)
-                turn<uint32_t>(at + 4 * i);
+                swap_at<uint32_t>(at + 4 * i);
             for (uint32_t i = 0; i < in_message; ++i)
                 of.turn(at + sizeof header + i * of.record);
             messages_.add(words, size);

@@ -4,24 +4,11 @@
  */
 #include "octets.h"
 #include "rival.h"
+#include "swap.h"
 
 #include <cstring>
 
 namespace {
-
-template <typename T>
-void swap_at(std::byte *at)
-{
-    T value;
-    memcpy(&value, at, sizeof value);
-    if constexpr (sizeof value == 2)
-        value = __builtin_bswap16(value);
-    else if constexpr (sizeof value == 8)
-        value = __builtin_bswap64(value);
-    else
-        value = __builtin_bswap32(value);
-    memcpy(at, &value, sizeof value);
-}
 
 void swap_words(std::byte *at, size_t count)
 {
