@@ -111,7 +111,7 @@ function(l2vpn_unity target)
 endfunction()
 
 # l2vpn_tool_code(TARGET [HEADERS...]): how a tool is compiled: the large headers once, and where a sanitizer looks on
-# without optimisation, for there a tool is compiled for longer than it runs; but for what is to run all day.
+# without optimisation, for there a tool is compiled for longer than it runs. What fuzzes may run all day.
 function(l2vpn_tool_code target)
     if(ARGN)
         target_precompile_headers(${target} PRIVATE ${ARGN})

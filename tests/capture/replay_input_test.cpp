@@ -9,8 +9,30 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <functional>
 
 using namespace process_test;
+
+namespace {
+
+/* Writes a capture of the process again, each record as `change` leaves it; those that it refuses are left out. */
+void write_again(const std::string &from, const std::string &to,
+                 const std::function<bool(l2vpn::capture::captured &record, uint64_t &lost)> &change)
+{
+    std::ifstream file(from, std::ios::binary);
+    l2vpn::capture::pcapng_reader reader(file);
+    l2vpn::capture::pcapng_writer writer(to, false, "test");
+    writer.add_interface("l2vpnd-1");
+    l2vpn::capture::captured record{};
+    for (uint64_t lost = 0; reader.next(record, lost);) {
+        if (change(record, lost)) {
+            writer.add(0, record, lost);
+        }
+    }
+    writer.place();
+}
+
+} // namespace
 
 TEST_F(replay, several_files_are_one_capture)
 {
@@ -45,19 +67,10 @@ TEST_F(replay, what_one_file_holds_twice_is_played_once)
     EXPECT_EQ(told({m_dir.write("twice.pcapng", content + content)}), once);
 
     const std::string cut = m_dir.file("cut.pcapng");
-    {
-        namespace capture = l2vpn::capture;
-        std::ifstream whole(file, std::ios::binary);
-        capture::pcapng_reader reader(whole);
-        capture::pcapng_writer writer(cut, false, "test");
-        writer.add_interface("l2vpnd-1");
-        capture::captured record{};
-        for (uint64_t lost = 0; reader.next(record, lost);) {
-            record.message.resize(std::min<size_t>(record.message.size(), 20));
-            writer.add(0, record, lost);
-        }
-        writer.place();
-    }
+    write_again(file, cut, [](auto &record, auto & /*lost*/) {
+        record.message.resize(std::min<size_t>(record.message.size(), 20));
+        return true;
+    });
     const std::string cut_content = system_test::read_file(cut);
     EXPECT_EQ(told({m_dir.write("both.pcapng", cut_content + content)}), once) << "as far as it is there";
     EXPECT_EQ(told({m_dir.write("both.pcapng", content + cut_content)}), once);
@@ -76,20 +89,10 @@ TEST_F(replay, what_is_missing_is_told)
     EXPECT_EQ(told({ring()})["lost"], 45);
 
     const std::string holey = m_dir.file("holey.pcapng");
-    {
-        namespace capture = l2vpn::capture;
-        std::ifstream whole(file, std::ios::binary);
-        capture::pcapng_reader reader(whole);
-        capture::pcapng_writer writer(holey, false, "test");
-        writer.add_interface("l2vpnd-1");
-        capture::captured record{};
-        for (uint64_t lost = 0; reader.next(record, lost);) {
-            if (record.head.number < 100 || record.head.number > 104) {
-                writer.add(0, record, record.head.number == 105 ? 5 : lost);
-            }
-        }
-        writer.place();
-    }
+    write_again(file, holey, [](auto &record, auto &lost) {
+        lost = record.head.number == 105 ? 5 : lost;
+        return record.head.number < 100 || record.head.number > 104;
+    });
     EXPECT_EQ(told({holey})["lost"], 50);
     for (const auto &[path, missing] : {std::pair(file, 45), std::pair(holey, 50)}) {
         const std::string content = system_test::read_file(path);
