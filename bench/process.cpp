@@ -90,30 +90,23 @@ nlohmann::ordered_json measure_process(const char *program, uint32_t acs)
 
     constexpr size_t rounds = 5;
     for (size_t round = 0; round < rounds; ++round) {
-        {
-            const process by(program);
-            owner.wait_for(true);
-            by.settle();
-            warm_memory(acs * bytes_an_ac);
-            for (size_t i = 0; i < all.size(); ++i) {
-                const watch spending(by);
-                measured[i].own.push_back(make(all[i], owner, job));
-                measured[i].spent.push_back(spending.finish());
-                if (i == 0 && round + 1 == rounds)
-                    ring = measure_ring(owner, job);
+        for (const bool records : {true, false}) {
+            {
+                const process by(program, records);
+                owner.wait_for(true);
+                by.settle();
+                warm_memory(acs * bytes_an_ac);
+                for (size_t i = 0; i < (records ? all.size() : 1); ++i) {
+                    costs &to = records ? measured[i] : unrecorded;
+                    const watch spending(by);
+                    to.own.push_back(make(all[i], owner, job));
+                    to.spent.push_back(spending.finish());
+                    if (records && i == 0 && round + 1 == rounds)
+                        ring = measure_ring(owner, job);
+                }
             }
+            owner.wait_for(false);
         }
-        owner.wait_for(false);
-        {
-            const process by(program, false);
-            owner.wait_for(true);
-            by.settle();
-            warm_memory(acs * bytes_an_ac);
-            const watch spending(by);
-            unrecorded.own.push_back(make(all[0], owner, job));
-            unrecorded.spent.push_back(spending.finish());
-        }
-        owner.wait_for(false);
     }
     nlohmann::ordered_json requests;
     for (size_t i = 0; i < all.size(); ++i)

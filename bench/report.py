@@ -149,7 +149,7 @@ def ahead_table(run):
 def sends_table(run):
     """The Linux platform's send beside a sendmsg loop."""
     for figure in run.all.get("process", [])[:1]:
-        if "sends" in figure:
+        if figure["sends"]:
             rows = [[f"create of {of['acs']:,}", f"{of['messages']:,}", f"{of['bytes']:,}", number(of["platform_ns"]),
                      number(of["sendmsg_ns"]), number(of["platform_ns"] / of["sendmsg_ns"])] for of in figure["sends"]]
             yield ("The messages of a create, made before, through a link of the Linux platform's and through a socket of "
