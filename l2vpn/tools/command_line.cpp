@@ -2,8 +2,6 @@
 
 #include "command_line_numbers.h"
 #include "command_line_watch.h"
-#include "replay/replay.h"
-#include "timeline/timeline.h"
 
 #include <iostream>
 #include <utility>
@@ -240,8 +238,6 @@ std::optional<exit_status> read_command_line(int argc, char **argv, command_line
     add_shows(app, line, given);
     add_commands(app, line, given);
     add_watching_verbs(app, line);
-    add_replay(app, line);
-    add_timeline(app, line);
     app.footer(
         "Exit status: 0 done, 1 refused or failed, 2 bad command line, 3 the process cannot be reached,\n"
         "4 its answer broke off, 5 no such AC, 6 more than one AC is meant. Numbers may be given in "

@@ -1,6 +1,9 @@
 #include "command_line_watch.h"
 
+#include "command_line.h"
 #include "command_line_numbers.h"
+#include "replay/replay.h"
+#include "timeline/timeline.h"
 
 namespace l2vpnctl {
 
@@ -99,6 +102,56 @@ void add_top(CLI::App &app, command_line &line)
     verb->final_callback([&line] { line.what.run = top; });
 }
 
+void add_replay(CLI::App &app, command_line &line)
+{
+    CLI::App *const verb =
+        app.add_subcommand("replay", "Play a capture's owners again and compare the tables")->fallthrough();
+    replay_options &to = line.replay;
+    verb->add_option("file", line.recordings.files, "pcapng files or rings")->type_name("FILE")->required();
+    CLI::Option *const running =
+        verb->add_flag("--running", to.running, "Into the running process, not an l2vpnd of its own");
+    CLI::Option *const against =
+        verb->add_option("--against", to.against,
+                         "Compare with what show acs, mstp or batches printed with --json, not with what the "
+                         "messages say; may be repeated")
+            ->type_name("FILE")
+            ->type_size(1)
+            ->take_all();
+    verb->add_flag("--bisect", to.bisect,
+                   "Find a record after which something differs, and before which nothing did")
+        ->excludes(running)
+        ->excludes(against);
+    verb->add_option("--program", to.program, "The l2vpnd to be started")
+        ->type_name("PATH")
+        ->excludes(running);
+    verb->add_option("--option", to.options,
+                     "An option for it, as in its file of options: NAME=VALUE; may be repeated")
+        ->type_name("NAME=VALUE")
+        ->type_size(1)
+        ->take_all()
+        ->excludes(running);
+    verb->add_option("--speed", to.speed, "So many times as fast as it was, not as fast as it goes")
+        ->type_name("X")
+        ->check(within(1e-3, 1e9));
+    verb->add_option("--count", line.recordings.count, "Only so many records")
+        ->type_name("N")
+        ->transform(l2vpnd::number(1, UINT64_MAX));
+    verb->footer(
+        "Exit status: 0 the tables are the same, 1 they differ, 2 bad command line, 3 the process cannot\n"
+        "be reached or started, 4 all else.");
+    verb->final_callback([&line] { line.what.run = replay; });
+}
+
+void add_timeline(CLI::App &app, command_line &line)
+{
+    CLI::App *const verb =
+        app.add_subcommand("timeline", "Make a page that shows recorded messages")->fallthrough();
+    verb->add_option("file", line.recordings.files, "pcapng files or rings")->type_name("FILE")->required();
+    verb->add_option("-o,--output", line.timeline.write, "The page")->type_name("FILE")->required();
+    verb->add_flag("--force", line.timeline.force, "Replace a file that is there");
+    verb->final_callback([&line] { line.what.run = timeline; });
+}
+
 } // namespace
 
 void add_watching_verbs(CLI::App &app, command_line &line)
@@ -106,6 +159,8 @@ void add_watching_verbs(CLI::App &app, command_line &line)
     add_recordings(app, line);
     add_explain(app, line);
     add_top(app, line);
+    add_replay(app, line);
+    add_timeline(app, line);
 }
 
 } // namespace l2vpnctl

@@ -4,11 +4,13 @@
 #ifndef L2VPNCTL_COMMAND_LINE_WATCH_H
 #define L2VPNCTL_COMMAND_LINE_WATCH_H
 
-#include "command_line.h"
-
-#include <CLI/CLI.hpp>
+namespace CLI {
+class App;
+}
 
 namespace l2vpnctl {
+
+struct command_line;
 
 void add_watching_verbs(CLI::App &app, command_line &line);
 

@@ -10,7 +10,7 @@
 #include "chain.h"
 #include "command_line.h"
 #include "finder.h"
-#include "number_option.h"
+#include "number.h"
 #include "output.h"
 #include "ring_reader.h"
 #include "survey.h"

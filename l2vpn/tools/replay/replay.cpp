@@ -3,7 +3,6 @@
 #include "account.h"
 #include "cells.h"
 #include "command_line.h"
-#include "command_line_numbers.h"
 #include "output.h"
 #include "player.h"
 #include "throw_away.h"
@@ -263,6 +262,8 @@ private:
     progress_line m_progress;
 };
 
+} // namespace
+
 /* Status 1 says that tables differ, and nothing else. */
 void replay(const command_line &line)
 {
@@ -280,48 +281,6 @@ void replay(const command_line &line)
     if (!same) {
         throw failure{exit_failed, ""};
     }
-}
-
-} // namespace
-
-void add_replay(CLI::App &app, command_line &line)
-{
-    CLI::App *const verb =
-        app.add_subcommand("replay", "Play a capture's owners again and compare the tables")->fallthrough();
-    replay_options &to = line.replay;
-    verb->add_option("file", line.recordings.files, "pcapng files or rings")->type_name("FILE")->required();
-    CLI::Option *const running =
-        verb->add_flag("--running", to.running, "Into the running process, not an l2vpnd of its own");
-    CLI::Option *const against =
-        verb->add_option("--against", to.against,
-                         "Compare with what show acs, mstp or batches printed with --json, not with what the "
-                         "messages say; may be repeated")
-            ->type_name("FILE")
-            ->type_size(1)
-            ->take_all();
-    verb->add_flag("--bisect", to.bisect,
-                   "Find a record after which something differs, and before which nothing did")
-        ->excludes(running)
-        ->excludes(against);
-    verb->add_option("--program", to.program, "The l2vpnd to be started")
-        ->type_name("PATH")
-        ->excludes(running);
-    verb->add_option("--option", to.options,
-                     "An option for it, as in its file of options: NAME=VALUE; may be repeated")
-        ->type_name("NAME=VALUE")
-        ->type_size(1)
-        ->take_all()
-        ->excludes(running);
-    verb->add_option("--speed", to.speed, "So many times as fast as it was, not as fast as it goes")
-        ->type_name("X")
-        ->check(within(1e-3, 1e9));
-    verb->add_option("--count", line.recordings.count, "Only so many records")
-        ->type_name("N")
-        ->transform(l2vpnd::number(1, UINT64_MAX));
-    verb->footer(
-        "Exit status: 0 the tables are the same, 1 they differ, 2 bad command line, 3 the process cannot\n"
-        "be reached or started, 4 all else.");
-    verb->final_callback([&line] { line.what.run = replay; });
 }
 
 } // namespace l2vpnctl

@@ -4,13 +4,11 @@
 #ifndef L2VPNCTL_REPLAY_REPLAY_H
 #define L2VPNCTL_REPLAY_REPLAY_H
 
-#include <CLI/CLI.hpp>
-
 namespace l2vpnctl {
 
 struct command_line;
 
-void add_replay(CLI::App &app, command_line &line);
+void replay(const command_line &line);
 
 } // namespace l2vpnctl
 

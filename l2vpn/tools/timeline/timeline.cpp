@@ -137,6 +137,8 @@ std::string title_of(const std::vector<std::string> &files)
 }
 
 /* A file that breaks off has its page, too, and its line. */
+} // namespace
+
 void timeline(const command_line &line)
 {
     stop_on_signals();
@@ -156,18 +158,6 @@ void timeline(const command_line &line)
     if (broken) {
         std::rethrow_exception(broken);
     }
-}
-
-} // namespace
-
-void add_timeline(CLI::App &app, command_line &line)
-{
-    CLI::App *const verb =
-        app.add_subcommand("timeline", "Make a page that shows recorded messages")->fallthrough();
-    verb->add_option("file", line.recordings.files, "pcapng files or rings")->type_name("FILE")->required();
-    verb->add_option("-o,--output", line.timeline.write, "The page")->type_name("FILE")->required();
-    verb->add_flag("--force", line.timeline.force, "Replace a file that is there");
-    verb->final_callback([&line] { line.what.run = timeline; });
 }
 
 } // namespace l2vpnctl

@@ -4,7 +4,6 @@
 #ifndef L2VPNCTL_TIMELINE_TIMELINE_H
 #define L2VPNCTL_TIMELINE_TIMELINE_H
 
-#include <CLI/CLI.hpp>
 #include <string_view>
 
 namespace l2vpnctl {
@@ -15,7 +14,7 @@ struct command_line;
 extern const std::string_view page_head;
 extern const std::string_view page_tail;
 
-void add_timeline(CLI::App &app, command_line &line);
+void timeline(const command_line &line);
 
 } // namespace l2vpnctl
 
