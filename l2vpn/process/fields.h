@@ -9,13 +9,11 @@
 #define L2VPND_FIELDS_H
 
 #include "decoder.h"
+#include "json.h"
 
-#include <nlohmann/json.hpp>
 #include <string>
 
 namespace l2vpnd {
-
-using json = nlohmann::ordered_json;
 
 enum class field_kind : uint8_t {
     number, /* `count` numbers of `width` bytes */

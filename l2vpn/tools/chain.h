@@ -18,7 +18,7 @@
 namespace l2vpnctl {
 
 using l2vpn::capture::captured;
-using json = nlohmann::ordered_json;
+using l2vpnd::json;
 
 struct ac_key {
     uint32_t node;

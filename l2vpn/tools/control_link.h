@@ -4,14 +4,15 @@
 #ifndef L2VPNCTL_CONTROL_LINK_H
 #define L2VPNCTL_CONTROL_LINK_H
 
+#include "json.h"
+
 #include <chrono>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <string>
 
 namespace l2vpnctl {
 
-using json = nlohmann::ordered_json;
+using l2vpnd::json;
 
 enum exit_status {
     exit_ok = 0,

@@ -6,14 +6,14 @@
 
 #include "../process/support.h"
 #include "child.h"
+#include "json.h"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <optional>
 
 namespace process_test {
 
-using json = nlohmann::ordered_json;
+using l2vpnd::json;
 using system_test::eventually;
 
 /* An owner that is nothing but a socket. */
