@@ -6,6 +6,8 @@ option(L2VPN_COVERAGE "Count lines and branches, with clang" OFF)
 set(L2VPN_PROGRAM_OPTIONS "" CACHE STRING "More compiler options for programs, not libraries: -g1 compiles sooner")
 option(L2VPN_UNITY "Compile the sources of a part together, for checks that run nothing: large headers once" OFF)
 option(L2VPN_TESTS_TOGETHER "Compile tests in batches: all of them in half of the time, one of them in twice" OFF)
+set(L2VPN_PROGRAMS "" CACHE PATH "Where another build's programs are, for tests to run instead of this build's")
+set(L2VPN_DRIVERS "" CACHE PATH "Where another build's tests are that only run programs, to be used instead of this build's")
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
@@ -50,11 +52,13 @@ if(L2VPN_SANITIZE)
     endif()
 endif()
 if(L2VPN_COVERAGE)
+    # What is not ours is not counted: that would take a third of the time.
     # The counters are in a shared mapping of the file, so that those of a program that is killed count too;
     # they are counted up atomically, or threads and processes that meet would make branches up that never ran.
     target_compile_options(l2vpn_build INTERFACE
         -fprofile-instr-generate=${PROJECT_BINARY_DIR}/coverage/%m%c.profraw -fcoverage-mapping
-        -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation")
+        -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation"
+        -fprofile-list=${CMAKE_CURRENT_LIST_DIR}/counted.txt)
     target_link_options(l2vpn_build INTERFACE -fprofile-instr-generate)
     set(L2VPN_UNCOUNTED -fno-profile-instr-generate -fno-coverage-mapping)
 endif()
@@ -95,19 +99,20 @@ function(l2vpn_version_script target file)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${file})
 endfunction()
 
-# l2vpn_unity(TARGET [EXCEPT SOURCES...] [GROUPS LISTS...]): the sources may be compiled together, or those of each list,
-# but for those whose names would meet others' there. Overloads of two files meet without a word, so what is installed
-# is never built like this.
+# l2vpn_unity(TARGET [EXCEPT SOURCES...] [APART LISTS...]): the sources may be compiled together, but for some; those of
+# a list with each other, for their names would meet those of the rest. Overloads of two files meet without a word, so
+# what is installed is never built like this.
 function(l2vpn_unity target)
-    cmake_parse_arguments(ARG "" "" "EXCEPT;GROUPS" ${ARGN})
-    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_BATCH_SIZE 0)
+    cmake_parse_arguments(ARG "" "" "EXCEPT;APART" ${ARGN})
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_MODE GROUP)
+    get_target_property(sources ${target} SOURCES)
+    set_source_files_properties(${sources} PROPERTIES UNITY_GROUP rest)
+    foreach(list IN LISTS ARG_APART)
+        set_source_files_properties(${${list}} PROPERTIES UNITY_GROUP ${list})
+    endforeach()
     if(ARG_EXCEPT)
         set_source_files_properties(${ARG_EXCEPT} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
     endif()
-    foreach(group IN LISTS ARG_GROUPS)
-        set_source_files_properties(${${group}} PROPERTIES UNITY_GROUP ${group})
-        set_target_properties(${target} PROPERTIES UNITY_BUILD_MODE GROUP)
-    endforeach()
 endfunction()
 
 # l2vpn_tool_code(TARGET [HEADERS...]): how a tool is compiled: the large headers once, and where a sanitizer looks on
@@ -119,6 +124,9 @@ function(l2vpn_tool_code target)
     if(L2VPN_SANITIZE AND NOT L2VPN_SANITIZE MATCHES "fuzzer")
         target_compile_options(${target} PRIVATE -O0)
     endif()
+    if(L2VPN_PROGRAMS)
+        set_target_properties(${target} PROPERTIES EXCLUDE_FROM_ALL ON)
+    endif()
 endfunction()
 
 # l2vpn_test_code(TARGET): how code of tests is compiled. More often than it is run: no optimisation, and the
@@ -129,7 +137,8 @@ function(l2vpn_test_code target)
         add_executable(l2vpn_test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cpp)
         target_link_libraries(l2vpn_test_headers PRIVATE l2vpn_build GTest::gmock GTest::gtest)
         target_compile_options(l2vpn_test_headers PRIVATE -O0 ${L2VPN_TEST_OPTIONS})
-        target_precompile_headers(l2vpn_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
+        target_precompile_headers(l2vpn_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>
+            ${PROJECT_SOURCE_DIR}/l2vpn/process/json.h)
     endif()
     target_compile_options(${target} PRIVATE -O0 -fPIE ${L2VPN_TEST_OPTIONS}) # -fPIE: libraries, too, share the headers
     target_precompile_headers(${target} REUSE_FROM l2vpn_test_headers)
@@ -138,21 +147,36 @@ function(l2vpn_test_code target)
     list(FILTER sources INCLUDE REGEX "/l2vpn/|[.]c$") # what is tested is compiled as it always is
     set_source_files_properties(${sources} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
     if(L2VPN_TESTS_TOGETHER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # it takes each file for a header
-        target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+        # It also spends a tenth of its time on getting memory back.
+        target_compile_options(${target} PRIVATE -Wno-subobject-linkage --param=ggc-min-heapsize=1000000)
     endif()
 endfunction()
 
-# l2vpn_gtest(NAME SOURCES... [LIBS...] [TIMEOUT SECONDS] [LABELS...] [COST N]): a GoogleTest program, each of its
-# tests a test of CTest's.
+# l2vpn_gtest(NAME SOURCES... [DEFINITIONS...] [INCLUDES...] [LIBS...] [RUNS PROGRAMS... [DRIVER]] [TIMEOUT SECONDS]
+# [LABELS...] [COST N]): a GoogleTest program, each of its tests a test of CTest's. A driver does nothing but run the
+# programs: any build's can drive those of any other.
 function(l2vpn_gtest name)
-    cmake_parse_arguments(ARG "" "TIMEOUT;COST" "SOURCES;LIBS;LABELS" ${ARGN})
+    cmake_parse_arguments(ARG "DRIVER" "TIMEOUT;COST" "SOURCES;DEFINITIONS;INCLUDES;LIBS;RUNS;LABELS" ${ARGN})
     if(NOT ARG_TIMEOUT)
-        set(ARG_TIMEOUT 60)
+        set(ARG_TIMEOUT 120)
     endif()
-    add_executable(${name} ${ARG_SOURCES})
-    target_link_libraries(${name} PRIVATE l2vpn_build ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
-    l2vpn_test_code(${name})
     set(properties TIMEOUT ${ARG_TIMEOUT})
+    if(ARG_DRIVER AND L2VPN_DRIVERS)
+        add_executable(${name} IMPORTED GLOBAL)
+        set_target_properties(${name} PROPERTIES IMPORTED_LOCATION ${L2VPN_DRIVERS}/${name})
+        list(APPEND properties ENVIRONMENT L2VPN_PROGRAMS=${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
+    else()
+        add_executable(${name} ${ARG_SOURCES})
+        target_compile_definitions(${name} PRIVATE ${ARG_DEFINITIONS})
+        target_include_directories(${name} PRIVATE ${ARG_INCLUDES})
+        target_link_libraries(${name} PRIVATE l2vpn_build ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
+        l2vpn_test_code(${name})
+        if(L2VPN_PROGRAMS)
+            list(APPEND properties ENVIRONMENT L2VPN_PROGRAMS=${L2VPN_PROGRAMS})
+        elseif(ARG_RUNS)
+            add_dependencies(${name} ${ARG_RUNS})
+        endif()
+    endif()
     if(ARG_LABELS)
         list(APPEND properties LABELS "${ARG_LABELS}")
     endif()

@@ -187,7 +187,7 @@ TEST_F(recorded, a_ring_is_made_on_a_full_disk_only_where_it_is_asked_for)
         std::vector<std::string> arguments = {"--runtime-dir",  m_dir.path(), "--nodeid", "1",
                                               "--capture-size", "64"};
         arguments.insert(arguments.end(), options.begin(), options.end());
-        system_test::child daemon(L2VPN_FULL_DAEMON, arguments);
+        system_test::child daemon(system_test::binary("full_l2vpnd"), arguments);
         ASSERT_TRUE(daemon.says("l2vpnd: ready on ")) << daemon.err();
         EXPECT_EQ(ring().empty(), !asks);
         daemon.send_signal(SIGTERM);

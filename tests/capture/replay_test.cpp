@@ -132,7 +132,8 @@ TEST_F(replay, a_message_that_the_process_dies_of_is_found)
     ASSERT_TRUE(owner.send(remove({0xdead})));
     ASSERT_TRUE(is_handled(5));
     const std::string file = keep();
-    const std::vector<std::string> fragile = {file, "--program", L2VPN_DYING_DAEMON, "--bisect"};
+    const std::vector<std::string> fragile = {file, "--program", system_test::binary("dying_l2vpnd"),
+                                              "--bisect"};
     const system_test::result done = play(fragile);
     EXPECT_EQ(done.status, 1);
     EXPECT_EQ(done.err, "");
@@ -154,7 +155,7 @@ TEST_F(replay, a_message_that_the_process_dies_of_is_found)
     for (const char *unknown : {"links", "acs", "mstp", "batches"}) {
         EXPECT_TRUE(document.contains(unknown) && document[unknown].is_null()) << unknown;
     }
-    EXPECT_EQ(play({file, "--program", L2VPN_DYING_DAEMON, "--count", "4"}).status, 0)
+    EXPECT_EQ(play({file, "--program", system_test::binary("dying_l2vpnd"), "--count", "4"}).status, 0)
         << "up to there it lives, and its tables are the same";
 }
 

@@ -193,7 +193,8 @@ result run(const std::string &program, const std::vector<std::string> &arguments
 
 std::string binary(const std::string &name)
 {
-    return std::string(L2VPN_BINARY_DIR) + "/" + name;
+    const char *const others = std::getenv("L2VPN_PROGRAMS");
+    return std::string(others != nullptr ? others : L2VPN_BINARY_DIR) + "/" + name;
 }
 
 } // namespace system_test

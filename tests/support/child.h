@@ -15,7 +15,7 @@ namespace system_test {
 using std::chrono::seconds;
 
 // Long enough for a sanitizer build on a busy machine; nothing waits for it to pass.
-constexpr seconds patience{30};
+constexpr seconds patience{60};
 
 class temp_dir {
 public:
@@ -76,7 +76,7 @@ struct result {
 result run(const std::string &program, const std::vector<std::string> &arguments,
            const std::vector<std::string> &environment = {});
 
-// The programs of this build.
+// The programs of this build, or those in the folder that L2VPN_PROGRAMS names.
 std::string binary(const std::string &name);
 
 } // namespace system_test

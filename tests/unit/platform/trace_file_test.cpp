@@ -11,6 +11,7 @@
 
 namespace {
 
+using system_test::binary;
 using system_test::child;
 using system_test::run;
 using system_test::temp_dir;
@@ -49,7 +50,7 @@ protected:
     system_test::result read(std::vector<std::string> options = {})
     {
         options.push_back(path);
-        return run(L2VPN_TRACE, options);
+        return run(binary("l2vpn-trace"), options);
     }
 
     /* The one line about a file that cannot be read. */
@@ -190,7 +191,7 @@ TEST_F(trace_files, noise_is_read_or_refused)
 TEST_F(trace_files, a_wrong_command_line_is_one_line)
 {
     for (const std::vector<std::string> &wrong : {std::vector<std::string>{}, {"--what", "x"}, {"a", "b"}}) {
-        const auto result = run(L2VPN_TRACE, wrong);
+        const auto result = run(binary("l2vpn-trace"), wrong);
         EXPECT_EQ(result.status, 2);
         EXPECT_THAT(result.err, MatchesRegex("l2vpn-trace: [^\n]+\n"));
     }
@@ -198,16 +199,16 @@ TEST_F(trace_files, a_wrong_command_line_is_one_line)
 
 TEST_F(trace_files, help_and_version_are_asked_for)
 {
-    const auto help = run(L2VPN_TRACE, {"--help"});
+    const auto help = run(binary("l2vpn-trace"), {"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.err, IsEmpty());
     for (const char *said : {"FILE", "--locks", "--json", "--version", "Exit status: 0 "}) {
         EXPECT_THAT(help.out, HasSubstr(said));
     }
-    const auto version = run(L2VPN_TRACE, {"--version"});
+    const auto version = run(binary("l2vpn-trace"), {"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_THAT(version.out, MatchesRegex("l2vpn-trace [0-9.]+\n"));
-    const auto full = run("/bin/sh", {"-c", std::string(L2VPN_TRACE " '") + path + "' > /dev/full"});
+    const auto full = run("/bin/sh", {"-c", binary("l2vpn-trace") + " '" + path + "' > /dev/full"});
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.err, "l2vpn-trace: cannot write the output\n");
 }
