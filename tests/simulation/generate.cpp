@@ -7,7 +7,6 @@ namespace simulation {
 namespace {
 
 constexpr std::uint32_t roomy_class = 8; /* the largest information */
-constexpr std::uint64_t an_hour = 3'600'000'000'000;
 
 } // namespace
 

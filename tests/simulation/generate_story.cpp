@@ -7,12 +7,6 @@
 
 namespace simulation {
 
-namespace {
-
-constexpr std::uint64_t an_hour = 3'600'000'000'000;
-
-} // namespace
-
 void generator::story()
 {
     switch (random_.below(8)) {

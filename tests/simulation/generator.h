@@ -35,6 +35,8 @@ inline constexpr fn failing[] = {
     fn::l2vpn_debug_init,
 };
 
+inline constexpr std::uint64_t an_hour = 3'600'000'000'000;
+
 class generator {
 public:
     explicit generator(std::uint64_t seed);

@@ -10,15 +10,7 @@ namespace simulation {
 
 namespace {
 
-constexpr std::uint32_t einval = 22;
-
 const std::string connecting = "l2vpn_ac_process_connect_internal";
-
-std::string text_of(std::uint32_t status)
-{
-    return qerr_strerror(status);
-}
-
 } // namespace
 
 model::model(std::uint64_t seed, fault mistake, coverage &seen) : platform_(seed, seen), mistake_(mistake) {}

@@ -9,6 +9,13 @@
 
 namespace simulation {
 
+inline constexpr std::uint32_t einval = 22;
+
+[[nodiscard]] inline std::string text_of(std::uint32_t status)
+{
+    return qerr_strerror(status);
+}
+
 /* Thrown where the library ends the process; the text is that of the assertion. */
 struct fatal_assertion {
     std::string text;

@@ -12,9 +12,9 @@ namespace {
 constexpr std::uint32_t status_flag = 3;
 constexpr std::uint32_t notice_bit = 2;
 
-const std::string where = "l2vpn_ac_msg_cb";
+const std::string receiving = "l2vpn_ac_msg_cb";
 
-std::string text_of(const char *what, std::size_t length, std::uint32_t bulk)
+std::string with_sizes(const char *what, std::size_t length, std::uint32_t bulk)
 {
     return std::string(what) + " msg len=" + std::to_string(static_cast<std::int32_t>(length)) +
            ", bulk=" + std::to_string(static_cast<std::int32_t>(bulk));
@@ -32,19 +32,19 @@ void model::handle_provision(const client_ptr &to, const delivery &item, std::ui
 {
     const std::size_t length = item.content.size();
     const std::uint32_t told = item.number;
-    platform_.debug(where, text_of("Receiving prov AC", length, bulk));
+    platform_.debug(receiving, with_sizes("Receiving prov AC", length, bulk));
     if (bulk == 0) {
         hit(feature::prov_empty);
         return;
     }
     if (!ac_classes::valid(told)) {
         hit(feature::prov_bad_class);
-        platform_.debug(where, "Unable to get AC data size for class id " + std::to_string(to->class_id));
+        platform_.debug(receiving, "Unable to get AC data size for class id " + std::to_string(to->class_id));
         return;
     }
     if (header_size + std::uint64_t{bulk} * data_size(told) != length) {
         hit(feature::prov_bad_length);
-        platform_.debug(where, text_of("incorrect provision", length, bulk));
+        platform_.debug(receiving, with_sizes("incorrect provision", length, bulk));
         return;
     }
     const bool made = !platform_.verdict(fn::calloc_named);
@@ -91,7 +91,7 @@ void model::handle_message(const delivery &item)
             hit(seen.begin()[0]);
         } else if (header_size + std::uint64_t{bulk} * size != length) {
             hit(seen.begin()[1]);
-            platform_.debug(where, text_of("incorrect unprovision", length, bulk));
+            platform_.debug(receiving, with_sizes("incorrect unprovision", length, bulk));
         } else if (is_null(*to, callback)) {
             hit(seen.begin()[2]);
         } else {
@@ -107,7 +107,7 @@ void model::handle_message(const delivery &item)
         handle_provision(to, item, bulk, flags);
         break;
     case 8:
-        platform_.debug(where, text_of("Receiving unprov AC", length, bulk));
+        platform_.debug(receiving, with_sizes("Receiving unprov AC", length, bulk));
         records(4, "unprov", 2, turn_words,
                 {feature::unprov_empty, feature::unprov_bad_length, feature::unprov_no_callback,
                  feature::unprov_delivered});

@@ -7,7 +7,6 @@ namespace simulation {
 
 namespace {
 
-constexpr std::uint32_t einval = 22;
 constexpr std::uint32_t begin_bit = 1;
 constexpr std::uint32_t end_bit = 2;
 constexpr std::uint64_t record_of_failed_send = std::uint64_t{2} << 32;
@@ -53,8 +52,7 @@ std::uint32_t model::mstp_request(const step &what, const settled &call, std::si
     }
     platform_.debug(kind.where, kind.called);
     const auto not_sent = [&](std::uint32_t status) {
-        platform_.report(kind.where, std::string("Failed to unicast: ") + qerr_strerror(status),
-                         record_of_failed_send, "%u%u");
+        platform_.report(kind.where, "Failed to unicast: " + text_of(status), record_of_failed_send, "%u%u");
     };
 
     if (call.count == 0) {

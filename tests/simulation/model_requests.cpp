@@ -9,14 +9,8 @@ namespace simulation {
 
 namespace {
 
-constexpr std::uint32_t einval = 22;
 constexpr std::uint64_t record_of_no_memory = std::uint64_t{1} << 32 | 0x2002051a;
 constexpr std::size_t entries_recorded = 1024;
-
-std::string text_of(std::uint32_t status)
-{
-    return qerr_strerror(status);
-}
 
 struct ac_kind {
     const char *where;

@@ -12,11 +12,6 @@ namespace {
 /* Thrown when the subject did not come to a call that the model comes to. */
 struct parted {};
 
-bool is_call(op what)
-{
-    return what >= op::connect && what <= op::protect;
-}
-
 } // namespace
 
 void model::take(const step &what, taken_over given)

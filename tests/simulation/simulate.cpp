@@ -4,9 +4,8 @@
  * Every scenario comes from its seed alone. One that fails is cut down and printed with the command that
  * runs it again.
  */
+#include "command_line.h"
 #include "runner.h"
-
-#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <csignal>
@@ -27,16 +26,6 @@ constexpr std::size_t steps_to_show = 12;
 
 /* With fewer scenarios than this it is no fault when something did not happen. */
 constexpr std::uint64_t seeds_that_cover = 500;
-
-constexpr std::uint64_t most_seeds = 1'000'000'000'000;
-
-struct options {
-    std::uint64_t first = 1;
-    std::uint64_t seeds = 2000;
-    std::uint32_t steps = 60;
-    std::uint32_t minutes = 0;
-    bool verbose = false;
-};
 
 /* For whoever has to report a crash: a signal handler, or a sanitizer at its end. */
 char again[512];
@@ -198,29 +187,10 @@ int check_itself(const options &given)
 int program(int argc, char **argv)
 {
     options given;
-    std::uint64_t seed = 0;
-    bool self_test = false;
-    CLI::App app("Runs the AC library under random scenarios and compares it with a model");
-    app.add_option("--seeds", given.seeds, "number of scenarios")
-        ->capture_default_str()
-        ->check(CLI::Range(std::uint64_t{1}, most_seeds));
-    app.add_option("--minutes", given.minutes, "no new scenario after so many minutes")
-        ->check(CLI::Range(1u, 100000u));
-    app.add_option("--first", given.first, "seed of the first")->capture_default_str();
-    const auto *const one = app.add_option("--seed", seed, "this scenario alone");
-    app.add_option("--steps", given.steps, "length of a scenario, about")
-        ->capture_default_str()
-        ->check(CLI::Range(1u, 100000u));
-    app.add_flag("--verbose", given.verbose, "print steps and events of one scenario, or seeds; and counts");
-    app.add_flag("--self-test", self_test, "check that mistakes of the model are found");
-    CLI11_PARSE(app, argc, argv);
-    if (one->count() > 0) {
-        given.first = seed;
-        given.seeds = 1;
-    }
-
+    if (const auto ended = read_command_line(argc, argv, given))
+        return *ended;
     watch_for_crashes();
-    return self_test ? check_itself(given) : simulate(given, argv[0]);
+    return given.self_test ? check_itself(given) : simulate(given, argv[0]);
 }
 
 } // namespace

@@ -59,6 +59,12 @@ inline constexpr std::size_t op_count = static_cast<std::size_t>(op::count_);
 
 [[nodiscard]] const char *name_of(op what);
 
+/* Whether it is a call of the library. */
+[[nodiscard]] constexpr bool is_call(op what)
+{
+    return what >= op::connect && what <= op::protect;
+}
+
 /* Which client a call is for. */
 enum class whom : std::uint8_t { current, stale, null, bogus, count_ };
 

@@ -28,11 +28,6 @@ std::size_t size_of_first(op what)
     }
 }
 
-bool is_call(op what)
-{
-    return what >= op::connect && what <= op::protect;
-}
-
 std::uint64_t address_of(const void *at)
 {
     return reinterpret_cast<std::uintptr_t>(at);
