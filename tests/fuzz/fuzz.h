@@ -1,6 +1,5 @@
 /*
- * What the fuzz targets share. A target is one function over the real code, linked with libFuzzer where the
- * compiler is clang, else with replay.cpp, which runs it over files.
+ * What the fuzz targets share. A target is one function over the real code, linked with libFuzzer.
  */
 #ifndef TESTS_FUZZ_FUZZ_H
 #define TESTS_FUZZ_FUZZ_H
@@ -110,17 +109,14 @@ inline bool is_plain(std::string_view text)
 
 } // namespace fuzz
 
-#ifdef FUZZ_ENGINE
 extern "C" size_t LLVMFuzzerMutate(uint8_t *data, size_t size, size_t max_size);
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size, unsigned seed);
-#endif
 
 /*
  * Most random changes of a message make a message of the wrong length, and never come further. So half of
  * them are made right again: behind `PREFIX` bytes of the input stands a header, and the count of records
  * in it and the input's end are set to agree. SIZE_OF_EACH(data) tells the bytes of a record, 0: unknown.
  */
-#ifdef FUZZ_ENGINE
 #define FUZZ_MESSAGE_MUTATOR(PREFIX, SIZE_OF_EACH)                                                           \
     extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size, unsigned seed)    \
     {                                                                                                        \
@@ -133,8 +129,5 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max
         fuzz::put_be32(data + (PREFIX) + 8, static_cast<uint32_t>(count));                                   \
         return payload + count * each;                                                                       \
     }
-#else
-#define FUZZ_MESSAGE_MUTATOR(PREFIX, SIZE_OF_EACH)
-#endif
 
 #endif
