@@ -195,6 +195,22 @@ std::string difference(std::list<owner> &owners, process_test::raw_control &proc
     std::string text;
     std::map<uint32_t, tables> found;
     const auto number = [](const json &row, const char *name) { return row.at(name).get<uint32_t>(); };
+    /* How much there is, a row a link, before what it is, of which there are thousands: this is asked again and
+     * again until it is empty. */
+    std::map<uint32_t, std::vector<size_t>> links;
+    for (const json &row : rows_of(process, R"({"verb":"show clients"})"))
+        for (const char *const what : {"acs", "vlans"})
+            links[number(row, "class")].push_back(number(row, what));
+    for (owner &each : owners) {
+        const tables intended = each.intends();
+        const std::vector<size_t> one_link = {intended.acs.size(), intended.vlans.size()};
+        if (links[each.class_id()] != one_link)
+            text += "class " + std::to_string(each.class_id()) + ": ACs and VLANs of each link " +
+                    testing::PrintToString(links[each.class_id()]) + ", intended " +
+                    testing::PrintToString(one_link) + "\n";
+    }
+    if (!text.empty())
+        return text;
     const auto name_of = [&](const json &row) {
         return "class " + row.at("class").dump() + " AC " + row.at("handle").dump();
     };
@@ -216,9 +232,6 @@ std::string difference(std::list<owner> &owners, process_test::raw_control &proc
         if (row.at("kind") != "vlan" ||
             !found[number(row, "class")].vlans.emplace(number(row, "vlan"), number(row, "msti")).second)
             text += "not wanted, or there twice: " + row.dump() + "\n";
-    std::map<uint32_t, int> links;
-    for (const json &row : rows_of(process, R"({"verb":"show clients"})"))
-        ++links[number(row, "class")];
     for (owner &each : owners) {
         const tables intended = each.intends();
         const auto held = found.extract(each.class_id());
@@ -232,8 +245,6 @@ std::string difference(std::list<owner> &owners, process_test::raw_control &proc
             text += class_text + "ACs differ, " + sizes(is.acs, intended.acs);
         if (is.vlans != intended.vlans)
             text += class_text + "VLANs differ, " + sizes(is.vlans, intended.vlans);
-        if (links[each.class_id()] != 1)
-            text += class_text + std::to_string(links[each.class_id()]) + " links\n";
     }
     for (const auto &[class_id, of] : found)
         text +=
