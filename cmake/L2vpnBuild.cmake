@@ -43,7 +43,7 @@ if(L2VPN_PROGRAM_OPTIONS)
 endif()
 if(L2VPN_SANITIZE)
     # Recovery is off: the first report ends the program, so that no test passes over one.
-    target_compile_options(l2vpn_build INTERFACE
+    add_compile_options(
         -fsanitize=${L2VPN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(l2vpn_build INTERFACE -fsanitize=${L2VPN_SANITIZE})
     if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang") # C programs load C++ libraries, which need the whole of it
@@ -55,7 +55,7 @@ if(L2VPN_COVERAGE)
     # What is not ours is not counted: that would take a third of the time.
     # The counters are in a shared mapping of the file, so that those of a program that is killed count too;
     # they are counted up atomically, or threads and processes that meet would make branches up that never ran.
-    target_compile_options(l2vpn_build INTERFACE
+    add_compile_options(
         -fprofile-instr-generate=${PROJECT_BINARY_DIR}/coverage/%m%c.profraw -fcoverage-mapping
         -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation"
         -fprofile-list=${CMAKE_CURRENT_LIST_DIR}/counted.txt)
