@@ -4,9 +4,7 @@
 #ifndef L2VPNCTL_COMMAND_LINE_WATCH_H
 #define L2VPNCTL_COMMAND_LINE_WATCH_H
 
-namespace CLI {
-class App;
-}
+#include <CLI/CLI.hpp>
 
 namespace l2vpnctl {
 
