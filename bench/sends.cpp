@@ -23,7 +23,7 @@ namespace {
 constexpr uint32_t class_id = 0, mtu = 65536;
 constexpr size_t greeting_size = 24, kind_at = 7; /* the low byte of a greeting's kind */
 constexpr char answer_kind = 2;
-constexpr int patience_ms = 10000;
+constexpr int link_patience_ms = 10000;
 
 /* While it lives, this thread and what it forks run on one of the processors that they may run on. Who sends is on the
  * first and who takes on the last, or it would depend on where the kernel puts them how often each waits. */
@@ -109,7 +109,7 @@ public:
         if (events_ == nullptr || l2vpn_ipc_client_init(events_, "platform", &client_) != EOK ||
             l2vpn_ipc_class_init(client_, class_id, 1, on_message, on_event, nullptr, &up_) != EOK)
             fail("the platform has no link");
-        for (int looks = 0; !up_ && looks < patience_ms / 100; ++looks)
+        for (int looks = 0; !up_ && looks < link_patience_ms / 100; ++looks)
             event_mgr_dispatch(events_, 100);
         if (!up_)
             fail("the platform's link does not come up");
@@ -152,7 +152,7 @@ public:
         header.msg_iovlen = pieces.size();
         while (sendmsg(fd_, &header, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
             pollfd room = {fd_, POLLOUT, 0};
-            if (errno != EAGAIN || poll(&room, 1, patience_ms) != 1)
+            if (errno != EAGAIN || poll(&room, 1, link_patience_ms) != 1)
                 fail("sendmsg: " + std::string(strerror(errno)));
         }
     }
