@@ -64,10 +64,11 @@ void reverse(std::vector<uint8_t> &bytes, const numbers &all)
 std::string hex(const std::vector<uint8_t> &bytes)
 {
     constexpr const char *digits = "0123456789abcdef";
-    std::string text;
-    for (const uint8_t byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
+    std::string text(2 * bytes.size(), '\0');
+    char *to = text.data();
+    for (const uint8_t *from = bytes.data(), *const end = from + bytes.size(); from != end; ++from) {
+        *to++ = digits[*from >> 4];
+        *to++ = digits[*from & 15];
     }
     return text;
 }

@@ -8,8 +8,8 @@
 #include <l2vpn/l2vpn_ac_api.h>
 
 #include <array>
-#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <random>
 #include <string>
@@ -54,7 +54,7 @@ struct ac_arrays {
 /* Makes requests up and keeps what they come to. */
 class model {
 public:
-    explicit model(uint32_t class_id) : m_class(class_id), m_random(class_id + 1) {}
+    explicit model(uint32_t class_id) : m_class(class_id), m_random(class_id + 2) {}
 
     uint32_t below(uint32_t limit) { return static_cast<uint32_t>(m_random()) % limit; }
     const tables &holds() const { return m_holds; }
@@ -74,10 +74,12 @@ private:
     template <typename Record>
     Record any()
     {
-        std::array<uint8_t, sizeof(Record)> bytes;
-        for (uint8_t &byte : bytes)
-            byte = static_cast<uint8_t>(m_random());
-        return std::bit_cast<Record>(bytes);
+        std::array<uint32_t, (sizeof(Record) + 3) / 4> words;
+        for (uint32_t &word : words)
+            word = static_cast<uint32_t>(m_random());
+        Record made;
+        std::memcpy(&made, words.data(), sizeof made);
+        return made;
     }
     l2vpn_ac_info_t any_info(uint32_t handle);
 
