@@ -41,6 +41,8 @@ if(L2VPN_PROGRAM_OPTIONS)
     target_compile_options(l2vpn_build INTERFACE
         "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${L2VPN_PROGRAM_OPTIONS}>")
 endif()
+# For all directories, not by l2vpn_build: of two options the last one counts, and what a target is compiled without
+# (L2VPN_TEST_OPTIONS) stands behind these only.
 if(L2VPN_SANITIZE)
     # Recovery is off: the first report ends the program, so that no test passes over one.
     add_compile_options(
@@ -60,6 +62,11 @@ if(L2VPN_COVERAGE)
         -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation"
         -fprofile-list=${CMAKE_CURRENT_LIST_DIR}/counted.txt)
     target_link_options(l2vpn_build INTERFACE -fprofile-instr-generate)
+    # Or a program in which nothing is counted would keep that in a file of another name, wherever it runs.
+    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/counted.c CONTENT "int l2vpn_counted(void);\nint l2vpn_counted(void) { return 0; }\n")
+    add_library(l2vpn_counted OBJECT ${PROJECT_BINARY_DIR}/counted.c)
+    target_link_libraries(l2vpn_build INTERFACE
+        "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:l2vpn_counted>>")
     set(L2VPN_UNCOUNTED -fno-profile-instr-generate -fno-coverage-mapping)
 endif()
 # Of tests' own code, not of what they test: checks at every access, which AddressSanitizer makes too, and which
