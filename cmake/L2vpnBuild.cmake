@@ -41,6 +41,8 @@ if(L2VPN_PROGRAM_OPTIONS)
     target_compile_options(l2vpn_build INTERFACE
         "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${L2VPN_PROGRAM_OPTIONS}>")
 endif()
+add_library(l2vpn_part_of_program INTERFACE) # a static library that only programs are made of
+target_compile_options(l2vpn_part_of_program INTERFACE ${L2VPN_PROGRAM_OPTIONS})
 # For all directories, not by l2vpn_build: of two options the last one counts, and what a target is compiled without
 # (L2VPN_TEST_OPTIONS) stands behind these only.
 if(L2VPN_SANITIZE)
@@ -157,6 +159,16 @@ function(l2vpn_test_code target)
         # It also spends a tenth of its time on getting memory back.
         target_compile_options(${target} PRIVATE -Wno-subobject-linkage --param=ggc-min-heapsize=1000000)
     endif()
+endfunction()
+
+# l2vpn_counted(TESTS...): these are counted and checked like what they test: its headers' code runs in them, too, or
+# nothing of theirs would tell their counters from another's.
+function(l2vpn_counted)
+    foreach(test IN LISTS ARGN)
+        get_target_property(options ${test} COMPILE_OPTIONS)
+        list(REMOVE_ITEM options ${L2VPN_TEST_OPTIONS})
+        set_target_properties(${test} PROPERTIES COMPILE_OPTIONS "${options}")
+    endforeach()
 endfunction()
 
 # l2vpn_gtest(NAME SOURCES... [DEFINITIONS...] [INCLUDES...] [LIBS...] [RUNS PROGRAMS... [DRIVER]] [TIMEOUT SECONDS]

@@ -107,7 +107,7 @@ private:
             return;
         }
         if (required)
-            fault(std::string(key) + ": is missing; '" + std::string(keyword()) + "' needs it");
+            fault(std::string(key).append(": is missing; '").append(keyword()).append("' needs it"));
     }
 
     std::size_t column(std::string_view word) const

@@ -19,6 +19,7 @@ constexpr uint64_t many = 66'000; /* the ring has room for all of them */
 
 struct long_work {
     const char *name;
+    uint64_t records;      /* that are enough */
     const char *arguments; /* of l2vpnctl; RING is the file */
     int status;
     const char *shown; /* once it was at the beginning of the line */
@@ -28,14 +29,14 @@ struct long_work {
 class long_recorded : public recorded {
 protected:
     /* The ring has many records. */
-    void make_many()
+    void make_many(uint64_t count = many)
     {
         start({"--capture-size", "20480"});
         raw_peer owner = peer(3);
-        for (uint64_t i = 0; i < many; i++) {
+        for (uint64_t i = 0; i < count; i++) {
             ASSERT_TRUE(owner.send(header(0, 0, 0).bytes()));
         }
-        ASSERT_TRUE(eventually([&] { return ask({"status"})["messages"] == many; }));
+        ASSERT_TRUE(eventually([&] { return ask({"status"})["messages"] == count; }));
     }
 };
 
@@ -85,8 +86,8 @@ bool catches(const system_test::child &program, int number)
 
 TEST_P(progress, is_shown_on_a_terminal_only)
 {
-    make_many();
     const long_work &work = GetParam();
+    make_many(work.records);
     std::string command = system_test::binary("l2vpnctl") + " " + work.arguments;
     for (size_t at = command.find("RING"); at != std::string::npos; at = command.find("RING")) {
         command.replace(at, 4, ring());
@@ -111,11 +112,11 @@ TEST_P(progress, is_shown_on_a_terminal_only)
 
 INSTANTIATE_TEST_SUITE_P(
     each, progress,
-    testing::Values(long_work{"monitor", "monitor --read RING --handle 1", 0, "\r6", true},
-                    long_work{"capture", "capture --from-ring RING -w x", 0, "\r6"},
-                    long_work{"explain", "explain --read RING 0x1", 5, "\r6"},
-                    long_work{"timeline", "timeline RING -o x", 0, "\r6"},
-                    long_work{"replay", "replay RING --count 500", 0, "\rreplayed 50 %"}),
+    testing::Values(long_work{"monitor", many, "monitor --read RING --handle 1", 0, "\r6", true},
+                    long_work{"capture", many, "capture --from-ring RING -w x", 0, "\r6"},
+                    long_work{"explain", many, "explain --read RING 0x1", 5, "\r6"},
+                    long_work{"timeline", 7'000, "timeline RING -o x", 0, "\r6"},
+                    long_work{"replay", 1'000, "replay RING --count 500", 0, "\rreplayed 50 %"}),
     [](const auto &work) { return std::string(work.param.name); });
 
 TEST_F(long_recorded, a_reader_that_has_stalled_keeps_nothing_running)
