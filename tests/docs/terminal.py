@@ -18,7 +18,7 @@ import signal
 import subprocess
 import time
 
-PATIENCE = 60  # for a busy machine; nothing waits for it to pass
+PATIENCE = 240  # for a compiler on a busy machine; nothing waits for it to pass
 BLOCK = re.compile(r"^```(c|h|cpp|console|input) (\S+)\n(.*?)^```$", re.M | re.S)
 
 
