@@ -4,7 +4,7 @@ option(L2VPN_WERROR "Treat warnings as errors" OFF)
 set(L2VPN_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
 option(L2VPN_COVERAGE "Count lines and branches, with clang" OFF)
 set(L2VPN_PROGRAM_OPTIONS "" CACHE STRING "More compiler options for programs, not libraries: -g1 compiles sooner")
-option(L2VPN_UNITY "Compile the sources of a part together, for checks that run nothing: large headers once" OFF)
+option(L2VPN_UNITY "Compile the sources of a part together, for checks of what nobody is given: large headers once" OFF)
 option(L2VPN_TESTS_TOGETHER "Compile tests in batches: all of them in half of the time, one of them in twice" OFF)
 set(L2VPN_PROGRAMS "" CACHE PATH "Where another build's programs are, for tests to run instead of this build's")
 set(L2VPN_DRIVERS "" CACHE PATH "Where another build's tests are that only run programs, to be used instead of this build's")
@@ -113,7 +113,11 @@ endfunction()
 # what is installed is never built like this.
 function(l2vpn_unity target)
     cmake_parse_arguments(ARG "" "" "EXCEPT;APART" ${ARGN})
-    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_MODE GROUP)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_MODE GROUP
+                          DISABLE_PRECOMPILE_HEADERS ${L2VPN_UNITY}) # to read them once twice would take longer
+    if(L2VPN_UNITY AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # it takes each file for a header
+        target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Wno-subobject-linkage>)
+    endif()
     get_target_property(sources ${target} SOURCES)
     set_source_files_properties(${sources} PROPERTIES UNITY_GROUP rest)
     foreach(list IN LISTS ARG_APART)

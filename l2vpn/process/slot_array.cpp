@@ -24,12 +24,12 @@ void slot_array::arena_delete::operator()(uint8_t *memory) const
 
 /* A large one is a mapping of its own: an allocator would keep it when it goes. Not every kernel places a mapping
  * where its huge pages begin; what is asked for more is never touched. */
-slot_array::arena slot_array::allocate(size_t bytes)
+slot_array::arena slot_array::allocate(size_t least)
 {
-    if (bytes < huge_page) {
-        return {static_cast<uint8_t *>(::operator new(bytes)), arena_delete{nullptr, 0}};
+    if (least < huge_page) {
+        return {static_cast<uint8_t *>(::operator new(least)), arena_delete{nullptr, 0}};
     }
-    const size_t wanted = (bytes + huge_page - 1) / huge_page * huge_page;
+    const size_t wanted = (least + huge_page - 1) / huge_page * huge_page;
     const size_t size = wanted + huge_page;
     void *const mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapping == MAP_FAILED) {

@@ -41,7 +41,7 @@ private:
     };
     using arena = std::unique_ptr<uint8_t, arena_delete>;
 
-    static arena allocate(size_t bytes);
+    static arena allocate(size_t least);
     void add_arena(size_t chunks);
 
     uint32_t m_size;
