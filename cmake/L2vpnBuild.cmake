@@ -128,6 +128,13 @@ function(l2vpn_unity target)
     endif()
 endfunction()
 
+# l2vpn_start_code(SOURCES...): what reads a command line, once: to optimise that takes longer than it ever saves.
+function(l2vpn_start_code)
+    if(NOT L2VPN_UNITY) # which would leave out what has options of its own
+        set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O1)
+    endif()
+endfunction()
+
 # l2vpn_tool_code(TARGET [HEADERS...]): how a tool is compiled: the large headers once, and where a sanitizer looks on
 # without optimisation, for there a tool is compiled for longer than it runs. What fuzzes may run all day.
 function(l2vpn_tool_code target)

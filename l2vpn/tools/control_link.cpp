@@ -18,11 +18,6 @@ namespace {
 constexpr size_t read_size = size_t{64} * 1024;
 constexpr int connect_pause_ms = 20;
 
-std::string text_of(int cause)
-{
-    return qerr_strerror(static_cast<qerrno>(cause));
-}
-
 /* A request as a line. A command line can hold any bytes, a request cannot. */
 std::string request_line(const std::string &verb, const json &args)
 {
@@ -38,13 +33,18 @@ std::string request_line(const std::string &verb, const json &args)
 
 } // namespace
 
+std::string meaning_of(int cause)
+{
+    return qerr_strerror(static_cast<qerrno>(cause));
+}
+
 std::string control_path(const std::string &runtime_dir)
 {
     if (!runtime_dir.empty()) {
         std::error_code error;
         const std::string dir = std::filesystem::absolute(runtime_dir, error);
         if (error) {
-            throw failure{exit_failed, "cannot tell the current directory: " + text_of(error.value())};
+            throw failure{exit_failed, "cannot tell the current directory: " + meaning_of(error.value())};
         }
         setenv("L2VPN_RUNTIME_DIR", dir.c_str(), 1);
     }
@@ -80,7 +80,7 @@ control_link::control_link(std::string path, std::chrono::milliseconds patience)
             close(m_fd);
         }
         const bool absent = cause == ENOENT || cause == ECONNREFUSED;
-        throw failure{exit_unreachable, "cannot reach l2vpnd at " + m_path + ": " + text_of(cause) +
+        throw failure{exit_unreachable, "cannot reach l2vpnd at " + m_path + ": " + meaning_of(cause) +
                                             (absent ? " (is it running?)" : "")};
     }
 }
@@ -108,7 +108,7 @@ void control_link::wait_for(short events)
 {
     pollfd ready{m_fd, events, 0};
     if (poll(&ready, 1, static_cast<int>(time_left().count())) < 0 && errno != EINTR) {
-        broken("cannot wait for it: " + text_of(errno));
+        broken("cannot wait for it: " + meaning_of(errno));
     }
 }
 
@@ -123,7 +123,7 @@ void control_link::send(const std::string &line)
         } else if (errno == EPIPE || errno == ECONNRESET) {
             return; /* why may stand in what it has sent */
         } else if (errno != EINTR) {
-            broken("cannot send the request: " + text_of(errno));
+            broken("cannot send the request: " + meaning_of(errno));
         }
     }
 }
@@ -151,7 +151,7 @@ std::string control_link::read_line()
         } else if (got < 0 && cause == EAGAIN) {
             wait_for(POLLIN);
         } else if (got < 0 && cause != EINTR) {
-            broken("the connection broke: " + text_of(cause));
+            broken("the connection broke: " + meaning_of(cause));
         }
     }
 }

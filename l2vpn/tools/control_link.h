@@ -30,6 +30,9 @@ struct failure {
     std::string text;
 };
 
+/* Of an errno or a status. */
+std::string meaning_of(int cause);
+
 /* The control socket under a runtime directory; an empty one is the platform's default. */
 std::string control_path(const std::string &runtime_dir);
 

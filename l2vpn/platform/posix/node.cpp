@@ -26,7 +26,7 @@ bool is_hexadecimal(std::string_view text)
 }
 
 /* FNV-1a. */
-std::uint32_t hash_of(std::string_view text)
+std::uint32_t hash_of_name(std::string_view text)
 {
     std::uint32_t hash = 2166136261;
     for (const char letter : text) {
@@ -37,7 +37,7 @@ std::uint32_t hash_of(std::string_view text)
 
 std::uint32_t id_of(std::string_view text)
 {
-    const std::uint32_t hash = hash_of(text);
+    const std::uint32_t hash = hash_of_name(text);
     return hash != NODEID_INVALID ? hash : hash - 1;
 }
 

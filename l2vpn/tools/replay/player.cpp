@@ -27,11 +27,6 @@ constexpr uint32_t messages_in_socket = 4;
 constexpr int eager_looks = 200; /* before time is spent asleep */
 constexpr int events_a_look = 64;
 
-std::string text_of(int cause)
-{
-    return qerr_strerror(static_cast<qerrno>(cause));
-}
-
 std::string describe_owner(const captured &record)
 {
     return "owner " + link_of(record).name() + " (class " + std::to_string(record.head.class_id) + ", node " +
@@ -138,7 +133,7 @@ player::link *player::open(const captured &record)
     if (status != 0) {
         m_refused.insert(id);
         m_surprises.push_back(
-            {nullptr, made->text + " is refused: " + text_of(static_cast<int>(status)), nullptr, nullptr});
+            {nullptr, made->text + " is refused: " + meaning_of(static_cast<int>(status)), nullptr, nullptr});
         return nullptr;
     }
     make_room(fd, m_mtu);
@@ -189,7 +184,7 @@ void player::drain()
                 break;
             }
             if (got <= 0) {
-                lose(of, got == 0 ? "closed" : text_of(errno));
+                lose(of, got == 0 ? "closed" : meaning_of(errno));
                 break;
             }
         }
@@ -235,7 +230,7 @@ void player::send(link &to, const captured &record)
             return;
         }
         if (errno != EAGAIN && errno != ENOBUFS) {
-            lose(to, text_of(errno));
+            lose(to, meaning_of(errno));
             return;
         }
         drain();
