@@ -50,7 +50,7 @@ constexpr size_t code_width = 16;
 constexpr size_t day_width = 10;
 constexpr size_t second_width = 19;
 
-std::string text_of(const chain_step &step)
+std::string line_of(const chain_step &step)
 {
     std::string text = step.code;
     if (!step.type.empty()) {
@@ -194,7 +194,7 @@ std::string explanation::to_text() const
         out += day == latest_day ? "" : "\n" + day + "\n";
         latest_day = day;
         out += (is_new ? "seen by " + searched[step.source].name + ": " + who(step) + "\n" : "");
-        out += "  " + short_time(step.time) + "  " + text_of(step) + (step.is_fault ? " (!)" : "") + "\n";
+        out += "  " + short_time(step.time) + "  " + line_of(step) + (step.is_fault ? " (!)" : "") + "\n";
     }
     if (left_out > 0) {
         out += "  (" + std::to_string(left_out) + " steps in the middle are left out)\n";
