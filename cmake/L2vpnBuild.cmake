@@ -39,7 +39,7 @@ if(L2VPN_WERROR)
 endif()
 if(L2VPN_PROGRAM_OPTIONS)
     target_compile_options(l2vpn_build INTERFACE
-        "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${L2VPN_PROGRAM_OPTIONS}>")
+        "$<$<AND:$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>,$<NOT:$<BOOL:$<TARGET_PROPERTY:L2VPN_TEST>>>>:${L2VPN_PROGRAM_OPTIONS}>")
 endif()
 add_library(l2vpn_part_of_program INTERFACE) # a static library that only programs are made of
 target_compile_options(l2vpn_part_of_program INTERFACE ${L2VPN_PROGRAM_OPTIONS})
@@ -76,6 +76,9 @@ endif()
 set(L2VPN_TEST_OPTIONS ${L2VPN_UNCOUNTED})
 if(L2VPN_SANITIZE MATCHES "undefined")
     list(APPEND L2VPN_TEST_OPTIONS -fno-sanitize=null,alignment,object-size,vptr,pointer-overflow)
+endif()
+if(L2VPN_TESTS_TOGETHER AND NOT L2VPN_SANITIZE) # an assertion tells its line; a report of a sanitizer needs more
+    list(APPEND L2VPN_TEST_OPTIONS -g0)
 endif()
 
 # Probes for tracers, where the header that makes them is (Debian: systemtap-sdt-dev). Nothing is linked for them.
@@ -155,6 +158,7 @@ function(l2vpn_test_code target)
     if(NOT TARGET l2vpn_test_headers)
         file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/test_headers.cpp CONTENT "int main() {}\n")
         add_executable(l2vpn_test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cpp)
+        set_target_properties(l2vpn_test_headers PROPERTIES L2VPN_TEST ON)
         target_link_libraries(l2vpn_test_headers PRIVATE l2vpn_build GTest::gmock GTest::gtest)
         target_compile_options(l2vpn_test_headers PRIVATE -O0 ${L2VPN_TEST_OPTIONS})
         target_precompile_headers(l2vpn_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>
@@ -162,7 +166,8 @@ function(l2vpn_test_code target)
     endif()
     target_compile_options(${target} PRIVATE -O0 -fPIE ${L2VPN_TEST_OPTIONS}) # -fPIE: libraries, too, share the headers
     target_precompile_headers(${target} REUSE_FROM l2vpn_test_headers)
-    set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_TESTS_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
+    set_target_properties(${target} PROPERTIES L2VPN_TEST ON
+                          UNITY_BUILD ${L2VPN_TESTS_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
     get_target_property(sources ${target} SOURCES)
     list(FILTER sources INCLUDE REGEX "/l2vpn/|[.]c$") # what is tested is compiled as it always is
     set_source_files_properties(${sources} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
