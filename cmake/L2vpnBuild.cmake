@@ -5,7 +5,7 @@ set(L2VPN_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: addre
 option(L2VPN_COVERAGE "Count lines and branches, with clang" OFF)
 set(L2VPN_PROGRAM_OPTIONS "" CACHE STRING "More compiler options for programs, not libraries: -g1 compiles sooner")
 option(L2VPN_UNITY "Compile the sources of a part together, for checks of what nobody is given: large headers once" OFF)
-option(L2VPN_TESTS_TOGETHER "Compile tests in batches: all of them in half of the time, one of them in twice" OFF)
+option(L2VPN_TESTS_TOGETHER "Compile the sources of a test program together: all tests in half of the time, one of them in twice" OFF)
 set(L2VPN_PROGRAMS "" CACHE PATH "Where another build's programs are, for tests to run instead of this build's")
 set(L2VPN_DRIVERS "" CACHE PATH "Where another build's tests are that only run programs, to be used instead of this build's")
 
@@ -167,7 +167,7 @@ function(l2vpn_test_code target)
     target_compile_options(${target} PRIVATE -O0 -fPIE ${L2VPN_TEST_OPTIONS}) # -fPIE: libraries, too, share the headers
     target_precompile_headers(${target} REUSE_FROM l2vpn_test_headers)
     set_target_properties(${target} PROPERTIES L2VPN_TEST ON
-                          UNITY_BUILD ${L2VPN_TESTS_TOGETHER} UNITY_BUILD_BATCH_SIZE 6)
+                          UNITY_BUILD ${L2VPN_TESTS_TOGETHER} UNITY_BUILD_BATCH_SIZE 0)
     get_target_property(sources ${target} SOURCES)
     list(FILTER sources INCLUDE REGEX "/l2vpn/|[.]c$") # what is tested is compiled as it always is
     set_source_files_properties(${sources} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)

@@ -7,21 +7,21 @@ namespace {
 
 using init = contract;
 
-const std::initializer_list<fn> steps = {fn::l2vpn_debug_init,
-                                         fn::platform_get_my_nodeid,
-                                         fn::l2vpn_ipc_client_init,
-                                         fn::event_async_attach_event,
-                                         fn::mgd_timer_tree_new,
-                                         fn::mgd_timer_parent_new,
-                                         fn::wavl_init,
-                                         fn::mgd_timer_tree_free,
-                                         fn::mgd_timer_parent_free,
-                                         fn::mgd_timer_leaf_new};
+const std::initializer_list<fn> init_steps = {fn::l2vpn_debug_init,
+                                              fn::platform_get_my_nodeid,
+                                              fn::l2vpn_ipc_client_init,
+                                              fn::event_async_attach_event,
+                                              fn::mgd_timer_tree_new,
+                                              fn::mgd_timer_parent_new,
+                                              fn::wavl_init,
+                                              fn::mgd_timer_tree_free,
+                                              fn::mgd_timer_parent_free,
+                                              fn::mgd_timer_leaf_new};
 
 TEST_F(init, takes_its_steps_in_order)
 {
     connect(4);
-    EXPECT_THAT(order_of(steps),
+    EXPECT_THAT(order_of(init_steps),
                 ElementsAre("l2vpn_debug_init", "platform_get_my_nodeid", "l2vpn_ipc_client_init",
                             "event_async_attach_event", "mgd_timer_tree_new", "mgd_timer_parent_new",
                             "wavl_init", "mgd_timer_leaf_new"));
@@ -181,7 +181,7 @@ TEST_P(failing_init, leaves_a_connect_that_begins_anew)
     world.clear_calls();
 
     connect_up(4);
-    EXPECT_THAT(order_of(steps),
+    EXPECT_THAT(order_of(init_steps),
                 ElementsAre("l2vpn_debug_init", "platform_get_my_nodeid", "l2vpn_ipc_client_init",
                             "event_async_attach_event", "mgd_timer_tree_new", "mgd_timer_parent_new",
                             "wavl_init", "mgd_timer_leaf_new"));

@@ -205,11 +205,11 @@ TEST_F(protecting, traces_its_entry)
 TEST_F(protecting, leaves_open_batches_open)
 {
     const auto hd = connect_up(4);
-    for (const mstp_kind &kind : kinds)
+    for (const mstp_kind &kind : mstp_kinds)
         ASSERT_EQ(send(kind, hd, begin, 1), 0u);
     l2vpn_mstp_prot_t prot = {};
     EXPECT_EQ(lib.mstp_protect(hd, end, &prot), 0u);
-    for (const mstp_kind &kind : kinds)
+    for (const mstp_kind &kind : mstp_kinds)
         EXPECT_TRUE(batch_is_open(kind, hd));
 }
 

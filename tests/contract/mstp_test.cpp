@@ -7,7 +7,7 @@ using namespace mstp_test;
 
 namespace {
 
-INSTANTIATE_TEST_SUITE_P(kinds, mstp, testing::ValuesIn(kinds),
+INSTANTIATE_TEST_SUITE_P(kinds, mstp, testing::ValuesIn(mstp_kinds),
                          [](const auto &param) { return std::string(param.param.name); });
 
 /* --- header bits, row by row: batch open before, caller's BEGIN, caller's END --- */
@@ -34,7 +34,7 @@ std::string row_name(const testing::TestParamInfo<std::tuple<mstp_kind, row>> &i
 }
 
 INSTANTIATE_TEST_SUITE_P(rows, header_bits,
-                         testing::Combine(testing::ValuesIn(kinds), testing::ValuesIn(rows)), row_name);
+                         testing::Combine(testing::ValuesIn(mstp_kinds), testing::ValuesIn(rows)), row_name);
 
 TEST_P(header_bits, of_all_messages_of_a_call)
 {
@@ -88,7 +88,7 @@ TEST_F(mstp_base, an_mtu_of_100_holds_seven_roots)
 {
     world.set.mtu = 100;
     const auto hd = connect_up(4);
-    EXPECT_EQ(send(kinds[0], hd, 0, 15), 0u);
+    EXPECT_EQ(send(mstp_kinds[0], hd, 0, 15), 0u);
     EXPECT_THAT(bulks_sent(), ElementsAre(7, 7, 1));
 }
 
@@ -96,7 +96,7 @@ TEST_F(mstp_base, an_mtu_of_400_holds_four_port_states)
 {
     world.set.mtu = 400;
     const auto hd = connect_up(4);
-    EXPECT_EQ(send(kinds[1], hd, 0, 9), 0u);
+    EXPECT_EQ(send(mstp_kinds[1], hd, 0, 9), 0u);
     const auto headers = sent_headers(4);
     ASSERT_EQ(headers.size(), 3u);
     EXPECT_THAT(bulks_sent(), ElementsAre(4, 4, 1));
@@ -109,7 +109,7 @@ TEST_F(mstp_base, an_mtu_of_1516_takes_a_full_vlan_map_in_eleven_messages)
 {
     world.set.mtu = 1516;
     const auto hd = connect_up(4);
-    EXPECT_EQ(send(kinds[2], hd, 0, 4094), 0u);
+    EXPECT_EQ(send(mstp_kinds[2], hd, 0, 4094), 0u);
     const auto headers = sent_headers(4);
     EXPECT_THAT(bulks_sent(), ElementsAre(375, 375, 375, 375, 375, 375, 375, 375, 375, 375, 344));
     for (std::size_t i = 0; i < headers.size(); ++i)
@@ -132,7 +132,7 @@ TEST_P(no_room, sends_messages_without_records_until_one_fails)
     world.set.mtu = GetParam().mtu;
     const auto hd = connect_idle(4);
     world.fail(fn::l2vpn_ipc_ucastv, 6, 105);
-    EXPECT_EQ(send(kinds[GetParam().kind], hd, 0, 3), 105u);
+    EXPECT_EQ(send(mstp_kinds[GetParam().kind], hd, 0, 3), 105u);
     EXPECT_THAT(bulks_sent(), ElementsAre(0, 0, 0, 0, 0));
     for (const auto &call : world.calls(fn::l2vpn_ipc_ucastv))
         EXPECT_THAT(call.pieces, ElementsAre(16, 0)) << "both pieces are there";
@@ -143,7 +143,7 @@ TEST_F(mstp_base, an_mtu_just_large_enough_holds_one_record)
     for (std::size_t k = 0; k < 3; ++k) {
         world.set.mtu = std::initializer_list<std::uint32_t>{28, 112, 20}.begin()[k];
         const auto hd = connect_up(4);
-        EXPECT_EQ(send(kinds[k], hd, 0, 2), 0u);
+        EXPECT_EQ(send(mstp_kinds[k], hd, 0, 2), 0u);
         EXPECT_THAT(bulks_sent(), ElementsAre(1, 1));
         ASSERT_EQ(lib.disconnect(hd), 0u);
     }
@@ -233,11 +233,11 @@ TEST_P(mstp, without_records_that_fails_reports_it_itself_and_closes_the_batch)
 TEST_F(mstp_base, a_map_opened_with_begin_and_closed_without_records)
 {
     const auto hd = connect_up(4);
-    EXPECT_EQ(send(kinds[2], hd, begin, 10), 0u);
+    EXPECT_EQ(send(mstp_kinds[2], hd, begin, 10), 0u);
     EXPECT_THAT(flags_sent(), ElementsAre(begin));
-    EXPECT_EQ(send(kinds[2], hd, end, nullptr, 0), 0u);
+    EXPECT_EQ(send(mstp_kinds[2], hd, end, nullptr, 0), 0u);
     EXPECT_THAT(flags_sent(), ElementsAre(end));
-    EXPECT_FALSE(batch_is_open(kinds[2], hd));
+    EXPECT_FALSE(batch_is_open(mstp_kinds[2], hd));
 }
 
 /* --- batches --- */
@@ -278,7 +278,7 @@ TEST_P(mstp, has_a_batch_of_its_own)
     const auto hd = connect_up(4);
     acs a(1);
     EXPECT_EQ(request(hd, begin, 1), 0u);
-    for (const mstp_kind &other : kinds) {
+    for (const mstp_kind &other : mstp_kinds) {
         if (other.msg_type != GetParam().msg_type) {
             EXPECT_FALSE(batch_is_open(other, hd));
             EXPECT_EQ(send(other, hd, end, nullptr, 0), 0u);

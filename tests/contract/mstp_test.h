@@ -24,7 +24,7 @@ inline void PrintTo(const mstp_kind &k, std::ostream *os)
     *os << k.name;
 }
 
-inline const mstp_kind kinds[] = {
+inline const mstp_kind mstp_kinds[] = {
     {"l2vpn_mstp_root", 14, 1083, 8, 12, " Called for L2VPN_MSTP_MSG_IS_ROOT"},
     {"l2vpn_mstp_port_request", 11, 1084, 96, 96, "Called for L2VPN_MSTP_MSG_STATE"},
     {"l2vpn_msti_vid_map", 9, 1085, 4, 4, " Called for L2VPN_MSTP_MSG_VID_MAP"},

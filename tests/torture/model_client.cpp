@@ -12,7 +12,7 @@ namespace torture {
 
 namespace {
 
-constexpr unsigned idle = 0, joining = 1, up = 2;
+constexpr unsigned state_idle = 0, state_joining = 1, state_up = 2;
 
 std::string status_text(int status)
 {
@@ -163,7 +163,7 @@ qerrno model::connect_client(id client, std::uint32_t class_id)
         undo_class();
         return rc;
     }
-    of(client).state = joining;
+    of(client).state = state_joining;
     of(client).retry_secs = 4;
     slot_[of(client).slot] = client;
     const qerrno rc = activate(client);
@@ -248,13 +248,13 @@ void model::event(const step &s)
         debug(self, "Disconnected from L2VPN process");
         stop_timer();
         of(client).retry_secs = 1;
-        of(client).state = idle;
+        of(client).state = state_idle;
         notify(client, "status 0 " + arg);
     } else if (s.number == L2VPN_IPC_EVT_CONNECTED) {
         debug(self, "Connected to L2VPN process");
-        if (of(client).state == joining)
+        if (of(client).state == state_joining)
             stop_timer();
-        of(client).state = up;
+        of(client).state = state_up;
         of(client).retry_secs = 1;
         notify(client, "status 1 " + arg);
     }
@@ -297,10 +297,10 @@ qerrno model::activate(id client)
     static const std::string self = "l2vpn_ac_activate_timer";
 
     debug(self, self);
-    if (of(client).state == idle)
+    if (of(client).state == state_idle)
         return ENOENT;
     start_timer(client, self);
-    if (of(client).state == up) {
+    if (of(client).state == state_up) {
         notify(client, "status 0 0");
         debug(self, self + " send down to client");
     }
@@ -354,8 +354,8 @@ void model::expire(id owner)
     const bool known = !fails(fn::mgd_timer_leaf_get_addl_context);
     lock(self);
     const id client = find(known ? owner : nobody);
-    if (client != nobody && of(client).state != idle) {
-        if (join(client) == EOK && of(client).state == up) {
+    if (client != nobody && of(client).state != state_idle) {
+        if (join(client) == EOK && of(client).state == state_up) {
             debug(self, self + " send UP to client");
             of(client).retry_secs = 1;
             notify(client, "status 1 0");

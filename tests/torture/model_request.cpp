@@ -13,7 +13,7 @@ namespace torture {
 
 namespace {
 
-constexpr std::uint32_t header = 16;
+constexpr std::uint32_t header_bytes = 16;
 constexpr std::uint32_t on_stack = 16384; /* entries of the check; more stand in a mapping */
 
 std::string status_text(qerrno status)
@@ -35,7 +35,7 @@ qerrno model::send(id client, std::uint32_t type, std::uint32_t bulk, std::uint3
                    std::size_t pieces)
 {
     return call(fn::l2vpn_ipc_ucastv,
-                text_of_message(of(client).class_id, type, bulk, flags, header + length, pieces));
+                text_of_message(of(client).class_id, type, bulk, flags, header_bytes + length, pieces));
 }
 
 qerrno model::ac_request(const ac_kind &kind, const step &s)
@@ -231,8 +231,8 @@ void model::message(const step &s)
 void model::dispatch(id client, const step &s)
 {
     static const std::string self = "l2vpn_ac_msg_cb";
-    const std::string sizes =
-        "len=" + std::to_string(header + s.payload) + ", bulk=" + std::to_string(static_cast<int>(s.count));
+    const std::string sizes = "len=" + std::to_string(header_bytes + s.payload) +
+                              ", bulk=" + std::to_string(static_cast<int>(s.count));
     const auto holds = [&](std::uint64_t size) { return size * s.count == s.payload; };
     const std::string records = std::to_string(s.count) + " flags " + std::to_string(s.flags);
 

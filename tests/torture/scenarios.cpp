@@ -91,7 +91,7 @@ step during(step nested)
 
 constexpr std::uint32_t large = 16385; /* one more than the platform's check is given on the stack */
 
-constexpr std::uint32_t header = L2VPN_AC_HDR_LEN;
+constexpr std::uint32_t header_size = L2VPN_AC_HDR_LEN;
 constexpr std::uint32_t mtu = 65536;
 
 /* An MTU that has room for two records of a request of a client of class A. */
@@ -99,15 +99,15 @@ constexpr std::uint32_t room_for_two(op kind)
 {
     switch (kind) {
     case op::create:
-        return header + 2 * (620 + 16);
+        return header_size + 2 * (620 + 16);
     case op::update:
-        return header + 2 * (4 + 16);
+        return header_size + 2 * (4 + 16);
     case op::root:
-        return header + 2 * 12;
+        return header_size + 2 * 12;
     case op::port_request:
-        return header + 2 * 96;
+        return header_size + 2 * 96;
     default:
-        return header + 2 * 4;
+        return header_size + 2 * 4;
     }
 }
 
@@ -165,7 +165,7 @@ void add_large(std::vector<scenario> &list)
     for (const op kind : {op::create, op::update, op::remove}) {
         const auto name = std::ranges::find(kinds, kind, &named_kind::kind)->name;
         list.push_back({std::string("large_") + name,
-                        header + (large / 2 + 1) * (620 + 16),
+                        header_size + (large / 2 + 1) * (620 + 16),
                         {connect(0, A), up(0), request(kind, 0, large), disconnect(0)}});
     }
 }
@@ -217,7 +217,7 @@ const std::vector<scenario> fixed = {
       request(op::remove, 0, 2), refuse(fn::l2vpn_ac_data_sanitize), request(op::create, 0, 0),
       disconnect(0)}},
     {"limit_of_zero",
-     header + 3,
+     header_size + 3,
      {connect(0, A), refuse(fn::l2vpn_ipc_ucastv, 3), request(op::create, 0, 2),
       refuse(fn::l2vpn_ipc_ucastv, 3), request(op::update, 0, 2), refuse(fn::l2vpn_ipc_ucastv, 3),
       request(op::remove, 0, 2), refuse(fn::l2vpn_ipc_ucastv, 3), request(op::root, 0, 2),
