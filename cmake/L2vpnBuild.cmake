@@ -117,7 +117,7 @@ endfunction()
 function(l2vpn_unity target)
     cmake_parse_arguments(ARG "" "" "EXCEPT;APART" ${ARGN})
     set_target_properties(${target} PROPERTIES UNITY_BUILD ${L2VPN_UNITY} UNITY_BUILD_MODE GROUP
-                          DISABLE_PRECOMPILE_HEADERS ${L2VPN_UNITY}) # to read them once twice would take longer
+                          DISABLE_PRECOMPILE_HEADERS ${L2VPN_UNITY}) # one source reads them once anyway
     if(L2VPN_UNITY AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # it takes each file for a header
         target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Wno-subobject-linkage>)
     endif()

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <l2vpn/l2vpn_ac_msg.h>
 #include <linux/sockios.h>
-#include <platform/qerr.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/epoll.h>
